@@ -1,0 +1,51 @@
+# Helpers that give every target of the project the same warnings, sanitizers and test wiring.
+
+set(MIRELL_WARNING_FLAGS -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wcast-align
+    -Woverloaded-virtual -Wconversion -Wsign-conversion -Wnull-dereference -Wformat=2
+    -Wimplicit-fallthrough)
+if(MIRELL_WARNINGS_AS_ERRORS)
+  list(APPEND MIRELL_WARNING_FLAGS -Werror)
+endif()
+
+if(MIRELL_SANITIZE STREQUAL "address")
+  set(MIRELL_SANITIZER_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+elseif(MIRELL_SANITIZE STREQUAL "thread")
+  set(MIRELL_SANITIZER_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
+elseif(NOT MIRELL_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "MIRELL_SANITIZE must be empty, 'address' or 'thread', not '${MIRELL_SANITIZE}'")
+endif()
+
+function(mirell_target_defaults target)
+  target_compile_options(${target} PRIVATE ${MIRELL_WARNING_FLAGS} ${MIRELL_SANITIZER_FLAGS})
+  target_link_options(${target} PRIVATE ${MIRELL_SANITIZER_FLAGS})
+endfunction()
+
+# mirell_library(<name> SOURCES ... [DEPS ...] [PRIVATE_DEPS ...])
+# One static library per subsystem; its public headers live in include/mirell/<subsystem>/.
+function(mirell_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include)
+  target_link_libraries(${name} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+  mirell_target_defaults(${name})
+endfunction()
+
+# mirell_test(<name> SOURCES ... [DEPS ...] [LABELS ...] [TIMEOUT seconds])
+# A GoogleTest executable whose tests CTest discovers one by one.
+function(mirell_test name)
+  if(NOT MIRELL_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gtest_main Threads::Threads)
+  mirell_target_defaults(${name})
+  set(properties TIMEOUT ${ARG_TIMEOUT})
+  if(ARG_LABELS)
+    list(APPEND properties LABELS "${ARG_LABELS}")
+  endif()
+  gtest_discover_tests(${name} PROPERTIES ${properties} DISCOVERY_TIMEOUT 60)
+endfunction()

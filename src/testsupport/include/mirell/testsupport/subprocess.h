@@ -1,0 +1,52 @@
+// Runs a child process for a test and captures what it prints. Test code only.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace mirell::testsupport {
+
+struct ProcessResult {
+  int exit_code = -1;     // The child's exit status; -1 when it was killed by a signal.
+  int signal = 0;         // The signal that ended it, or 0.
+  bool timed_out = false; // The child outlived the time limit and was killed.
+  std::string out;
+  std::string err;
+};
+
+struct ProcessOptions {
+  // Variables to set (or, with std::nullopt, to remove) on top of this process's environment.
+  std::map<std::string, std::optional<std::string>> environment;
+  std::chrono::milliseconds timeout{60'000};
+  std::string stdin_text;
+};
+
+// Runs argv[0] (searched on PATH) with the arguments and waits for it; never throws for a child
+// that fails, only for one that cannot be started.
+ProcessResult RunProcess(const std::vector<std::string>& argv, const ProcessOptions& options = {});
+
+// True when `program` is found on PATH.
+bool HaveProgram(const std::string& program);
+
+// A fresh directory under the system's temporary directory, removed with its contents on
+// destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// The whole content of a file, or an empty string when it cannot be read.
+std::string ReadFileText(const std::filesystem::path& path);
+
+}  // namespace mirell::testsupport
