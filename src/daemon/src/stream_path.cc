@@ -1,0 +1,29 @@
+#include "mirell/daemon/stream_path.h"
+
+namespace mirell::daemon {
+
+std::string RequestPath(std::string_view uri) {
+  std::string path;
+  const std::size_t scheme_end = uri.size() >= 3 ? uri.find("://") : std::string_view::npos;
+  if (scheme_end != std::string_view::npos) {
+    const std::size_t slash = uri.find('/', scheme_end + 3);
+    if (slash == std::string_view::npos) return "/";
+    path = uri.substr(slash);
+  } else {
+    path = uri;
+  }
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path.empty() ? "/" : path;
+}
+
+std::string TokenFromPath(std::string_view text) {
+  std::string path = RequestPath(text);
+  std::string_view rest = path;
+  while (!rest.empty() && rest.front() == '/') rest.remove_prefix(1);
+  if (rest.substr(0, 2) == "s/") rest.remove_prefix(2);
+  const std::size_t cut = rest.find_first_of("/?#");
+  if (cut != std::string_view::npos) rest = rest.substr(0, cut);
+  return std::string(rest);
+}
+
+}  // namespace mirell::daemon

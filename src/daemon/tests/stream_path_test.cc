@@ -1,0 +1,45 @@
+#include "mirell/daemon/stream_path.h"
+
+#include <gtest/gtest.h>
+
+namespace mirell::daemon {
+namespace {
+
+TEST(RequestPath, UriEndingAfterThePortIsRoot) {
+  EXPECT_EQ(RequestPath("rtsp://127.0.0.1:8554"), "/");
+  EXPECT_EQ(RequestPath("rtsp://"), "/");
+}
+
+TEST(RequestPath, TrailingSlashesGo) {
+  EXPECT_EQ(RequestPath("rtsp://127.0.0.1:8554/s/abc/"), "/s/abc");
+  EXPECT_EQ(RequestPath("/s/abc//"), "/s/abc");
+  EXPECT_EQ(RequestPath("/s/abc/"), "/s/abc");
+}
+
+TEST(RequestPath, LoneSlashAndEmpty) {
+  EXPECT_EQ(RequestPath("/"), "/");
+  EXPECT_EQ(RequestPath("//"), "/");
+  EXPECT_EQ(RequestPath(""), "/");
+}
+
+TEST(RequestPath, TextWithoutSchemeIsThePath) {
+  EXPECT_EQ(RequestPath("s/abc"), "s/abc");
+  EXPECT_EQ(RequestPath("ab"), "ab");
+  EXPECT_EQ(RequestPath(":/"), ":");
+}
+
+TEST(TokenFromPath, SuffixesAndQueriesGiveTheSameToken) {
+  for (const char* text : {"/s/abc", "/s/abc/", "/s/abc/trackID=0", "/s/abc?x=1", "/s/abc#f",
+                           "rtspt://127.0.0.1:8554/s/abc", "rtsp://127.0.0.1:8554/s/abc/trackID=1"}) {
+    EXPECT_EQ(TokenFromPath(text), "abc") << text;
+  }
+}
+
+TEST(TokenFromPath, PathWithoutPrefixGivesItsFirstSegment) {
+  EXPECT_EQ(TokenFromPath("/other/thing"), "other");
+  EXPECT_EQ(TokenFromPath("rtsp://h:1"), "");
+  EXPECT_EQ(TokenFromPath("///s/xyz"), "xyz");
+}
+
+}  // namespace
+}  // namespace mirell::daemon
