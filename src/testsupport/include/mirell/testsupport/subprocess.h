@@ -50,3 +50,32 @@ class TempDir {
 std::string ReadFileText(const std::filesystem::path& path);
 
 }  // namespace mirell::testsupport
+
+namespace mirell::testsupport {
+
+// A child that runs while the test goes on: its stdout and stderr go to files in a temporary
+// directory. The destructor kills it if it is still running.
+class ChildProcess {
+ public:
+  explicit ChildProcess(const std::vector<std::string>& argv, const ProcessOptions& options = {});
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  void Signal(int signal_number);
+  // Waits up to `timeout`; kills it when that passes (timed_out is then set).
+  ProcessResult Wait(std::chrono::milliseconds timeout);
+  bool Running();
+  int pid() const { return pid_; }
+
+ private:
+  TempDir dir_;
+  int pid_ = -1;
+  bool reaped_ = false;
+  int status_ = 0;
+};
+
+// True once some socket of this machine is bound to this UDP port (read from /proc/net/udp).
+bool UdpPortBound(int port);
+
+}  // namespace mirell::testsupport

@@ -1,0 +1,52 @@
+// Loopback UDP and media fixtures made at test time by the ffmpeg command line, for the tests
+// against GStreamer's and FFmpeg's own RTP and codec implementations.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "mirell/media/nal.h"
+
+namespace mirell::media::testing {
+
+// A UDP socket on 127.0.0.1: sends to a port, or receives on its own port.
+class UdpSocket {
+ public:
+  UdpSocket();  // Bound to 127.0.0.1 on a free port, with a large receive buffer.
+  ~UdpSocket();
+  UdpSocket(const UdpSocket&) = delete;
+  UdpSocket& operator=(const UdpSocket&) = delete;
+
+  int port() const { return port_; }
+  void SendTo(int port, ByteSpan packet);
+  // One datagram, or nothing when `timeout` passes first.
+  std::optional<Bytes> Receive(std::chrono::milliseconds timeout);
+
+ private:
+  int fd_ = -1;
+  int port_ = 0;
+};
+
+// A free UDP port on 127.0.0.1 at the moment of asking.
+int FreeUdpPort();
+
+// H.264 from testsrc2 with libx264, no B-frames, an access unit delimiter in front of every unit
+// and parameter sets in front of every keyframe.
+std::filesystem::path MakeH264Fixture(const std::filesystem::path& dir, int frames, int width, int height);
+// Splits an Annex B stream into access units at its delimiters (NAL type 9).
+std::vector<Bytes> SplitAtDelimiters(const Bytes& stream);
+
+// Stereo 48 kHz AAC-LC of a 1 kHz sine, as ADTS.
+std::filesystem::path MakeAacFixture(const std::filesystem::path& dir, double seconds);
+// The raw access units of an ADTS stream.
+std::vector<Bytes> ParseAdts(const Bytes& stream);
+
+Bytes ReadBytes(const std::filesystem::path& path);
+void WriteBytes(const std::filesystem::path& path, const Bytes& bytes);
+
+// Waits until some socket is bound to the UDP port; false after `timeout`.
+bool WaitForUdpPort(int port, std::chrono::milliseconds timeout);
+
+}  // namespace mirell::media::testing
