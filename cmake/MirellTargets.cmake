@@ -15,6 +15,14 @@ elseif(NOT MIRELL_SANITIZE STREQUAL "")
   message(FATAL_ERROR "MIRELL_SANITIZE must be empty, 'address' or 'thread', not '${MIRELL_SANITIZE}'")
 endif()
 
+# Fuzzing instruments everything for coverage; only the fuzzer executables link libFuzzer's main.
+if(MIRELL_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "MIRELL_FUZZ needs clang (the fuzz preset)")
+  endif()
+  list(APPEND MIRELL_SANITIZER_FLAGS -fsanitize=fuzzer-no-link)
+endif()
+
 function(mirell_target_defaults target)
   target_compile_options(${target} PRIVATE ${MIRELL_WARNING_FLAGS} ${MIRELL_SANITIZER_FLAGS})
   target_link_options(${target} PRIVATE ${MIRELL_SANITIZER_FLAGS})
