@@ -1,0 +1,41 @@
+// A plain loopback TCP client for tests that talk to our servers over real sockets.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace mirell::testsupport {
+
+class TcpClient {
+ public:
+  // Connects to 127.0.0.1:port; throws std::runtime_error when that fails.
+  explicit TcpClient(std::uint16_t port);
+  ~TcpClient();
+  TcpClient(const TcpClient&) = delete;
+  TcpClient& operator=(const TcpClient&) = delete;
+
+  void Send(std::string_view bytes);
+  // Ends our side of the connection (the server reads its end).
+  void ShutdownWrite();
+  // Reads until the server ends the connection or `timeout` passes; returns what arrived.
+  std::string ReadToEnd(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // True when the server ended the connection during the last ReadToEnd.
+  bool closed_by_peer() const { return closed_by_peer_; }
+  void Close();
+  int fd() const { return fd_; }
+
+ private:
+  int fd_ = -1;
+  bool closed_by_peer_ = false;
+};
+
+// One exchange: connect, send `request`, read the whole answer.
+std::string ExchangeOnce(std::uint16_t port, std::string_view request,
+                         std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// A port on 127.0.0.1 that was free a moment ago (bound to 0, read back, released).
+std::uint16_t FreeLoopbackPort();
+
+}  // namespace mirell::testsupport

@@ -1,0 +1,95 @@
+#include "mirell/testsupport/tcp_client.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace mirell::testsupport {
+namespace {
+
+sockaddr_in Loopback(std::uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+}  // namespace
+
+TcpClient::TcpClient(std::uint16_t port) {
+  fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd_ < 0) throw std::runtime_error("socket failed");
+  const auto address = Loopback(port);
+  if (connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    const std::string reason = std::strerror(errno);
+    close(fd_);
+    fd_ = -1;
+    throw std::runtime_error("connect to port " + std::to_string(port) + " failed: " + reason);
+  }
+}
+
+TcpClient::~TcpClient() { Close(); }
+
+void TcpClient::Close() {
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
+}
+
+void TcpClient::Send(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const auto sent = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent <= 0) throw std::runtime_error("send failed");
+    bytes.remove_prefix(static_cast<std::size_t>(sent));
+  }
+}
+
+void TcpClient::ShutdownWrite() { shutdown(fd_, SHUT_WR); }
+
+std::string TcpClient::ReadToEnd(std::chrono::milliseconds timeout) {
+  std::string received;
+  closed_by_peer_ = false;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  char buffer[8192];
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd entry{fd_, POLLIN, 0};
+    if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) <= 0) break;
+    const auto count = recv(fd_, buffer, sizeof(buffer), 0);
+    if (count <= 0) {
+      closed_by_peer_ = true;
+      break;
+    }
+    received.append(buffer, static_cast<std::size_t>(count));
+  }
+  return received;
+}
+
+std::string ExchangeOnce(std::uint16_t port, std::string_view request,
+                         std::chrono::milliseconds timeout) {
+  TcpClient client(port);
+  client.Send(request);
+  return client.ReadToEnd(timeout);
+}
+
+std::uint16_t FreeLoopbackPort() {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  auto address = Loopback(0);
+  socklen_t size = sizeof(address);
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+    if (fd >= 0) close(fd);
+    throw std::runtime_error("could not find a free port");
+  }
+  close(fd);
+  return ntohs(address.sin_port);
+}
+
+}  // namespace mirell::testsupport
