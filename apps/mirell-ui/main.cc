@@ -1,42 +1,82 @@
-// Mirell's one process. For now it brings up the log beside the executable and waits for
-// SIGINT or SIGTERM; the services join it as they are built.
-#include <signal.h>
-#include <unistd.h>
-
+// Mirell's one process: the tray application is the daemon. Start-up and shutdown run in a fixed
+// order; see docs/ARCHITECTURE.md.
+#include <QApplication>
+#include <QMessageBox>
+#include <QObject>
+#include <QString>
 #include <exception>
 #include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
 
-#include "mirell/base/error.h"
+#include "daemon_host.h"
+#include "instance_key.h"
 #include "mirell/base/logging.h"
+#include "mirell/daemon/winsock.h"
+#include "mirell/encode/media_runtime.h"
+#include "options.h"
+#include "quit_on_signal.h"
 
 namespace {
 
-std::filesystem::path ExecutableDirectory() {
-  return std::filesystem::read_symlink("/proc/self/exe").parent_path();
-}
+constexpr std::string_view kVersion = "0.1.3";
 
-int Run() {
-  // The log file is optional: a read-only install directory costs only the file.
-  mirell::SetLogFile(ExecutableDirectory() / "mirell-ui.log");
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGINT);
-  sigaddset(&stop_signals, SIGTERM);
-  MIRELL_CHECK_HR(-pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr));
-  LOG_WARN("mirell-ui started (pid {}); stop it with Ctrl+C", getpid());
-  int received = 0;
-  MIRELL_CHECK_HR(-sigwait(&stop_signals, &received));
-  LOG_WARN("mirell-ui stopping on signal {}", received);
-  return 0;
+mirell::ui::Arguments ArgumentsOf(int argc, char** argv) {
+  return {argv + 1, static_cast<std::size_t>(argc > 0 ? argc - 1 : 0)};
 }
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  using namespace mirell;
+  using namespace mirell::ui;
+
+  // The instance identity must be known before anything is built.
+  const StartOptions start = ScanStartOptions(ArgumentsOf(argc, argv), DaemonConfig{});
+  if (start.debug_log) SetLogLevel(LogLevel::kDebug);
+  const std::string key = InstanceKey(start.rtsp_port, start.pipe_name);
+  const std::string default_key =
+      InstanceKey(DaemonConfig{}.rtsp_port, DaemonConfig{}.pipe_name);
+
+  QApplication application(argc, argv);
+  QApplication::setApplicationName("Mirell");
+  QApplication::setOrganizationName("Mirell");
+  QApplication::setQuitOnLastWindowClosed(false);
+
+  // Without a writable directory the process just runs without a log file.
+  SetLogFile(std::filesystem::path(QCoreApplication::applicationDirPath().toStdString()) /
+             LogFileName(key, default_key));
+  LOG_INFO("mirell-ui {} starting, instance {}", kVersion, key);
+
+  daemon::WinsockRuntime winsock;
+  encode::MediaRuntime media;
+
+  // Locals are destroyed in reverse order of construction, which is the shutdown order: the host,
+  // the update URL and the configuration, the media runtime, the socket runtime, Qt.
+  DaemonConfig config;
+  LOG_INFO("quality {}x{}@{} v={}kbps a={}kbps/{}", config.width, config.height, config.fps,
+           config.video_kbps, config.audio_kbps, config.mono ? "mono" : "stereo");
+  // Qt has removed its own arguments from argc/argv by now.
+  const std::optional<std::string> given_update_url =
+      ScanServiceOptions(ArgumentsOf(argc, argv), config);
+  const std::string update_url =
+      given_update_url ? *given_update_url : DeriveUpdateUrl(config.signal_url);
+  LOG_DEBUG("update check {}", update_url.empty() ? "off" : update_url);
+
+  DaemonHost host(config);
   try {
-    return Run();
+    host.Start();
   } catch (const std::exception& error) {
-    LOG_ERROR("{}", error.what());
+    LOG_ERROR("could not start: {}", error.what());
+    QMessageBox::critical(nullptr, QObject::tr("Mirell couldn't start"),
+                          QString::fromStdString(error.what()), QMessageBox::Ok);
     return 1;
   }
+
+  QuitEventLoopOnSignals();
+  const int result = QApplication::exec();
+  host.Stop();
+  LOG_INFO("mirell-ui stopped ({})", result);
+  return result;
 }

@@ -1,0 +1,34 @@
+// What the process entry hands to DaemonHost: quality, ports, addresses, network and access.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "deployment.h"
+#include "mirell/daemon/resolve_endpoint.h"
+#include "mirell/transport/peer_config.h"
+
+namespace mirell::ui {
+
+struct DaemonConfig {
+  // The first six fields are laid out as the quality settings and assigned from them as a block.
+  std::uint32_t width = 1280;
+  std::uint32_t height = 720;
+  std::uint32_t fps = 30;
+  std::uint32_t video_kbps = 6000;
+  std::uint32_t audio_kbps = 128;
+  bool mono = false;
+  std::int64_t prime_ms = 500;  // History a new reader gets; nothing changes it.
+  std::uint16_t rtsp_port = 8554;
+  std::string pipe_name{daemon::kDefaultResolveEndpoint};  // The resolve endpoint.
+  std::string share_prefix{kDefaultSharePrefix};            // Host and path, no scheme.
+  std::string signal_url{kDefaultSignalUrl};
+  std::vector<transport::IceServer> ice_servers;
+  std::uint32_t ice_policy = 0;
+  std::map<std::string, std::string> allowlist;  // User id to name.
+  bool install_stub = true;
+};
+
+}  // namespace mirell::ui

@@ -1,0 +1,42 @@
+#include "daemon_host.h"
+
+#include <fmt/format.h>
+
+#include "mirell/base/logging.h"
+#include "share_link.h"
+
+namespace mirell::ui {
+
+DaemonHost::DaemonHost(DaemonConfig config) : config_(std::move(config)) {}
+
+DaemonHost::~DaemonHost() { Stop(); }
+
+void DaemonHost::Start() {
+  if (started_) return;
+  // Set first, so that Stop cleans up after a start that fails half-way.
+  started_ = true;
+  resolve_.emplace(config_.pipe_name, [this](const std::string& url) { return Resolve(url); });
+  resolve_->Start();
+}
+
+void DaemonHost::Stop() {
+  if (!started_) return;
+  started_ = false;
+  if (resolve_) {
+    resolve_->Stop();
+    resolve_.reset();
+  }
+}
+
+daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
+  const std::string token = ShareTokenFromUrl(url, config_.share_prefix);
+  if (token.empty()) return {};
+  return {daemon::ResolveStatus::kResolved,
+          fmt::format("rtspt://127.0.0.1:{}/s/{}", config_.rtsp_port, token), {}};
+}
+
+std::string DaemonHost::resolve_endpoint() const {
+  return resolve_ ? resolve_->endpoint() : std::string();
+}
+
+}  // namespace mirell::ui

@@ -1,0 +1,46 @@
+// The owner of the local services and the only thing the interface talks to. It has no thread
+// and no lock of its own: every call comes from the interface thread, except the callbacks it
+// hands to the services, which touch only the registry and constant configuration.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "daemon_config.h"
+#include "mirell/daemon/resolve_service.h"
+#include "mirell/daemon/stream_registry.h"
+
+namespace mirell::ui {
+
+class DaemonHost {
+ public:
+  explicit DaemonHost(DaemonConfig config);
+  ~DaemonHost();
+  DaemonHost(const DaemonHost&) = delete;
+  DaemonHost& operator=(const DaemonHost&) = delete;
+
+  // Starts the services. Throws when one that the program cannot run without fails (the resolve
+  // endpoint). A second call does nothing.
+  void Start();
+  // Stops everything in order; does nothing when not started.
+  void Stop();
+
+  // The decision for one URL, as the resolve service gets it: a share link of this deployment
+  // is resolved to the loopback RTSP address of its token; anything else is not ours.
+  daemon::ResolveResult Resolve(const std::string& url);
+
+  const DaemonConfig& config() const { return config_; }
+  daemon::StreamRegistry& registry() { return registry_; }
+  // The resolve endpoint as bound; empty when not started.
+  std::string resolve_endpoint() const;
+
+ private:
+  // Member order is destruction order in reverse: the services end before the registry they use.
+  DaemonConfig config_;
+  daemon::StreamRegistry registry_;
+  // The RTSP server takes its place here, before the resolve service.
+  std::optional<daemon::ResolveService> resolve_;
+  bool started_ = false;
+};
+
+}  // namespace mirell::ui

@@ -1,0 +1,71 @@
+#include "options.h"
+
+#include <cstdlib>
+#include <functional>
+#include <vector>
+#include <string_view>
+
+namespace mirell::ui {
+namespace {
+
+// One option of a scan: a flag, or a name whose value is the next argument.
+struct OptionRule {
+  std::string_view name;
+  bool takes_value;
+  std::function<void(const char* value)> apply;
+};
+
+// Walks the arguments once, left to right. A value is consumed with its name, so it is never
+// read as an option of the same scan; a name in last place has no value and is ignored.
+void Scan(Arguments arguments, const std::vector<OptionRule>& rules) {
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    for (const auto& rule : rules) {
+      if (rule.name != arguments[i]) continue;
+      if (!rule.takes_value) {
+        rule.apply(nullptr);
+      } else if (i + 1 < arguments.size()) {
+        rule.apply(arguments[++i]);
+      }
+      break;
+    }
+  }
+}
+
+}  // namespace
+
+std::uint16_t ParsePortOption(const char* text) {
+  return static_cast<std::uint16_t>(std::atoi(text));
+}
+
+StartOptions ScanStartOptions(Arguments arguments, const DaemonConfig& defaults) {
+  StartOptions options{defaults.rtsp_port, defaults.pipe_name, false};
+  Scan(arguments,
+       {{"--rtsp-port", true, [&](const char* value) { options.rtsp_port = ParsePortOption(value); }},
+        {"--debug-log", false, [&](const char*) { options.debug_log = true; }},
+        {"--pipe", true, [&](const char* value) { options.pipe_name = value; }}});
+  return options;
+}
+
+std::optional<std::string> ScanServiceOptions(Arguments arguments, DaemonConfig& config) {
+  std::optional<std::string> update_url;
+  Scan(arguments,
+       {{"--update-url", true, [&](const char* value) { update_url = value; }},
+        {"--no-stub", false, [&](const char*) { config.install_stub = false; }},
+        {"--rtsp-port", true, [&](const char* value) { config.rtsp_port = ParsePortOption(value); }},
+        {"--pipe", true, [&](const char* value) { config.pipe_name = value; }},
+        {"--signal", true, [&](const char* value) { config.signal_url = value; }}});
+  return update_url;
+}
+
+std::string DeriveUpdateUrl(const std::string& signal_url) {
+  const auto slashes = signal_url.find("//");
+  if (slashes == std::string::npos) return {};
+  const auto path = signal_url.find('/', slashes + 2);
+  if (path == std::string::npos) return {};
+  constexpr std::string_view kSecureSocket = "wss://";
+  const std::string origin = signal_url.substr(0, path);
+  if (!origin.starts_with(kSecureSocket)) return {};
+  return "https://" + origin.substr(kSecureSocket.size()) + "/latest";
+}
+
+}  // namespace mirell::ui

@@ -1,0 +1,39 @@
+// The command line, read by separate scans on purpose: the first runs before anything is built
+// (the instance identity depends on it), the second after the settings are loaded, so that the
+// command line beats stored settings. Each scan knows only its own options; unknown arguments
+// and a value option with nothing behind it are ignored, and the last repeat wins.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "daemon_config.h"
+
+namespace mirell::ui {
+
+// The arguments after the program name.
+using Arguments = std::span<const char* const>;
+
+struct StartOptions {
+  std::uint16_t rtsp_port = 0;
+  std::string pipe_name;
+  bool debug_log = false;
+};
+
+// First scan: "--rtsp-port", "--debug-log", "--pipe", over the defaults of `defaults`.
+StartOptions ScanStartOptions(Arguments arguments, const DaemonConfig& defaults);
+
+// Second scan: "--update-url", "--no-stub", "--rtsp-port", "--pipe", "--signal", written into
+// `config`. Returns the update URL when "--update-url" was given at all, even empty.
+std::optional<std::string> ScanServiceOptions(Arguments arguments, DaemonConfig& config);
+
+// The update endpoint of a signal server: "https://" + host + "/latest" for a "wss://" URL with
+// a path behind its host; empty (no update check) for anything else.
+std::string DeriveUpdateUrl(const std::string& signal_url);
+
+// "--rtsp-port"'s value: atoi, kept in 16 bits, so 70000 is 4464 and text is 0.
+std::uint16_t ParsePortOption(const char* text);
+
+}  // namespace mirell::ui

@@ -1,0 +1,133 @@
+#include "options.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace mirell::ui {
+namespace {
+
+// Holds argument texts for a scan.
+struct Args {
+  explicit Args(std::vector<const char*> list) : values(std::move(list)) {}
+  Arguments span() const { return {values.data(), values.size()}; }
+  std::vector<const char*> values;
+};
+
+TEST(StartOptions, DefaultsWhenNothingIsGiven) {
+  const auto options = ScanStartOptions(Args({}).span(), DaemonConfig{});
+  EXPECT_EQ(options.rtsp_port, 8554);
+  EXPECT_EQ(options.pipe_name, "127.0.0.1:8555");
+  EXPECT_FALSE(options.debug_log);
+}
+
+TEST(StartOptions, PortAsTheLastArgumentHasNoValueAndKeepsTheDefault) {
+  const auto options = ScanStartOptions(Args({"--rtsp-port"}).span(), DaemonConfig{});
+  EXPECT_EQ(options.rtsp_port, 8554);
+  DaemonConfig config;
+  ScanServiceOptions(Args({"--pipe", "127.0.0.1:9000", "--rtsp-port"}).span(), config);
+  EXPECT_EQ(config.rtsp_port, 8554);
+  EXPECT_EQ(config.pipe_name, "127.0.0.1:9000");
+}
+
+TEST(StartOptions, RepeatsAreAllowedAndTheLastWins) {
+  const auto options = ScanStartOptions(
+      Args({"--rtsp-port", "1000", "--pipe", "127.0.0.1:1", "--rtsp-port", "2000", "--pipe",
+            "127.0.0.1:2"})
+          .span(),
+      DaemonConfig{});
+  EXPECT_EQ(options.rtsp_port, 2000);
+  EXPECT_EQ(options.pipe_name, "127.0.0.1:2");
+}
+
+TEST(StartOptions, PortWrapsToSixteenBitsAndTextIsZero) {
+  EXPECT_EQ(ScanStartOptions(Args({"--rtsp-port", "70000"}).span(), DaemonConfig{}).rtsp_port,
+            4464);
+  EXPECT_EQ(ScanStartOptions(Args({"--rtsp-port", "abc"}).span(), DaemonConfig{}).rtsp_port, 0);
+  DaemonConfig config;
+  ScanServiceOptions(Args({"--rtsp-port", "70000"}).span(), config);
+  EXPECT_EQ(config.rtsp_port, 4464);
+}
+
+TEST(StartOptions, MatchingIsExactAndCaseSensitiveAndUnknownsAreIgnored) {
+  const auto options = ScanStartOptions(
+      Args({"--RTSP-PORT", "1", "--rtsp-port=2", "--debug-logs", "-debug-log", "--whatever"})
+          .span(),
+      DaemonConfig{});
+  EXPECT_EQ(options.rtsp_port, 8554);
+  EXPECT_FALSE(options.debug_log);
+}
+
+TEST(Scans, EachScanKnowsOnlyItsOwnOptions) {
+  // "--debug-log" behind "--signal" is the signal URL in the second scan and switches on debug
+  // logging in the first.
+  const Args args({"--signal", "--debug-log"});
+  EXPECT_TRUE(ScanStartOptions(args.span(), DaemonConfig{}).debug_log);
+  DaemonConfig config;
+  ScanServiceOptions(args.span(), config);
+  EXPECT_EQ(config.signal_url, "--debug-log");
+}
+
+TEST(Scans, AValueIsNotReadAsAnOptionOfTheSameScan) {
+  DaemonConfig config;
+  ScanServiceOptions(Args({"--signal", "--no-stub"}).span(), config);
+  EXPECT_EQ(config.signal_url, "--no-stub");
+  EXPECT_TRUE(config.install_stub);
+}
+
+TEST(ServiceOptions, ReadsEveryOption) {
+  DaemonConfig config;
+  const auto update_url = ScanServiceOptions(
+      Args({"--no-stub", "--rtsp-port", "9554", "--pipe", "127.0.0.1:9555", "--signal",
+            "wss://other.example/signal", "--update-url", "https://u.example/latest"})
+          .span(),
+      config);
+  EXPECT_FALSE(config.install_stub);
+  EXPECT_EQ(config.rtsp_port, 9554);
+  EXPECT_EQ(config.pipe_name, "127.0.0.1:9555");
+  EXPECT_EQ(config.signal_url, "wss://other.example/signal");
+  EXPECT_EQ(update_url, std::optional<std::string>("https://u.example/latest"));
+}
+
+TEST(ServiceOptions, EmptyUpdateUrlIsGivenAndStopsTheDerivation) {
+  DaemonConfig config;
+  const auto update_url = ScanServiceOptions(Args({"--update-url", ""}).span(), config);
+  ASSERT_TRUE(update_url.has_value());
+  EXPECT_EQ(*update_url, "");
+  EXPECT_FALSE(ScanServiceOptions(Args({}).span(), config).has_value());
+}
+
+TEST(UpdateUrl, DerivedFromTheSecureSignalUrl) {
+  EXPECT_EQ(DeriveUpdateUrl(DaemonConfig{}.signal_url), "https://mirell.example/latest");
+  EXPECT_EQ(DeriveUpdateUrl("wss://host.example:8443/signal/x"),
+            "https://host.example:8443/latest");
+}
+
+TEST(UpdateUrl, OffForOtherSchemesAndUrlsWithoutAPath) {
+  EXPECT_EQ(DeriveUpdateUrl("ws://mirell.example/signal"), "");
+  EXPECT_EQ(DeriveUpdateUrl("https://mirell.example/signal"), "");
+  EXPECT_EQ(DeriveUpdateUrl("wss://mirell.example"), "");
+  EXPECT_EQ(DeriveUpdateUrl("mirell.example/signal"), "");
+  EXPECT_EQ(DeriveUpdateUrl(""), "");
+}
+
+TEST(DaemonConfigDefaults, AreTheDesignedOnes) {
+  const DaemonConfig config;
+  EXPECT_EQ(config.width, 1280u);
+  EXPECT_EQ(config.height, 720u);
+  EXPECT_EQ(config.fps, 30u);
+  EXPECT_EQ(config.video_kbps, 6000u);
+  EXPECT_EQ(config.audio_kbps, 128u);
+  EXPECT_FALSE(config.mono);
+  EXPECT_EQ(config.prime_ms, 500);
+  EXPECT_EQ(config.rtsp_port, 8554);
+  EXPECT_EQ(config.share_prefix, "mirell.example/s/");
+  EXPECT_EQ(config.signal_url, "wss://mirell.example/signal");
+  EXPECT_TRUE(config.ice_servers.empty());
+  EXPECT_EQ(config.ice_policy, 0u);
+  EXPECT_TRUE(config.allowlist.empty());
+  EXPECT_TRUE(config.install_stub);
+}
+
+}  // namespace
+}  // namespace mirell::ui

@@ -1,0 +1,180 @@
+// The real mirell-ui executable: started headless, asked over its resolve endpoint, stopped with
+// signals, and failing to start with its message box driven on a private X server.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "instance_key.h"
+#include "mirell/testsupport/subprocess.h"
+#include "mirell/testsupport/tcp_client.h"
+#include "mirell/testsupport/xvfb.h"
+
+namespace mirell::ui {
+namespace {
+
+using namespace std::chrono_literals;
+using testsupport::ChildProcess;
+using testsupport::ExchangeOnce;
+
+// A copy of the executable in a temporary directory, so that its log file (beside the
+// executable) is this test's own.
+class InstalledUi {
+ public:
+  InstalledUi() {
+    binary_ = dir_.path() / "mirell-ui";
+    std::filesystem::copy_file(MIRELL_UI_BINARY, binary_);
+  }
+  const std::filesystem::path& binary() const { return binary_; }
+  std::string Log(std::uint16_t rtsp_port, const std::string& pipe) const {
+    return testsupport::ReadFileText(dir_.path() /
+                                     LogFileName(InstanceKey(rtsp_port, pipe), "unused"));
+  }
+  // Waits until the log holds `text`.
+  bool WaitForLog(std::uint16_t rtsp_port, const std::string& pipe, const std::string& text,
+                  std::chrono::milliseconds limit = 20s) const {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (Log(rtsp_port, pipe).find(text) != std::string::npos) return true;
+      std::this_thread::sleep_for(20ms);
+    }
+    return false;
+  }
+
+ private:
+  testsupport::TempDir dir_;
+  std::filesystem::path binary_;
+};
+
+testsupport::ProcessOptions Headless() {
+  testsupport::ProcessOptions options;
+  options.environment["QT_QPA_PLATFORM"] = "offscreen";
+  options.environment["MIRELL_LOG"] = "debug";
+  return options;
+}
+
+class UiProcess : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    pipe_port_ = testsupport::FreeLoopbackPort();
+    rtsp_port_ = testsupport::FreeLoopbackPort();
+    pipe_ = "127.0.0.1:" + std::to_string(pipe_port_);
+    process_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+                                 std::to_string(rtsp_port_)},
+        Headless());
+    ASSERT_TRUE(ui_.WaitForLog(rtsp_port_, pipe_, "listening " + pipe_))
+        << ui_.Log(rtsp_port_, pipe_);
+  }
+
+  InstalledUi ui_;
+  std::uint16_t pipe_port_ = 0;
+  std::uint16_t rtsp_port_ = 0;
+  std::string pipe_;
+  std::unique_ptr<ChildProcess> process_;
+};
+
+TEST_F(UiProcess, AnswersResolveRequestsAndStopsOnSigterm) {
+  EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://example.com/watch?v=1\n"), "PASS\n");
+  EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://mirell.example/s/ABCDEFGHJKMN\n"),
+            "OK rtspt://127.0.0.1:" + std::to_string(rtsp_port_) + "/s/ABCDEFGHJKMN\n");
+
+  {  // A malformed request gets nothing, and the next client is served.
+    testsupport::TcpClient client(pipe_port_);
+    client.Send("RESOLVE no newline");
+    client.ShutdownWrite();
+    EXPECT_EQ(client.ReadToEnd(), "");
+  }
+  EXPECT_EQ(ExchangeOnce(pipe_port_, "GET / HTTP/1.0\n"), "ERR unknown verb\n");
+  EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://example.com/\n"), "PASS\n");
+
+  process_->Signal(SIGTERM);
+  const auto result = process_->Wait(20s);
+  EXPECT_FALSE(result.timed_out);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_THROW(testsupport::TcpClient client(pipe_port_), std::runtime_error);
+
+  const std::string log = ui_.Log(rtsp_port_, pipe_);
+  EXPECT_NE(log.find("malformed request bytes=18"), std::string::npos) << log;
+  EXPECT_NE(log.find("stopping on signal 15"), std::string::npos) << log;
+  EXPECT_NE(log.find("mirell-ui stopped (0)"), std::string::npos) << log;
+}
+
+TEST_F(UiProcess, StopsOnSigintToo) {
+  process_->Signal(SIGINT);
+  const auto result = process_->Wait(20s);
+  EXPECT_FALSE(result.timed_out);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_THROW(testsupport::TcpClient client(pipe_port_), std::runtime_error);
+}
+
+TEST_F(UiProcess, LogsBesideTheExecutableUnderTheInstanceKey) {
+  const std::string log = ui_.Log(rtsp_port_, pipe_);
+  EXPECT_NE(log.find("instance " + InstanceKey(rtsp_port_, pipe_)), std::string::npos) << log;
+  EXPECT_NE(log.find("quality 1280x720@30 v=6000kbps a=128kbps/stereo"), std::string::npos);
+}
+
+// A port held by another program: the start fails with the message box, which the test finds on
+// a private X server by its title and answers with the Return key.
+TEST(UiStartFailure, TakenEndpointShowsTheBoxAndExitsWithOne) {
+  testsupport::XvfbDisplay display;
+  if (!display.available() || !testsupport::HaveProgram("xdotool")) {
+    GTEST_SKIP() << "needs Xvfb and xdotool (scripts/install-deps installs them)";
+  }
+  InstalledUi ui;
+  // The other program: a listener on the endpoint we are about to ask for.
+  const std::uint16_t taken_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(taken_port);
+  ChildProcess other({"python3", "-c",
+                      "import socket,time\n"
+                      "s=socket.socket()\n"
+                      "s.bind(('127.0.0.1'," + std::to_string(taken_port) + "))\n"
+                      "s.listen()\n"
+                      "print('bound',flush=True)\n"
+                      "time.sleep(120)\n"});
+  const auto bound_deadline = std::chrono::steady_clock::now() + 10s;
+  bool bound = false;
+  while (!bound && std::chrono::steady_clock::now() < bound_deadline) {
+    try {
+      testsupport::TcpClient probe(taken_port);
+      bound = true;
+    } catch (const std::runtime_error&) {
+      std::this_thread::sleep_for(20ms);
+    }
+  }
+  ASSERT_TRUE(bound);
+
+  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  testsupport::ProcessOptions options;
+  options.environment["DISPLAY"] = display.name();
+  options.environment["QT_QPA_PLATFORM"] = "xcb";
+  options.environment["MIRELL_LOG"] = "debug";
+  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port",
+                        std::to_string(rtsp_port)},
+                       options);
+
+  testsupport::ProcessOptions xdotool_options;
+  xdotool_options.environment["DISPLAY"] = display.name();
+  xdotool_options.timeout = 30s;
+  const auto found = testsupport::RunProcess(
+      {"xdotool", "search", "--sync", "--name", "^Mirell couldn't start$"}, xdotool_options);
+  ASSERT_EQ(found.exit_code, 0) << found.err << ui.Log(rtsp_port, pipe);
+  const std::string window = found.out.substr(0, found.out.find('\n'));
+  EXPECT_TRUE(process.Running()) << "the box must wait for the user";
+
+  // Only the press: the box closes on it, so a release would go to a window that is gone.
+  const auto pressed = testsupport::RunProcess({"xdotool", "keydown", "--window", window, "Return"},
+                                               xdotool_options);
+  ASSERT_EQ(pressed.exit_code, 0) << pressed.err;
+  const auto result = process.Wait(20s);
+  EXPECT_FALSE(result.timed_out);
+  EXPECT_EQ(result.exit_code, 1) << result.err;
+  const std::string log = ui.Log(rtsp_port, pipe);
+  EXPECT_NE(log.find("could not start: "), std::string::npos) << log;
+  EXPECT_NE(log.find("could not listen on " + pipe), std::string::npos) << log;
+}
+
+}  // namespace
+}  // namespace mirell::ui

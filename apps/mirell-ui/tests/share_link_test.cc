@@ -1,0 +1,92 @@
+#include "share_link.h"
+
+#include <gtest/gtest.h>
+
+#include "daemon_host.h"
+#include "mirell/testsupport/tcp_client.h"
+
+namespace mirell::ui {
+namespace {
+
+constexpr std::string_view kPrefix = "mirell.example/s/";
+
+TEST(ShareToken, QueryAndPathAreCutOff) {
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/abc123?t=1", kPrefix), "abc123");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/abc123/extra", kPrefix), "abc123");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/abc123#frag", kPrefix), "abc123");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/abc123&x", kPrefix), "abc123");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/ABCDEFGHJKMN", kPrefix), "ABCDEFGHJKMN");
+}
+
+TEST(ShareToken, AnySchemeWillDo) {
+  EXPECT_EQ(ShareTokenFromUrl("ftp://mirell.example/s/abc123", kPrefix), "abc123");
+  EXPECT_EQ(ShareTokenFromUrl("x://mirell.example/s/t", kPrefix), "t");
+}
+
+TEST(ShareToken, NothingBehindThePrefixIsNoToken) {
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/?t=1", kPrefix), "");
+}
+
+TEST(ShareToken, ThePrefixMustStandDirectlyBehindTheScheme) {
+  EXPECT_EQ(ShareTokenFromUrl("https://evil.example/https://mirell.example/s/abc", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://www.mirell.example/s/abc", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://MIRELL.example/s/abc", kPrefix), "");
+}
+
+TEST(ShareToken, ShortOrSchemelessUrlsAreNoLinks) {
+  EXPECT_EQ(ShareTokenFromUrl("", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("ab", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("mirell.example/s/abc", kPrefix), "");
+}
+
+TEST(DaemonHostResolve, ShareLinkGetsTheLoopbackAddressAndOthersPass) {
+  DaemonConfig config;
+  config.rtsp_port = 9123;
+  DaemonHost host(config);
+  const auto ours = host.Resolve("https://mirell.example/s/abc123?t=1");
+  EXPECT_EQ(ours.status, daemon::ResolveStatus::kResolved);
+  EXPECT_EQ(ours.url, "rtspt://127.0.0.1:9123/s/abc123");
+  EXPECT_EQ(ours.reason, "");
+  const auto other = host.Resolve("https://example.com/watch?v=1");
+  EXPECT_EQ(other.status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(other.url, "");
+  EXPECT_EQ(host.Resolve("https://mirell.example/s/").status, daemon::ResolveStatus::kNotOurs);
+}
+
+TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {
+  DaemonConfig config;
+  config.pipe_name = "127.0.0.1:0";
+  DaemonHost never_started(config);
+  never_started.Stop();
+  EXPECT_EQ(never_started.resolve_endpoint(), "");
+
+  DaemonHost host(config);
+  host.Start();
+  host.Start();
+  const std::string endpoint = host.resolve_endpoint();
+  ASSERT_FALSE(endpoint.empty());
+  const auto port = static_cast<std::uint16_t>(std::stoi(endpoint.substr(endpoint.rfind(':') + 1)));
+  EXPECT_EQ(testsupport::ExchangeOnce(port, "RESOLVE https://mirell.example/s/tok\n"),
+            "OK rtspt://127.0.0.1:8554/s/tok\n");
+  host.Stop();
+  host.Stop();
+  EXPECT_EQ(host.resolve_endpoint(), "");
+  EXPECT_THROW(testsupport::TcpClient client(port), std::runtime_error);
+}
+
+TEST(DaemonHostLifecycle, StartFailsWhenTheEndpointIsTakenAndCleansUp) {
+  DaemonConfig first_config;
+  first_config.pipe_name = "127.0.0.1:0";
+  DaemonHost first(first_config);
+  first.Start();
+  DaemonConfig second_config;
+  second_config.pipe_name = first.resolve_endpoint();
+  DaemonHost second(second_config);
+  EXPECT_THROW(second.Start(), std::exception);
+  second.Stop();
+  EXPECT_EQ(second.resolve_endpoint(), "");
+}
+
+}  // namespace
+}  // namespace mirell::ui
