@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "mirell/base/logging.h"
+#include "mirell/daemon/stream_path.h"
 #include "share_link.h"
 
 namespace mirell::ui {
@@ -15,6 +16,10 @@ void DaemonHost::Start() {
   if (started_) return;
   // Set first, so that Stop cleans up after a start that fails half-way.
   started_ = true;
+  rtsp_.emplace([this](const std::string& path) {
+    return registry_.Find(daemon::TokenFromPath(path));
+  });
+  rtsp_->Start(config_.rtsp_port);
   resolve_.emplace(config_.pipe_name, [this](const std::string& url) { return Resolve(url); });
   resolve_->Start();
 }
@@ -22,6 +27,10 @@ void DaemonHost::Start() {
 void DaemonHost::Stop() {
   if (!started_) return;
   started_ = false;
+  if (rtsp_) {
+    rtsp_->Stop();
+    rtsp_.reset();
+  }
   if (resolve_) {
     resolve_->Stop();
     resolve_.reset();
@@ -34,6 +43,8 @@ daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
   return {daemon::ResolveStatus::kResolved,
           fmt::format("rtspt://127.0.0.1:{}/s/{}", config_.rtsp_port, token), {}};
 }
+
+std::uint16_t DaemonHost::rtsp_port() const { return rtsp_ ? rtsp_->port() : 0; }
 
 std::string DaemonHost::resolve_endpoint() const {
   return resolve_ ? resolve_->endpoint() : std::string();

@@ -8,6 +8,7 @@
 
 #include "daemon_config.h"
 #include "mirell/daemon/resolve_service.h"
+#include "mirell/daemon/rtsp_server.h"
 #include "mirell/daemon/stream_registry.h"
 
 namespace mirell::ui {
@@ -19,8 +20,8 @@ class DaemonHost {
   DaemonHost(const DaemonHost&) = delete;
   DaemonHost& operator=(const DaemonHost&) = delete;
 
-  // Starts the services. Throws when one that the program cannot run without fails (the resolve
-  // endpoint). A second call does nothing.
+  // Starts the RTSP server, then the resolve service. Throws when either cannot listen. A second
+  // call does nothing.
   void Start();
   // Stops everything in order; does nothing when not started.
   void Stop();
@@ -33,12 +34,14 @@ class DaemonHost {
   daemon::StreamRegistry& registry() { return registry_; }
   // The resolve endpoint as bound; empty when not started.
   std::string resolve_endpoint() const;
+  // The RTSP server's port; 0 when not started.
+  std::uint16_t rtsp_port() const;
 
  private:
   // Member order is destruction order in reverse: the services end before the registry they use.
   DaemonConfig config_;
   daemon::StreamRegistry registry_;
-  // The RTSP server takes its place here, before the resolve service.
+  std::optional<daemon::RtspServer> rtsp_;
   std::optional<daemon::ResolveService> resolve_;
   bool started_ = false;
 };

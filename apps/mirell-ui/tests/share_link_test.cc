@@ -57,6 +57,7 @@ TEST(DaemonHostResolve, ShareLinkGetsTheLoopbackAddressAndOthersPass) {
 TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {
   DaemonConfig config;
   config.pipe_name = "127.0.0.1:0";
+  config.rtsp_port = testsupport::FreeLoopbackPort();
   DaemonHost never_started(config);
   never_started.Stop();
   EXPECT_EQ(never_started.resolve_endpoint(), "");
@@ -67,20 +68,46 @@ TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {
   const std::string endpoint = host.resolve_endpoint();
   ASSERT_FALSE(endpoint.empty());
   const auto port = static_cast<std::uint16_t>(std::stoi(endpoint.substr(endpoint.rfind(':') + 1)));
+  EXPECT_EQ(host.rtsp_port(), config.rtsp_port);
   EXPECT_EQ(testsupport::ExchangeOnce(port, "RESOLVE https://mirell.example/s/tok\n"),
-            "OK rtspt://127.0.0.1:8554/s/tok\n");
+            "OK rtspt://127.0.0.1:" + std::to_string(config.rtsp_port) + "/s/tok\n");
   host.Stop();
   host.Stop();
   EXPECT_EQ(host.resolve_endpoint(), "");
+  EXPECT_EQ(host.rtsp_port(), 0);
   EXPECT_THROW(testsupport::TcpClient client(port), std::runtime_error);
+  EXPECT_THROW(testsupport::TcpClient client(config.rtsp_port), std::runtime_error);
+}
+
+TEST(DaemonHostLifecycle, StartFailsWhenTheRtspPortIsTaken) {
+  DaemonConfig first_config;
+  first_config.pipe_name = "127.0.0.1:0";
+  first_config.rtsp_port = testsupport::FreeLoopbackPort();
+  DaemonHost first(first_config);
+  first.Start();
+  DaemonConfig second_config = first_config;
+  DaemonHost second(second_config);
+  try {
+    second.Start();
+    FAIL() << "bound a taken RTSP port";
+  } catch (const std::exception& error) {
+    EXPECT_NE(std::string(error.what()).find("rtsp: could not bind 127.0.0.1:" +
+                                             std::to_string(first_config.rtsp_port)),
+              std::string::npos)
+        << error.what();
+  }
+  EXPECT_EQ(second.resolve_endpoint(), "");
+  second.Stop();
 }
 
 TEST(DaemonHostLifecycle, StartFailsWhenTheEndpointIsTakenAndCleansUp) {
   DaemonConfig first_config;
   first_config.pipe_name = "127.0.0.1:0";
+  first_config.rtsp_port = testsupport::FreeLoopbackPort();
   DaemonHost first(first_config);
   first.Start();
   DaemonConfig second_config;
+  second_config.rtsp_port = 0;
   second_config.pipe_name = first.resolve_endpoint();
   DaemonHost second(second_config);
   EXPECT_THROW(second.Start(), std::exception);

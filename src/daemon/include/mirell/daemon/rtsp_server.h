@@ -1,0 +1,62 @@
+// The loopback RTSP 1.0 server that VRChat's player reads from: RTP interleaved on the TCP
+// connection only, no authentication, 127.0.0.1 only, one thread per connection. After PLAY each
+// connection primes its player from the stream's history and then sends as fast as frames come.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mirell/daemon/media_stream.h"
+
+namespace mirell::daemon {
+
+// Finds a stream by request path ("/s/TOKEN"); called on connection threads.
+using StreamLookup = std::function<std::shared_ptr<MediaStream>(const std::string& path)>;
+
+class RtspServer {
+ public:
+  explicit RtspServer(StreamLookup lookup);
+  ~RtspServer();
+  RtspServer(const RtspServer&) = delete;
+  RtspServer& operator=(const RtspServer&) = delete;
+
+  // Binds 127.0.0.1:port (0 picks a free port) and starts accepting. Throws Error on failure.
+  void Start(std::uint16_t port);
+  // Ends the accept loop and every connection, and joins their threads. Idempotent.
+  void Stop();
+  // The port actually bound, after Start.
+  std::uint16_t port() const { return port_; }
+  // When set, each PLAY draws a random start for the RTP time stamps (off by default).
+  void SetRandomizeRtpBase(bool randomize) { randomize_rtp_base_ = randomize; }
+
+ private:
+  struct Client {
+    std::thread thread;
+    int socket = -1;
+    std::shared_ptr<std::atomic<bool>> finished;
+  };
+
+  void AcceptLoop();
+  void ReapFinishedClients();
+  void ServeConnection(int socket, std::uint64_t client);
+
+  StreamLookup lookup_;
+  bool randomize_rtp_base_ = false;
+  int listener_ = -1;
+  std::thread accept_thread_;
+  // Changed only by the accept thread while running, and by Stop after joining it; the mutex
+  // lets Stop shut every live socket down while the accept thread may still be adding one.
+  std::mutex clients_mutex_;
+  std::vector<Client> client_threads_;
+  std::atomic<bool> running_{false};
+  std::atomic<std::uint64_t> next_client_{0};
+  std::uint16_t port_ = 0;
+};
+
+}  // namespace mirell::daemon

@@ -1,0 +1,133 @@
+// The listener and the connection threads. Sockets are POSIX here.
+#include "mirell/daemon/rtsp_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <exception>
+
+#include "mirell/base/error.h"
+#include "mirell/base/logging.h"
+#include "rtsp_connection.h"
+#include "rtsp_sdp.h"
+#include "socket_io.h"
+
+namespace mirell::daemon {
+
+RtspServer::RtspServer(StreamLookup lookup) : lookup_(std::move(lookup)) {}
+
+RtspServer::~RtspServer() { Stop(); }
+
+void RtspServer::Start(std::uint16_t port) {
+  port_ = port;
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+  MIRELL_CHECK(listener >= 0, "rtsp: socket() failed with {}", errno);
+  const int on = 1;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  const std::string loopback(kLoopback);
+  MIRELL_CHECK(::inet_pton(AF_INET, loopback.c_str(), &address.sin_addr) == 1,
+               "rtsp: inet_pton failed");
+  if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    const int error = errno;
+    CloseSocket(listener);
+    ThrowError(fmt::format("rtsp: could not bind {}:{} ({})", kLoopback, port, HrToString(-error)),
+               std::source_location::current());
+  }
+  if (listen(listener, SOMAXCONN) != 0) {
+    const int error = errno;
+    CloseSocket(listener);
+    ThrowError(fmt::format("rtsp: listen failed ({})", HrToString(-error)),
+               std::source_location::current());
+  }
+  socklen_t size = sizeof(address);
+  if (getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) == 0) {
+    port_ = ntohs(address.sin_port);
+  }
+  listener_ = listener;
+  running_.store(true);
+  accept_thread_ = std::thread([this] { AcceptLoop(); });
+  LOG_INFO("listening {}:{}", kLoopback, port_);
+}
+
+void RtspServer::Stop() {
+  if (!running_.exchange(false)) return;
+  // Wakes the accept loop's wait at once rather than at its next 200 ms turn.
+  ShutdownSocket(listener_);
+  accept_thread_.join();
+  CloseSocket(listener_);
+  listener_ = -1;
+  std::vector<Client> clients;
+  {
+    // A connection blocked in a send to a player that stopped reading would otherwise hold Stop
+    // until the player goes away. Under the lock, so that no socket is closed meanwhile.
+    std::lock_guard lock(clients_mutex_);
+    for (auto& client : client_threads_) {
+      if (!client.finished->load()) ShutdownSocket(client.socket);
+    }
+    clients.swap(client_threads_);
+  }
+  for (auto& client : clients) client.thread.join();
+}
+
+void RtspServer::AcceptLoop() {
+  while (running_.load() && listener_ >= 0) {
+    ReapFinishedClients();
+    if (!WaitReadable(listener_, 200)) continue;
+    const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (socket < 0) continue;
+    if (!running_.load()) {
+      CloseSocket(socket);
+      break;
+    }
+    const std::uint64_t client = next_client_.fetch_add(1) + 1;
+    auto finished = std::make_shared<std::atomic<bool>>(false);
+    std::lock_guard lock(clients_mutex_);
+    client_threads_.push_back(
+        {std::thread([this, socket, client, finished] {
+           try {
+             ServeConnection(socket, client);
+           } catch (const std::exception& error) {
+             LOG_WARN("client {} failed: {}", client, error.what());
+           }
+           {
+             // Stop shuts live sockets down under this lock; it must never reach a descriptor
+             // number that has been closed and handed to someone else.
+             std::lock_guard closing(clients_mutex_);
+             finished->store(true);
+             CloseSocket(socket);
+           }
+           LOG_INFO("client={} disconnected", client);
+         }),
+         socket, finished});
+  }
+}
+
+// Joins connection threads that have ended, so that a long run with many short connections does
+// not keep one finished thread per connection.
+void RtspServer::ReapFinishedClients() {
+  std::vector<std::thread> finished_threads;
+  {
+    std::lock_guard lock(clients_mutex_);
+    for (auto it = client_threads_.begin(); it != client_threads_.end();) {
+      if (it->finished->load()) {
+        finished_threads.push_back(std::move(it->thread));
+        it = client_threads_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  for (auto& thread : finished_threads) thread.join();
+}
+
+void RtspServer::ServeConnection(int socket, std::uint64_t client) {
+  RtspConnection connection({lookup_, running_, port_, randomize_rtp_base_}, socket, client);
+  connection.Run();
+}
+
+}  // namespace mirell::daemon
