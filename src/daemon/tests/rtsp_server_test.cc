@@ -1,0 +1,482 @@
+// The RTSP server over real sockets, with synthetic access units: every status and header, the
+// channels, priming, time stamps, sender reports, a stalled reader, withdrawal and Stop.
+#include "mirell/daemon/rtsp_server.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+#include "mirell/base/error.h"
+#include "mirell/base/logging.h"
+#include "mirell/daemon/stream_path.h"
+#include "mirell/daemon/stream_registry.h"
+#include "mirell/testsupport/subprocess.h"
+#include "rtsp_sdp.h"
+#include "rtsp_test_client.h"
+
+namespace mirell::daemon {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::RtspResponse;
+using testing::RtspTestClient;
+
+const std::vector<std::uint8_t> kSequenceHeader = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E, 0xD9,
+                                                   0, 0, 0, 1, 0x68, 0xCE, 0x3C, 0x80};
+constexpr std::int64_t kFrame100ns = 333'333;
+
+encode::EncodedFramePtr MakeFrame(std::int64_t pts, bool keyframe, std::size_t size = 200) {
+  auto frame = std::make_shared<encode::EncodedFrame>();
+  frame->data = {0, 0, 0, 1, static_cast<std::uint8_t>(keyframe ? 0x65 : 0x41)};
+  frame->data.resize(size, 0x5A);
+  frame->pts_100ns = pts;
+  frame->duration_100ns = kFrame100ns;
+  frame->keyframe = keyframe;
+  return frame;
+}
+
+encode::EncodedAudioFramePtr MakeAudio(std::int64_t pts) {
+  auto unit = std::make_shared<encode::EncodedAudioFrame>();
+  unit->data.assign(300, 0x21);
+  unit->pts_100ns = pts;
+  unit->duration_100ns = 213'333;
+  return unit;
+}
+
+class RtspServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(SetLogFile(dir_.path() / "log"));
+    SetLogLevel(LogLevel::kDebug);
+    stream_ = std::make_shared<MediaStream>("test", 30, 2000);
+    stream_->SetSequenceHeader(kSequenceHeader);
+    registry_.Publish("tok", stream_);
+    server_.Start(0);
+    uri_ = "rtsp://127.0.0.1:" + std::to_string(server_.port()) + "/s/tok";
+  }
+  void TearDown() override {
+    server_.Stop();
+    SetLogLevel(LogLevel::kInfo);
+  }
+  std::string log() { return testsupport::ReadFileText(dir_.path() / "log"); }
+  bool WaitForLog(const std::string& text, std::chrono::milliseconds limit = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (log().find(text) != std::string::npos) return true;
+      std::this_thread::sleep_for(10ms);
+    }
+    return false;
+  }
+  // DESCRIBE, SETUP of the video track and PLAY.
+  RtspResponse StartPlaying(RtspTestClient& client) {
+    EXPECT_EQ(client.Request("DESCRIBE", uri_, 1).status, 200);
+    EXPECT_EQ(client.Request("SETUP", uri_ + "/trackID=0", 2, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n").status, 200);
+    return client.Request("PLAY", uri_, 3);
+  }
+
+  testsupport::TempDir dir_;
+  StreamRegistry registry_;
+  RtspServer server_{[this](const std::string& path) { return registry_.Find(TokenFromPath(path)); }};
+  std::shared_ptr<MediaStream> stream_;
+  std::string uri_;
+};
+
+TEST_F(RtspServerTest, OptionsAnswersExactly) {
+  RtspTestClient client(server_.port());
+  const auto response = client.Request("OPTIONS", uri_, 7);
+  EXPECT_EQ(response.raw,
+            "RTSP/1.0 200 OK\r\nCSeq: 7\r\nServer: mirell/0.1\r\n"
+            "Public: OPTIONS, DESCRIBE, SETUP, PLAY, TEARDOWN\r\n\r\n");
+}
+
+TEST_F(RtspServerTest, DescribeGivesTheSdpWithContentBaseAndSession) {
+  RtspTestClient client(server_.port());
+  const auto response = client.Request("DESCRIBE", uri_, 2);
+  EXPECT_EQ(response.status, 200);
+  EXPECT_EQ(response.headers.at("Content-Type"), "application/sdp");
+  EXPECT_EQ(response.headers.at("Content-Base"),
+            "rtsp://127.0.0.1:" + std::to_string(server_.port()) + "/s/tok/");
+  EXPECT_EQ(response.headers.at("Session"), "4D524C01");
+  EXPECT_EQ(response.body, BuildSdp(kSequenceHeader, 2000, std::nullopt));
+  EXPECT_EQ(response.headers.at("Content-Length"), std::to_string(response.body.size()));
+}
+
+TEST_F(RtspServerTest, TwoClientsGetSessionIdsThatDifferByTheirClientIds) {
+  RtspTestClient first(server_.port());
+  const auto a = first.Request("DESCRIBE", uri_, 1);
+  RtspTestClient second(server_.port());
+  const auto b = second.Request("DESCRIBE", uri_, 1);
+  EXPECT_EQ(std::stoul(b.headers.at("Session"), nullptr, 16) - std::stoul(a.headers.at("Session"), nullptr, 16), 1u);
+}
+
+TEST_F(RtspServerTest, UnknownStreamIs404AndTheConnectionGoesOn) {
+  RtspTestClient client(server_.port());
+  const auto response = client.Request("DESCRIBE", "rtsp://127.0.0.1/s/nothing", 3);
+  EXPECT_EQ(response.raw, "RTSP/1.0 404 Not Found\r\nCSeq: 3\r\nServer: mirell/0.1\r\n\r\n");
+  EXPECT_TRUE(WaitForLog("uri=rtsp://127.0.0.1/s/nothing not published"));
+  EXPECT_EQ(client.Request("PLAY", "rtsp://127.0.0.1/s/nothing", 4).status, 404);
+  EXPECT_EQ(client.Request("OPTIONS", uri_, 5).status, 200);
+}
+
+TEST_F(RtspServerTest, DescribedStreamWithoutHeaderIs503AtOnce) {
+  stream_->SetSequenceHeader({});
+  RtspTestClient client(server_.port());
+  const auto started = std::chrono::steady_clock::now();
+  const auto response = client.Request("DESCRIBE", uri_, 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 300ms);
+  EXPECT_EQ(response.raw,
+            "RTSP/1.0 503 Service Unavailable\r\nCSeq: 1\r\nServer: mirell/0.1\r\nRetry-After: 1\r\n\r\n");
+}
+
+TEST_F(RtspServerTest, UndescribedStreamWaitsAtMost400MsThenUsesDefaults) {
+  stream_->SetSequenceHeader({});
+  stream_->ExpectDescription();
+  RtspTestClient client(server_.port());
+  const auto started = std::chrono::steady_clock::now();
+  const auto response = client.Request("DESCRIBE", uri_, 1);
+  const auto waited = std::chrono::steady_clock::now() - started;
+  EXPECT_GE(waited, 390ms);
+  EXPECT_LT(waited, 1500ms);
+  EXPECT_EQ(response.status, 503);
+  EXPECT_TRUE(WaitForLog("describe timeout, using defaults"));
+}
+
+TEST_F(RtspServerTest, DescriptionArrivingDuringTheWaitIsUsed) {
+  stream_->SetSequenceHeader({});
+  stream_->ExpectDescription();
+  std::thread describer([this] {
+    std::this_thread::sleep_for(100ms);
+    stream_->SetSequenceHeader(kSequenceHeader);
+    stream_->MarkDescribed();
+  });
+  RtspTestClient client(server_.port());
+  const auto response = client.Request("DESCRIBE", uri_, 1);
+  describer.join();
+  EXPECT_EQ(response.status, 200);
+  EXPECT_NE(response.body.find("sprop-parameter-sets="), std::string::npos);
+}
+
+TEST_F(RtspServerTest, DescribeAsksTheStreamForAKeyframe) {
+  std::atomic<int> asked{0};
+  stream_->SetKeyframeRequester([&] { ++asked; });
+  RtspTestClient client(server_.port());
+  client.Request("DESCRIBE", uri_, 1);
+  EXPECT_EQ(asked.load(), 1);
+}
+
+TEST_F(RtspServerTest, SplitRequestIsHandledOnceWhenTheBlankLineArrives) {
+  RtspTestClient client(server_.port());
+  client.SendRaw("OPTIONS " + uri_ + " RTSP/1.0\r\n");
+  std::this_thread::sleep_for(50ms);
+  client.SendRaw("CSeq: 1\r\n");
+  std::this_thread::sleep_for(50ms);
+  client.SendRaw("\r\n");
+  EXPECT_EQ(client.ReadResponse().status, 200);
+  EXPECT_EQ(client.ReadResponse(300ms).status, 0) << "answered more than once";
+}
+
+TEST_F(RtspServerTest, TwoRequestsAndAnRtcpFrameInOneWriteAreHandledInOrder) {
+  RtspTestClient client(server_.port());
+  client.SendRaw("OPTIONS " + uri_ + " RTSP/1.0\r\nCSeq: 1\r\n\r\n" + std::string("$\x01\x00\x04", 4) +
+                 "rtcp" + "GET_PARAMETER " + uri_ + " RTSP/1.0\r\nCSeq: 2\r\n\r\n");
+  const auto first = client.ReadResponse();
+  const auto second = client.ReadResponse();
+  EXPECT_EQ(first.status_line, "RTSP/1.0 200 OK");
+  EXPECT_EQ(first.headers.at("CSeq"), "1");
+  EXPECT_EQ(second.raw, "RTSP/1.0 501 Not Implemented\r\nCSeq: 2\r\nServer: mirell/0.1\r\n\r\n");
+}
+
+TEST_F(RtspServerTest, RequestLineWithOneBlankIs400WithCseqZero) {
+  RtspTestClient client(server_.port());
+  client.SendRaw("OPTIONS\trtsp://x\r\nCSeq: 9\r\n\r\n");
+  EXPECT_EQ(client.ReadResponse().raw, "RTSP/1.0 400 Bad Request\r\nCSeq: 0\r\nServer: mirell/0.1\r\n\r\n");
+  client.SendRaw("OPTIONS rtsp://x\r\nCSeq: 9\r\n\r\n");
+  EXPECT_EQ(client.ReadResponse().raw, "RTSP/1.0 400 Bad Request\r\nCSeq: 0\r\nServer: mirell/0.1\r\n\r\n");
+}
+
+TEST_F(RtspServerTest, UnparseableFloodIsDroppedWithAWarningAndTheConnectionGoesOn) {
+  RtspTestClient client(server_.port());
+  client.SendRaw(std::string(70000, 'x'));
+  EXPECT_TRUE(WaitForLog("client=1 unparseable bytes="));
+  EXPECT_EQ(client.Request("OPTIONS", uri_, 2).status, 200);
+}
+
+TEST_F(RtspServerTest, UdpTransportIs461) {
+  RtspTestClient client(server_.port());
+  const auto response = client.Request("SETUP", uri_ + "/trackID=0", 1,
+                                       "Transport: RTP/AVP;unicast;client_port=1000-1001\r\n");
+  EXPECT_EQ(response.raw, "RTSP/1.0 461 Unsupported Transport\r\nCSeq: 1\r\nServer: mirell/0.1\r\n\r\n");
+  EXPECT_TRUE(WaitForLog("transport=RTP/AVP;unicast;client_port=1000-1001 unsupported"));
+}
+
+TEST_F(RtspServerTest, InterleavedChannelsAreTakenOrCountedOn) {
+  RtspTestClient client(server_.port());
+  auto response = client.Request("SETUP", uri_ + "/trackID=0", 1, "Transport: RTP/AVP/TCP;interleaved=4-5\r\n");
+  EXPECT_EQ(response.headers.at("Transport"), "RTP/AVP/TCP;unicast;interleaved=4-5");
+  EXPECT_EQ(response.headers.at("Session"), "4D524C01");
+  response = client.Request("SETUP", uri_ + "/trackID=1", 2, "Transport: RTP/AVP/TCP;unicast\r\n");
+  EXPECT_EQ(response.headers.at("Transport"), "RTP/AVP/TCP;unicast;interleaved=6-7");
+  response = client.Request("SETUP", uri_, 3, "Transport: RTP/AVP/TCP;interleaved=300-301\r\n");
+  EXPECT_EQ(response.headers.at("Transport"), "RTP/AVP/TCP;unicast;interleaved=8-9");
+  response = client.Request("SETUP", uri_, 4, "Transport: RTP/AVP/TCP;interleaved=-1-2\r\n");
+  EXPECT_EQ(response.headers.at("Transport"), "RTP/AVP/TCP;unicast;interleaved=10-11");
+}
+
+TEST_F(RtspServerTest, TrackOneWithoutAudioSetsTheVideoChannels) {
+  stream_->SetPriming(1, 33);
+  stream_->frames().Publish(MakeFrame(0, true));
+  RtspTestClient client(server_.port());
+  client.Request("DESCRIBE", uri_, 1);
+  client.Request("SETUP", uri_ + "/trackID=1", 2, "Transport: RTP/AVP/TCP;interleaved=6-7\r\n");
+  EXPECT_EQ(client.Request("PLAY", uri_, 3).status, 200);
+  const auto frame = client.ReadFrame();
+  ASSERT_TRUE(frame.has_value());
+  EXPECT_EQ(frame->channel, 6);
+  EXPECT_EQ(testing::ReadRtpFields(frame->payload).payload_type, 96);
+}
+
+TEST_F(RtspServerTest, PlayWithoutDescribeOrSetupPlaysVideoOnChannelZero) {
+  stream_->SetPriming(1, 33);
+  stream_->frames().Publish(MakeFrame(0, true));
+  RtspTestClient client(server_.port());
+  const auto response = client.Request("PLAY", uri_, 1);
+  EXPECT_EQ(response.status, 200);
+  EXPECT_EQ(response.headers.at("Range"), "npt=0.000-");
+  const auto frame = client.ReadFrame();
+  ASSERT_TRUE(frame.has_value());
+  EXPECT_EQ(frame->channel, 0);
+}
+
+TEST_F(RtspServerTest, PrimedBacklogOfThirtyGoesOutAtOnceStartingAtRtpBase) {
+  stream_->SetPriming(30, 1000);
+  for (int i = 0; i < 30; ++i) stream_->frames().Publish(MakeFrame(5'000'000 + i * kFrame100ns, i == 0));
+  RtspTestClient client(server_.port());
+  const auto play = StartPlaying(client);
+  ASSERT_EQ(play.status, 200);
+  const std::string rtp_info = play.headers.at("RTP-Info");
+  EXPECT_NE(rtp_info.find("url=rtsp://127.0.0.1:" + std::to_string(server_.port()) + "/s/tok/trackID=0;seq="), std::string::npos);
+  EXPECT_NE(rtp_info.find(";rtptime=0"), std::string::npos);
+  const auto seq_at = rtp_info.find("seq=") + 4;
+  const auto announced_seq = static_cast<std::uint16_t>(std::stoul(rtp_info.substr(seq_at)));
+
+  int frames = 0;
+  bool first = true;
+  const auto started = std::chrono::steady_clock::now();
+  while (frames < 30) {
+    const auto frame = client.ReadFrame(2s);
+    ASSERT_TRUE(frame.has_value()) << "only " << frames << " frames";
+    if (frame->channel != 0) continue;
+    const auto fields = testing::ReadRtpFields(frame->payload);
+    if (first) {
+      EXPECT_EQ(fields.sequence, announced_seq);
+      EXPECT_EQ(fields.timestamp, 0u);
+      first = false;
+    }
+    if (fields.marker) {
+      // Frame n's RTP time is n x 333333 x 9 / 1000, rounded half away from zero.
+      EXPECT_EQ(fields.timestamp, static_cast<std::uint32_t>((frames * kFrame100ns * 9 + 500) / 1000));
+      ++frames;
+    }
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 1s) << "the backlog must go out as a burst";
+  EXPECT_TRUE(WaitForLog("client=1 primed=30 (~1000ms) wanted=1000ms"));
+}
+
+TEST_F(RtspServerTest, KeyframeOnlyHistoryWarnsThatTheClientWillStarve) {
+  stream_->SetPriming(4, 133);
+  RtspTestClient client(server_.port());
+  EXPECT_EQ(StartPlaying(client).status, 200);
+  EXPECT_TRUE(WaitForLog("client 1 was primed with NOTHING"));
+}
+
+TEST_F(RtspServerTest, AudioAlignsToTheFirstFrameAndEarlierUnitsAreCounted) {
+  stream_->SetAudio(AudioConfig{48000, 2, 128, {0x11, 0x90}});
+  stream_->audio().SetHistory(50);
+  RtspTestClient client(server_.port());
+  const auto describe = client.Request("DESCRIBE", uri_, 1);
+  ASSERT_EQ(describe.status, 200);
+  EXPECT_NE(describe.body.find("m=audio 0 RTP/AVP 97"), std::string::npos);
+  client.Request("SETUP", uri_ + "/trackID=0", 2, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
+  client.Request("SETUP", uri_ + "/trackID=1", 3, "Transport: RTP/AVP/TCP;interleaved=2-3\r\n");
+  const auto play = client.Request("PLAY", uri_, 4);
+  ASSERT_EQ(play.status, 200);
+  EXPECT_NE(play.headers.at("RTP-Info").find("/s/tok/trackID=1;seq="), std::string::npos);
+
+  // Nothing was primed: audio waits until the first frame fixes time zero.
+  const std::int64_t zero = 10'000'000;
+  stream_->audio().Publish(MakeAudio(zero - 213'333));  // predates the frame
+  stream_->audio().Publish(MakeAudio(zero));            // exactly at it
+  stream_->audio().Publish(MakeAudio(zero + 213'333));
+  std::this_thread::sleep_for(100ms);
+  stream_->frames().Publish(MakeFrame(zero, true));
+
+  std::vector<std::uint32_t> audio_times;
+  bool video_seen = false;
+  const auto deadline = std::chrono::steady_clock::now() + 3s;
+  while ((audio_times.size() < 2 || !video_seen) && std::chrono::steady_clock::now() < deadline) {
+    const auto frame = client.ReadFrame(1s);
+    if (!frame) continue;
+    if (frame->channel == 2) audio_times.push_back(testing::ReadRtpFields(frame->payload).timestamp);
+    if (frame->channel == 0) {
+      video_seen = true;
+      EXPECT_EQ(testing::ReadRtpFields(frame->payload).timestamp, 0u);
+    }
+  }
+  ASSERT_EQ(audio_times.size(), 2u);
+  EXPECT_EQ(audio_times[0], 0u);     // at first_timestamp: rtp_base
+  EXPECT_EQ(audio_times[1], 1024u);  // 21.3333 ms at 48 kHz
+  EXPECT_TRUE(WaitForLog("audio 2 AUs (0 dropped, 1 predating the first frame)"));
+}
+
+TEST_F(RtspServerTest, NoSenderReportBeforeTheFirstPacketThenOneWithIt) {
+  RtspTestClient client(server_.port());
+  ASSERT_EQ(StartPlaying(client).status, 200);
+  EXPECT_FALSE(client.ReadFrame(1300ms).has_value()) << "something was sent before any frame";
+  stream_->frames().Publish(MakeFrame(0, true, 3000));
+  std::vector<testing::InterleavedFrame> frames;
+  while (auto frame = client.ReadFrame(500ms)) frames.push_back(*frame);
+  ASSERT_GE(frames.size(), 4u);
+  const auto& report = frames.back();
+  EXPECT_EQ(report.channel, 1);
+  ASSERT_EQ(report.payload.size(), 52u);
+  EXPECT_EQ(report.payload[1], 200);
+  const auto video = testing::ReadRtpFields(frames.front().payload);
+  const std::uint32_t ssrc = static_cast<std::uint32_t>(report.payload[4]) << 24 |
+                             static_cast<std::uint32_t>(report.payload[5]) << 16 |
+                             static_cast<std::uint32_t>(report.payload[6]) << 8 | report.payload[7];
+  EXPECT_EQ(ssrc, video.ssrc);
+  const std::uint32_t packets = static_cast<std::uint32_t>(report.payload[20]) << 24 |
+                                static_cast<std::uint32_t>(report.payload[21]) << 16 |
+                                static_cast<std::uint32_t>(report.payload[22]) << 8 | report.payload[23];
+  EXPECT_EQ(packets, frames.size() - 1);
+}
+
+TEST_F(RtspServerTest, StatisticsWithoutDropsGiveNoKeyframeRateWarning) {
+  RtspTestClient client(server_.port());
+  ASSERT_EQ(StartPlaying(client).status, 200);
+  stream_->frames().Publish(MakeFrame(0, true));
+  EXPECT_TRUE(WaitForLog("client 1 delivered ", 4s));
+  EXPECT_NE(log().find("(1 frames, 1 keyframes, 0 dropped"), std::string::npos) << log();
+  EXPECT_EQ(log().find("keeping up with about the keyframe rate"), std::string::npos);
+}
+
+TEST_F(RtspServerTest, TeardownAnswersAndClosesTheConnection) {
+  RtspTestClient client(server_.port());
+  ASSERT_EQ(StartPlaying(client).status, 200);
+  EXPECT_EQ(stream_->frames().SubscriberCount(), 1u);
+  client.SendRaw("TEARDOWN " + uri_ + " RTSP/1.0\r\nCSeq: 9\r\n\r\nOPTIONS " + uri_ + " RTSP/1.0\r\nCSeq: 10\r\n\r\n");
+  const auto response = client.ReadResponse();
+  EXPECT_EQ(response.raw, "RTSP/1.0 200 OK\r\nCSeq: 9\r\nServer: mirell/0.1\r\nSession: 4D524C01\r\n\r\n");
+  EXPECT_TRUE(client.WaitClosed(2s));
+  EXPECT_EQ(stream_->frames().SubscriberCount(), 0u);
+  EXPECT_TRUE(WaitForLog("client=1 disconnected"));
+}
+
+TEST_F(RtspServerTest, ClientLeavingUnsubscribes) {
+  {
+    RtspTestClient client(server_.port());
+    ASSERT_EQ(StartPlaying(client).status, 200);
+    EXPECT_EQ(stream_->frames().SubscriberCount(), 1u);
+  }
+  EXPECT_TRUE(WaitForLog("client=1 disconnected"));
+  EXPECT_EQ(stream_->frames().SubscriberCount(), 0u);
+}
+
+TEST_F(RtspServerTest, StalledReaderDoesNotSlowAnotherAndCountsDrops) {
+  stream_->SetPriming(1, 33);
+  RtspTestClient stalled(server_.port());
+  ASSERT_EQ(StartPlaying(stalled).status, 200);
+  RtspTestClient reader(server_.port());
+  ASSERT_EQ(StartPlaying(reader).status, 200);
+
+  // 20 MB in 2 s: far more than the socket buffers of the stalled connection hold, so its
+  // thread blocks in a send while the bus drops for it.
+  constexpr int kFrames = 200;
+  std::thread producer([&] {
+    for (int i = 0; i < kFrames; ++i) {
+      stream_->frames().Publish(MakeFrame(i * kFrame100ns, i % 30 == 0, 100'000));
+      std::this_thread::sleep_for(10ms);
+    }
+  });
+  int frames = 0;
+  while (frames < kFrames) {
+    const auto frame = reader.ReadFrame(3s);
+    if (!frame) break;
+    if (frame->channel == 0 && testing::ReadRtpFields(frame->payload).marker) ++frames;
+  }
+  producer.join();
+  EXPECT_EQ(frames, kFrames) << "the reading player lost frames because of the stalled one";
+
+  // The stalled player starts reading again: its connection goes on from where the bus let it,
+  // and its statistics show what it lost.
+  const auto deadline = std::chrono::steady_clock::now() + 4s;
+  while (std::chrono::steady_clock::now() < deadline) stalled.ReadFrame(100ms);
+  const std::string text = log();
+  EXPECT_EQ(text.find("client 2 is only keeping up"), std::string::npos);
+  EXPECT_NE(text.find("client 1 is only keeping up with about the keyframe rate"), std::string::npos)
+      << text;
+  // "client 1 delivered F fps (N frames, K keyframes, D dropped, ..." - its last line.
+  const auto line = text.rfind("client 1 delivered");
+  ASSERT_NE(line, std::string::npos);
+  const auto keyframes_end = text.find(" keyframes, ", line);
+  ASSERT_NE(keyframes_end, std::string::npos);
+  const long dropped = std::stol(text.substr(keyframes_end + 12));
+  EXPECT_GT(dropped, 0);
+  const auto stopped = std::async(std::launch::async, [this] { server_.Stop(); });
+  EXPECT_EQ(stopped.wait_for(5s), std::future_status::ready);
+}
+
+TEST_F(RtspServerTest, StopEndsAConnectionBlockedInASend) {
+  stream_->SetPriming(1, 33);
+  RtspTestClient stalled(server_.port());
+  ASSERT_EQ(StartPlaying(stalled).status, 200);
+  for (int i = 0; i < 200; ++i) stream_->frames().Publish(MakeFrame(i * kFrame100ns, true, 100'000));
+  std::this_thread::sleep_for(300ms);
+  const auto started = std::chrono::steady_clock::now();
+  server_.Stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+}
+
+TEST_F(RtspServerTest, WithdrawEndsDeliveryAndStopJoinsEveryThread) {
+  stream_->SetPriming(1, 33);
+  RtspTestClient first(server_.port());
+  RtspTestClient second(server_.port());
+  ASSERT_EQ(StartPlaying(first).status, 200);
+  ASSERT_EQ(StartPlaying(second).status, 200);
+  stream_->frames().Publish(MakeFrame(0, true));
+  ASSERT_TRUE(first.ReadFrame().has_value());
+  ASSERT_TRUE(second.ReadFrame().has_value());
+  registry_.Withdraw("tok");
+  stream_->frames().Publish(MakeFrame(kFrame100ns, false));
+  // Sender reports may still come on channel 1; no media comes any more.
+  for (auto* client : {&first, &second}) {
+    while (const auto frame = client->ReadFrame(600ms)) {
+      EXPECT_NE(frame->channel, 0) << "media after the stream was withdrawn";
+    }
+  }
+  EXPECT_FALSE(first.closed()) << "a withdrawn stream leaves the connection open";
+  const auto started = std::chrono::steady_clock::now();
+  server_.Stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+  EXPECT_TRUE(first.WaitClosed(2s));
+  EXPECT_TRUE(second.WaitClosed(2s));
+  EXPECT_THROW(RtspTestClient late(server_.port()), std::runtime_error);
+}
+
+TEST(RtspServerStart, TakenPortFailsWithTheBindText) {
+  RtspServer first([](const std::string&) { return nullptr; });
+  first.Start(0);
+  RtspServer second([](const std::string&) { return nullptr; });
+  try {
+    second.Start(first.port());
+    FAIL() << "bound a taken port";
+  } catch (const Error& error) {
+    EXPECT_NE(std::string(error.what()).find("rtsp: could not bind 127.0.0.1:" + std::to_string(first.port())),
+              std::string::npos);
+  }
+  second.Stop();
+}
+
+}  // namespace
+}  // namespace mirell::daemon
