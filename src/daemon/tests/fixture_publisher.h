@@ -1,0 +1,51 @@
+// A live stream for tests and benchmarks: H.264 (testsrc2) and AAC (1 kHz sine) made by the
+// ffmpeg command line, published into a MediaStream in real time by their time stamps, looping.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "mirell/daemon/media_stream.h"
+
+namespace mirell::daemon::testing {
+
+struct FixtureOptions {
+  int width = 640;
+  int height = 360;
+  int frames = 150;  // 5 s at 30 fps before the loop starts over; keyframe every 15.
+  bool audio = true;
+  std::uint64_t prime_ms = 500;
+};
+
+class FixturePublisher {
+ public:
+  // Makes the fixture in `dir` and describes `stream` (sequence header, audio, priming).
+  FixturePublisher(const std::filesystem::path& dir, std::shared_ptr<MediaStream> stream,
+                   FixtureOptions options = {});
+  ~FixturePublisher();
+  FixturePublisher(const FixturePublisher&) = delete;
+  FixturePublisher& operator=(const FixturePublisher&) = delete;
+
+  // Starts publishing on its own thread, paced by time stamps from now.
+  void Start();
+  void Stop();
+  std::uint64_t video_published() const { return video_published_.load(); }
+
+ private:
+  void Run();
+
+  std::shared_ptr<MediaStream> stream_;
+  FixtureOptions options_;
+  std::vector<std::vector<std::uint8_t>> video_units_;
+  std::vector<bool> keyframes_;
+  std::vector<std::vector<std::uint8_t>> audio_units_;
+  std::atomic<bool> running_{false};
+  std::atomic<std::uint64_t> video_published_{0};
+  std::thread thread_;
+};
+
+}  // namespace mirell::daemon::testing
