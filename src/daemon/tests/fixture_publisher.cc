@@ -26,7 +26,8 @@ FixturePublisher::FixturePublisher(const std::filesystem::path& dir,
                                    std::shared_ptr<MediaStream> stream, FixtureOptions options)
     : stream_(std::move(stream)), options_(options) {
   video_units_ = media::testing::SplitAtDelimiters(media::testing::ReadBytes(
-      media::testing::MakeH264Fixture(dir, options_.frames, options_.width, options_.height)));
+      media::testing::MakeH264Fixture(dir, options_.frames, options_.width, options_.height,
+                                      options_.video_kbps)));
   if (video_units_.empty()) throw std::runtime_error("the H.264 fixture has no access units");
   for (const auto& unit : video_units_) keyframes_.push_back(HasNalOfType(unit, 5));
 

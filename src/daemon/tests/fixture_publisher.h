@@ -17,6 +17,7 @@ struct FixtureOptions {
   int width = 640;
   int height = 360;
   int frames = 150;  // 5 s at 30 fps before the loop starts over; keyframe every 15.
+  int video_kbps = 0;  // 0: x264's default quality.
   bool audio = true;
   std::uint64_t prime_ms = 500;
 };

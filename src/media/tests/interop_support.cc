@@ -72,12 +72,20 @@ int FreeUdpPort() {
   return probe.port();
 }
 
-std::filesystem::path MakeH264Fixture(const std::filesystem::path& dir, int frames, int width, int height) {
+std::filesystem::path MakeH264Fixture(const std::filesystem::path& dir, int frames, int width, int height,
+                                      int bitrate_kbps) {
   const auto path = dir / "fixture.h264";
-  RunOrThrow({"ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
-              "testsrc2=size=" + std::to_string(width) + "x" + std::to_string(height) + ":rate=30", "-frames:v",
-              std::to_string(frames), "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "veryfast", "-bf", "0",
-              "-g", "15", "-x264-params", "aud=1:repeat-headers=1", "-f", "h264", path.string()});
+  std::vector<std::string> command = {
+      "ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
+      "testsrc2=size=" + std::to_string(width) + "x" + std::to_string(height) + ":rate=30", "-frames:v",
+      std::to_string(frames), "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "veryfast", "-bf", "0",
+      "-g", "15", "-x264-params", "aud=1:repeat-headers=1"};
+  if (bitrate_kbps > 0) {
+    const std::string rate = std::to_string(bitrate_kbps) + "k";
+    command.insert(command.end(), {"-b:v", rate, "-minrate", rate, "-maxrate", rate, "-bufsize", rate});
+  }
+  command.insert(command.end(), {"-f", "h264", path.string()});
+  RunOrThrow(command);
   return path;
 }
 

@@ -34,7 +34,9 @@ int FreeUdpPort();
 
 // H.264 from testsrc2 with libx264, no B-frames, an access unit delimiter in front of every unit
 // and parameter sets in front of every keyframe.
-std::filesystem::path MakeH264Fixture(const std::filesystem::path& dir, int frames, int width, int height);
+// With `bitrate_kbps` above 0, at that constant rate instead of x264's default quality.
+std::filesystem::path MakeH264Fixture(const std::filesystem::path& dir, int frames, int width, int height,
+                                      int bitrate_kbps = 0);
 // Splits an Annex B stream into access units at its delimiters (NAL type 9).
 std::vector<Bytes> SplitAtDelimiters(const Bytes& stream);
 
