@@ -1,0 +1,96 @@
+// The holding card as media: HoldingClip encodes a few seconds of the card once, in the
+// background, into a looping H.264 clip and one AAC unit of silence; HoldingSource plays that
+// clip into a stream's buses in real time, as if it were live, until the real media takes over
+// on the same timeline.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mirell/daemon/audio_bus.h"
+#include "mirell/daemon/frame_bus.h"
+#include "mirell/encode/encoded_frame.h"
+
+namespace mirell::session {
+
+struct HoldingClipConfig {
+  std::uint32_t width = 1280;
+  std::uint32_t height = 720;
+  std::uint32_t fps = 30;
+  std::uint32_t bitrate_kbps = 1000;
+  std::string title = "Waiting to be let in";
+  std::uint32_t sample_rate = 48000;
+  std::uint32_t channels = 2;
+  std::uint32_t audio_bitrate_kbps = 128;
+  std::uint32_t seconds = 4;
+};
+
+class HoldingClip {
+ public:
+  // Starts building on a thread of its own and returns at once.
+  explicit HoldingClip(HoldingClipConfig config);
+  ~HoldingClip();
+  HoldingClip(const HoldingClip&) = delete;
+  HoldingClip& operator=(const HoldingClip&) = delete;
+
+  // True once the build has ended, for better or worse; false when `ms` passed first.
+  bool WaitReady(int ms) const;
+  std::vector<std::uint8_t> SequenceHeader() const;
+  std::vector<encode::EncodedFrame> Frames() const;
+  std::vector<std::uint8_t> Silence() const;
+  const HoldingClipConfig& config() const { return config_; }
+
+ private:
+  void Build();
+  void BuildAudio();
+  void MarkReady();
+
+  const HoldingClipConfig config_;
+  mutable std::mutex mutex_;
+  std::vector<std::uint8_t> sequence_header_;
+  std::vector<encode::EncodedFrame> frames_;
+  std::vector<std::uint8_t> silence_;
+  std::atomic<bool> ready_{false};
+  mutable std::condition_variable ready_changed_;
+  std::thread builder_;
+};
+
+class HoldingSource {
+ public:
+  // Copies the clip as it is now.
+  HoldingSource(daemon::FrameBus& frames, daemon::AudioBus& audio, const HoldingClip& clip);
+  ~HoldingSource();
+  HoldingSource(const HoldingSource&) = delete;
+  HoldingSource& operator=(const HoldingSource&) = delete;
+
+  // Starts playing; nothing when the clip has no frames or it already plays.
+  void Start();
+  // Stops and joins, unless called on the source's own thread.
+  void Stop();
+
+  // For the take-over: the last time stamp published, the frames played, one frame's duration.
+  std::int64_t last_timestamp() const { return last_timestamp_.load(); }
+  std::uint64_t frames_played() const { return frames_played_.load(); }
+  std::int64_t frame_duration() const { return frame_duration_; }
+
+ private:
+  void Run();
+
+  daemon::FrameBus& frames_bus_;
+  daemon::AudioBus& audio_bus_;
+  std::vector<encode::EncodedFrame> clip_;
+  std::vector<std::uint8_t> silence_;
+  std::int64_t frame_duration_;
+  std::int64_t audio_duration_;
+  std::atomic<bool> running_{false};
+  std::atomic<std::int64_t> last_timestamp_{0};
+  std::atomic<std::uint64_t> frames_played_{0};
+  std::thread thread_;
+};
+
+}  // namespace mirell::session

@@ -1,0 +1,194 @@
+#include "mirell/session/holding_source.h"
+
+#include <chrono>
+#include <exception>
+
+#include "mirell/base/logging.h"
+#include "mirell/encode/aac_encoder.h"
+#include "mirell/encode/h264_encoder.h"
+#include "mirell/session/holding_card.h"
+
+namespace mirell::session {
+namespace {
+
+constexpr std::int64_t kTicksPerSecond = 10'000'000;
+
+}  // namespace
+
+HoldingClip::HoldingClip(HoldingClipConfig config) : config_(std::move(config)) {
+  builder_ = std::thread([this] { Build(); });
+}
+
+HoldingClip::~HoldingClip() { builder_.join(); }
+
+bool HoldingClip::WaitReady(int ms) const {
+  std::unique_lock lock(mutex_);
+  return ready_changed_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return ready_.load(); });
+}
+
+std::vector<std::uint8_t> HoldingClip::SequenceHeader() const {
+  std::lock_guard lock(mutex_);
+  return sequence_header_;
+}
+
+std::vector<encode::EncodedFrame> HoldingClip::Frames() const {
+  std::lock_guard lock(mutex_);
+  return frames_;
+}
+
+std::vector<std::uint8_t> HoldingClip::Silence() const {
+  std::lock_guard lock(mutex_);
+  return silence_;
+}
+
+void HoldingClip::MarkReady() {
+  {
+    // Under the lock, so that a waiter cannot miss the change between its test and its wait.
+    std::lock_guard lock(mutex_);
+    ready_.store(true);
+  }
+  ready_changed_.notify_all();
+}
+
+void HoldingClip::Build() {
+  std::unique_ptr<encode::H264Encoder> encoder;
+  try {
+    encode::H264EncoderConfig video;
+    video.width = config_.width;
+    video.height = config_.height;
+    video.fps_numerator = config_.fps;
+    video.fps_denominator = 1;
+    video.bitrate_bps = config_.bitrate_kbps * 1000;
+    video.gop_seconds = 2;
+    video.profile = encode::H264Profile::kMain;
+    video.prefer_hardware = true;
+    encoder = encode::CreateH264Encoder(video);
+  } catch (const std::exception& error) {
+    LOG_WARN("h264 unavailable: {}", error.what());
+    MarkReady();
+    return;
+  }
+
+  // A failed check here leaves the thread and ends the process, deliberately: the card's surface
+  // is a resource the program cannot do without.
+  HoldingCard card(config_.width, config_.height, config_.title);
+  const std::uint64_t total = static_cast<std::uint64_t>(config_.fps) * config_.seconds;
+  const std::int64_t frame_duration = kTicksPerSecond / config_.fps;
+  std::vector<encode::EncodedFrame> frames;
+  try {
+    // A hardware encoder may hold frames back; the phase wraps so the picture stays seamless.
+    for (std::uint64_t i = 0; frames.size() < total && i < 4 * total; ++i) {
+      const auto picture = card.Render(static_cast<double>(i % total) / static_cast<double>(total));
+      encoder->Encode(picture, static_cast<std::int64_t>(i) * frame_duration, frames);
+    }
+  } catch (const std::exception& error) {
+    LOG_WARN("encode failed ({})", error.what());
+  }
+  try {
+    encoder->Drain(frames);
+  } catch (const std::exception&) {
+    // What there is will do.
+  }
+  while (!frames.empty() && !frames.front().keyframe) frames.erase(frames.begin());
+  const auto header = encoder->sequence_header();
+  std::vector<std::uint8_t> sequence_header(header.begin(), header.end());
+  if (frames.empty() || sequence_header.empty()) {
+    LOG_WARN("card empty, no parameter sets");
+    MarkReady();
+    return;
+  }
+  BuildAudio();
+  bool have_silence = false;
+  {
+    std::lock_guard lock(mutex_);
+    frames_ = std::move(frames);
+    sequence_header_ = std::move(sequence_header);
+    have_silence = !silence_.empty();
+  }
+  const std::size_t count = Frames().size();
+  MarkReady();
+  LOG_INFO("card frames={} silence={}", count, have_silence);
+}
+
+void HoldingClip::BuildAudio() {
+  std::unique_ptr<encode::AacEncoder> encoder;
+  try {
+    encoder = encode::CreateAacEncoder({config_.sample_rate, config_.channels, config_.audio_bitrate_kbps * 1000});
+  } catch (const std::exception& error) {
+    LOG_WARN("aac unavailable: {}", error.what());
+    return;
+  }
+  const std::vector<float> zeros(static_cast<std::size_t>(config_.channels) * encode::kAacFrameSamples, 0.0f);
+  const std::int64_t block_100ns = 10'240'000'000 / config_.sample_rate;
+  std::vector<encode::EncodedAudioFrame> units;
+  try {
+    for (std::uint32_t i = 0; i < config_.sample_rate / encode::kAacFrameSamples + 2; ++i) {
+      encoder->Encode(zeros, static_cast<std::int64_t>(i) * block_100ns, units);
+    }
+    encoder->Drain(units);
+  } catch (const std::exception& error) {
+    LOG_WARN("aac unavailable: {}", error.what());
+    return;
+  }
+  if (units.empty() || units.back().data.empty()) {
+    LOG_WARN("card silence empty");
+    return;
+  }
+  std::lock_guard lock(mutex_);
+  silence_ = units.back().data;
+}
+
+HoldingSource::HoldingSource(daemon::FrameBus& frames, daemon::AudioBus& audio, const HoldingClip& clip)
+    : frames_bus_(frames),
+      audio_bus_(audio),
+      clip_(clip.Frames()),
+      silence_(clip.Silence()),
+      frame_duration_(kTicksPerSecond / clip.config().fps),
+      audio_duration_(10'240'000'000 / clip.config().sample_rate) {}
+
+HoldingSource::~HoldingSource() { Stop(); }
+
+void HoldingSource::Start() {
+  if (clip_.empty()) return;
+  if (running_.exchange(true)) return;
+  thread_ = std::thread([this] { Run(); });
+}
+
+void HoldingSource::Stop() {
+  running_.store(false);
+  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
+}
+
+void HoldingSource::Run() {
+  const auto interval = std::chrono::nanoseconds(frame_duration_ * 100);
+  auto deadline = std::chrono::steady_clock::now();
+  std::uint64_t index = 0;
+  std::int64_t audio_time = 0;
+  while (running_.load()) {
+    const auto& source = clip_[index % clip_.size()];
+    auto frame = std::make_shared<encode::EncodedFrame>();
+    frame->data = source.data;
+    frame->keyframe = source.keyframe;
+    frame->pts_100ns = static_cast<std::int64_t>(index) * frame_duration_;
+    frame->duration_100ns = frame_duration_;
+    last_timestamp_.store(frame->pts_100ns);
+    frames_bus_.Publish(frame);
+    frames_played_.fetch_add(1);
+    ++index;
+    deadline += interval;
+    // Audio at most one unit ahead of the picture.
+    while (!silence_.empty() && audio_time <= frame->pts_100ns) {
+      auto unit = std::make_shared<encode::EncodedAudioFrame>();
+      unit->data = silence_;
+      unit->pts_100ns = audio_time;
+      unit->duration_100ns = audio_duration_;
+      audio_bus_.Publish(unit);
+      audio_time += audio_duration_;
+    }
+    // Absolute deadlines: a late turn is caught up by not sleeping, so the clip does not drift.
+    if (std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_until(deadline);
+  }
+  LOG_DEBUG("stopped frames={}", frames_played_.load());
+}
+
+}  // namespace mirell::session

@@ -1,0 +1,130 @@
+#include "mirell/session/holding_source.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "mirell/base/logging.h"
+#include "mirell/media/nal.h"
+#include "mirell/testsupport/subprocess.h"
+
+namespace mirell::session {
+namespace {
+
+using namespace std::chrono_literals;
+
+HoldingClipConfig SmallClip() {
+  HoldingClipConfig config;
+  config.width = 320;
+  config.height = 180;
+  config.fps = 30;
+  config.seconds = 1;
+  config.bitrate_kbps = 300;
+  return config;
+}
+
+TEST(HoldingClip, ConstructionReturnsAtOnceAndTheClipIsBuiltBehind) {
+  const auto started = std::chrono::steady_clock::now();
+  HoldingClip clip(HoldingClipConfig{});
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 20ms);
+  clip.WaitReady(120);  // May be false this early; both are allowed.
+  ASSERT_TRUE(clip.WaitReady(60'000));
+  const auto frames = clip.Frames();
+  // 30 fps x 4 s, less any frames cut before the first keyframe.
+  EXPECT_LE(frames.size(), 120u);
+  EXPECT_GE(frames.size(), 110u);
+  ASSERT_FALSE(frames.empty());
+  EXPECT_TRUE(frames.front().keyframe);
+  EXPECT_TRUE(media::FirstNalIs(clip.SequenceHeader(), 7));
+  EXPECT_FALSE(clip.Silence().empty());
+}
+
+TEST(HoldingClip, WithoutH264TheClipIsEmptyButReady) {
+  testsupport::TempDir dir;
+  ASSERT_TRUE(SetLogFile(dir.path() / "log"));
+  auto config = SmallClip();
+  config.width = 321;  // The encoder refuses odd sizes.
+  HoldingClip clip(config);
+  ASSERT_TRUE(clip.WaitReady(10'000));
+  EXPECT_TRUE(clip.Frames().empty());
+  EXPECT_TRUE(clip.SequenceHeader().empty());
+  EXPECT_NE(testsupport::ReadFileText(dir.path() / "log").find("h264 unavailable: "), std::string::npos);
+
+  daemon::FrameBus frames;
+  daemon::AudioBus audio;
+  frames.SetHistory(10);
+  HoldingSource source(frames, audio, clip);
+  source.Start();
+  std::this_thread::sleep_for(100ms);
+  source.Stop();
+  EXPECT_EQ(source.frames_played(), 0u);
+  EXPECT_EQ(frames.HistorySize(), 0u);
+}
+
+TEST(HoldingSource, LoopsWithRisingTimesKeyframesAsInTheClipAndSilenceOneUnitAhead) {
+  HoldingClip clip(SmallClip());
+  ASSERT_TRUE(clip.WaitReady(30'000));
+  const auto clip_frames = clip.Frames();
+  ASSERT_EQ(clip_frames.size(), 30u);
+  daemon::FrameBus frames;
+  daemon::AudioBus audio;
+  auto video_reader = frames.Subscribe(200, 0);
+  auto audio_reader = audio.Subscribe(400, -1);
+  HoldingSource source(frames, audio, clip);
+  const auto started = std::chrono::steady_clock::now();
+  source.Start();
+  std::vector<encode::EncodedFramePtr> got;
+  while (got.size() < 45) {
+    auto frame = video_reader->Pop(1000);
+    ASSERT_NE(frame, nullptr);
+    got.push_back(frame);
+  }
+  const auto elapsed = std::chrono::steady_clock::now() - started;
+  source.Stop();
+  // Paced in real time: 45 frames take about 1.5 s (the first goes out at once).
+  EXPECT_GE(elapsed, 1400ms);
+  EXPECT_LT(elapsed, 2500ms);
+  for (std::size_t i = 0; i < got.size(); ++i) {
+    EXPECT_EQ(got[i]->pts_100ns, static_cast<std::int64_t>(i) * 333'333) << i;
+    EXPECT_EQ(got[i]->keyframe, clip_frames[i % 30].keyframe) << i;
+    EXPECT_EQ(got[i]->data, clip_frames[i % 30].data) << i;
+  }
+  EXPECT_TRUE(got[30]->keyframe) << "the loop point starts with the clip's keyframe";
+  EXPECT_GE(source.frames_played(), 45u);
+  EXPECT_EQ(source.frame_duration(), 333'333);
+  EXPECT_EQ(source.last_timestamp(), static_cast<std::int64_t>(source.frames_played() - 1) * 333'333);
+
+  std::int64_t expected_audio = 0;
+  const auto silence = clip.Silence();
+  while (auto unit = audio_reader->TryPop()) {
+    EXPECT_EQ(unit->pts_100ns, expected_audio);
+    EXPECT_EQ(unit->data, silence);
+    expected_audio += 10'240'000'000 / 48000;
+  }
+  // At most one unit ahead of the last picture.
+  EXPECT_GT(expected_audio, source.last_timestamp());
+  EXPECT_LE(expected_audio - 213'333, source.last_timestamp() + 213'333);
+}
+
+TEST(HoldingSource, WithoutSilenceOnlyVideoPlays) {
+  auto config = SmallClip();
+  config.sample_rate = 96000;  // The AAC encoder refuses it.
+  HoldingClip clip(config);
+  ASSERT_TRUE(clip.WaitReady(30'000));
+  EXPECT_TRUE(clip.Silence().empty());
+  ASSERT_FALSE(clip.Frames().empty());
+  daemon::FrameBus frames;
+  daemon::AudioBus audio;
+  auto audio_reader = audio.Subscribe(100, -1);
+  auto video_reader = frames.Subscribe(100, 0);
+  HoldingSource source(frames, audio, clip);
+  source.Start();
+  source.Start();  // A second start does nothing.
+  ASSERT_NE(video_reader->Pop(1000), nullptr);
+  ASSERT_NE(video_reader->Pop(1000), nullptr);
+  source.Stop();
+  EXPECT_EQ(audio_reader->TryPop(), nullptr);
+}
+
+}  // namespace
+}  // namespace mirell::session
