@@ -165,7 +165,11 @@ TEST(UiStartFailure, TakenEndpointShowsTheBoxAndExitsWithOne) {
   xdotool_options.timeout = 30s;
   const auto found = testsupport::RunProcess(
       {"xdotool", "search", "--sync", "--name", "^Mirell couldn't start$"}, xdotool_options);
-  ASSERT_EQ(found.exit_code, 0) << found.err << ui.Log(rtsp_port, pipe);
+  if (found.exit_code != 0) {
+    const auto ended = process.Wait(std::chrono::seconds(1));
+    FAIL() << "no message box; mirell-ui " << (ended.timed_out ? "still ran" : "ended with " + std::to_string(ended.exit_code))
+           << "\n" << ended.err << "\n" << ui.Log(rtsp_port, pipe);
+  }
   const std::string window = found.out.substr(0, found.out.find('\n'));
   EXPECT_TRUE(process.Running()) << "the box must wait for the user";
 
