@@ -4,6 +4,7 @@
 
 #include "mirell/base/logging.h"
 #include "mirell/daemon/stream_path.h"
+#include "executable_path.h"
 #include "share_link.h"
 
 namespace mirell::ui {
@@ -22,6 +23,23 @@ void DaemonHost::Start() {
   rtsp_->Start(config_.rtsp_port);
   resolve_.emplace(config_.pipe_name, [this](const std::string& url) { return Resolve(url); });
   resolve_->Start();
+  if (!config_.install_stub) return;
+
+  daemon::StubInstallerConfig stub_config;
+  stub_config.stub_source = ExecutableDirectory() / daemon::kStubFileName;
+  stub_config.watchdog_interval = std::chrono::milliseconds(1000);
+  // The endpoint actually bound, so that the stub asks where we listen.
+  stub_config.pipe_name = resolve_->endpoint();
+  stub_config.stub_logging = true;
+  try {
+    stub_.emplace(stub_config);
+    stub_->RecoverFromPreviousRun();
+    stub_->Install();
+    stub_->StartWatchdog();
+  } catch (const std::exception& error) {
+    LOG_ERROR("stub install failed: {}", error.what());
+    stub_.reset();
+  }
 }
 
 void DaemonHost::Stop() {
@@ -34,6 +52,13 @@ void DaemonHost::Stop() {
   if (resolve_) {
     resolve_->Stop();
     resolve_.reset();
+  }
+  // No try block: if putting the resolver back fails, the marker stays and the next start
+  // restores again.
+  if (stub_) {
+    stub_->StopWatchdog();
+    stub_->Restore();
+    stub_.reset();
   }
 }
 

@@ -9,6 +9,7 @@
 #include "daemon_config.h"
 #include "mirell/daemon/resolve_service.h"
 #include "mirell/daemon/rtsp_server.h"
+#include "mirell/daemon/stub_installer.h"
 #include "mirell/daemon/stream_registry.h"
 
 namespace mirell::ui {
@@ -20,10 +21,12 @@ class DaemonHost {
   DaemonHost(const DaemonHost&) = delete;
   DaemonHost& operator=(const DaemonHost&) = delete;
 
-  // Starts the RTSP server, then the resolve service. Throws when either cannot listen. A second
-  // call does nothing.
+  // Starts the RTSP server, then the resolve service, then (unless told not to) puts the stub in
+  // place of VRChat's resolver. Throws when the RTSP server or the resolve service cannot listen;
+  // a stub that cannot go in is logged and the program runs on without it. A second call does
+  // nothing.
   void Start();
-  // Stops everything in order; does nothing when not started.
+  // Stops everything in order, VRChat's resolver put back last; does nothing when not started.
   void Stop();
 
   // The decision for one URL, as the resolve service gets it: a share link of this deployment
@@ -36,6 +39,8 @@ class DaemonHost {
   std::string resolve_endpoint() const;
   // The RTSP server's port; 0 when not started.
   std::uint16_t rtsp_port() const;
+  // Whether the stub is in place of VRChat's resolver.
+  bool stub_installed() const { return stub_.has_value(); }
 
  private:
   // Member order is destruction order in reverse: the services end before the registry they use.
@@ -43,6 +48,7 @@ class DaemonHost {
   daemon::StreamRegistry registry_;
   std::optional<daemon::RtspServer> rtsp_;
   std::optional<daemon::ResolveService> resolve_;
+  std::optional<daemon::StubInstaller> stub_;
   bool started_ = false;
 };
 

@@ -17,6 +17,7 @@
 #include "mirell/encode/media_runtime.h"
 #include "options.h"
 #include "quit_on_signal.h"
+#include "restore_mode.h"
 
 namespace {
 
@@ -31,6 +32,10 @@ mirell::ui::Arguments ArgumentsOf(int argc, char** argv) {
 int main(int argc, char** argv) {
   using namespace mirell;
   using namespace mirell::ui;
+
+  // A restore run needs nothing else: no Qt, no lock, no settings.
+  const int restore_result = RunRestoreMode(argc, argv);
+  if (restore_result >= 0) return restore_result;
 
   // The instance identity must be known before anything is built.
   const StartOptions start = ScanStartOptions(ArgumentsOf(argc, argv), DaemonConfig{});

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "instance_key.h"
@@ -48,11 +49,36 @@ class InstalledUi {
   std::filesystem::path binary_;
 };
 
-testsupport::ProcessOptions Headless() {
+// Headless, with a home of its own, so that no real VRChat installation is ever touched.
+testsupport::ProcessOptions Headless(const std::filesystem::path& home) {
   testsupport::ProcessOptions options;
   options.environment["QT_QPA_PLATFORM"] = "offscreen";
   options.environment["MIRELL_LOG"] = "debug";
+  options.environment["HOME"] = home.string();
   return options;
+}
+
+// A file of `size` bytes (sparse) whose first byte tells files apart.
+void MakeFile(const std::filesystem::path& path, std::uintmax_t size, char tag) {
+  {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.put(tag);
+  }
+  std::filesystem::resize_file(path, size);
+}
+
+char TagOf(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return static_cast<char>(file.get());
+}
+
+// VRChat under Proton in a Steam library of `home`, with its resolver; returns the Tools folder.
+std::filesystem::path MakeVrchatTools(const std::filesystem::path& home) {
+  const auto tools = home / ".local/share/Steam/steamapps/compatdata/438100/pfx/drive_c/users/"
+                            "steamuser/AppData/LocalLow/VRChat/VRChat/Tools";
+  std::filesystem::create_directories(tools);
+  MakeFile(tools / "yt-dlp.exe", 12 << 20, 'R');
+  return tools;
 }
 
 class UiProcess : public ::testing::Test {
@@ -64,11 +90,12 @@ class UiProcess : public ::testing::Test {
     process_ = std::make_unique<ChildProcess>(
         std::vector<std::string>{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
                                  std::to_string(rtsp_port_)},
-        Headless());
+        Headless(home_.path()));
     ASSERT_TRUE(ui_.WaitForLog(rtsp_port_, pipe_, "listening " + pipe_))
         << ui_.Log(rtsp_port_, pipe_);
   }
 
+  testsupport::TempDir home_;
   InstalledUi ui_;
   std::uint16_t pipe_port_ = 0;
   std::uint16_t rtsp_port_ = 0;
@@ -152,7 +179,9 @@ TEST(UiStartFailure, TakenEndpointShowsTheBoxAndExitsWithOne) {
   ASSERT_TRUE(bound);
 
   const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  testsupport::TempDir home;
   testsupport::ProcessOptions options;
+  options.environment["HOME"] = home.path().string();
   options.environment["DISPLAY"] = display.name();
   options.environment["QT_QPA_PLATFORM"] = "xcb";
   options.environment["MIRELL_LOG"] = "debug";
@@ -183,6 +212,79 @@ TEST(UiStartFailure, TakenEndpointShowsTheBoxAndExitsWithOne) {
   const std::string log = ui.Log(rtsp_port, pipe);
   EXPECT_NE(log.find("could not start: "), std::string::npos) << log;
   EXPECT_NE(log.find("could not listen on " + pipe), std::string::npos) << log;
+}
+
+// With VRChat present, the stub goes in at start with the endpoint actually bound, and VRChat's
+// resolver comes back at a clean exit.
+TEST(UiStub, InstalledAtStartAndRestoredAtExit) {
+  testsupport::TempDir home;
+  const auto tools = MakeVrchatTools(home.path());
+  InstalledUi ui;
+  MakeFile(ui.binary().parent_path() / "mirell-stub.exe", 40'000, 'S');
+  const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
+  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
+  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)},
+                       Headless(home.path()));
+  ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "installed the stub into " + tools.string()))
+      << ui.Log(rtsp_port, pipe);
+  EXPECT_EQ(TagOf(tools / "yt-dlp.exe"), 'S');
+  EXPECT_EQ(std::filesystem::file_size(tools / "yt-dlp-mirell-orig.exe"), 12u << 20);
+  EXPECT_NE(testsupport::ReadFileText(tools / "mirell-stub.cfg").find("pipe=" + pipe + "\n"), std::string::npos);
+  EXPECT_TRUE(std::filesystem::exists(tools / "mirell-stub.state"));
+
+  process.Signal(SIGTERM);
+  const auto result = process.Wait(20s);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_EQ(TagOf(tools / "yt-dlp.exe"), 'R');
+  EXPECT_EQ(std::filesystem::file_size(tools / "yt-dlp.exe"), 12u << 20);
+  EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.state"));
+  EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.cfg"));
+}
+
+TEST(UiStub, NoStubLeavesVrchatAloneAndStillServes) {
+  testsupport::TempDir home;
+  const auto tools = MakeVrchatTools(home.path());
+  InstalledUi ui;
+  MakeFile(ui.binary().parent_path() / "mirell-stub.exe", 40'000, 'S');
+  const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
+  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
+  ChildProcess process({ui.binary().string(), "--no-stub", "--pipe", pipe, "--rtsp-port",
+                        std::to_string(rtsp_port)},
+                       Headless(home.path()));
+  ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "listening " + pipe));
+  EXPECT_EQ(ExchangeOnce(pipe_port, "RESOLVE https://example.com/\n"), "PASS\n");
+  EXPECT_EQ(TagOf(tools / "yt-dlp.exe"), 'R');
+  EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.state"));
+  process.Signal(SIGTERM);
+  EXPECT_EQ(process.Wait(20s).exit_code, 0);
+}
+
+// A crash left the stub in place: the restore mode puts VRChat's resolver back and tidies up,
+// with no Qt (there is no display here) and exit code 0.
+TEST(UiRestoreMode, PutsTheResolverBackAndTidiesUp) {
+  testsupport::TempDir home;
+  testsupport::TempDir temporary;
+  const auto tools = MakeVrchatTools(home.path());
+  std::filesystem::rename(tools / "yt-dlp.exe", tools / "yt-dlp-mirell-orig.exe");
+  MakeFile(tools / "yt-dlp.exe", 40'000, 'S');
+  for (const char* name : {"mirell-stub.state", "mirell-stub.cfg", "mirell-stub.log"}) MakeFile(tools / name, 10, 'x');
+  InstalledUi ui;
+  testsupport::ProcessOptions options;
+  options.environment["TMPDIR"] = temporary.path().string();
+  options.environment["HOME"] = home.path().string();
+  options.environment["DISPLAY"] = std::nullopt;
+  options.environment["QT_QPA_PLATFORM"] = std::nullopt;
+  options.environment["MIRELL_LOG"] = "info";
+  const auto result = testsupport::RunProcess({ui.binary().string(), "--restore-vrchat", "--tools-dir", tools.string()}, options);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_EQ(TagOf(tools / "yt-dlp.exe"), 'R');
+  for (const char* name : {"mirell-stub.state", "mirell-stub.cfg", "mirell-stub.log", "yt-dlp-mirell-orig.exe"}) {
+    EXPECT_FALSE(std::filesystem::exists(tools / name)) << name;
+  }
+  EXPECT_NE(testsupport::ReadFileText(temporary.path() / "mirell-restore.log").find("VRChat's resolver is back in place"),
+            std::string::npos);
 }
 
 }  // namespace

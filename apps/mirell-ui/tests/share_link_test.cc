@@ -1,6 +1,9 @@
 #include "share_link.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include "mirell/testsupport/subprocess.h"
 
 #include "daemon_host.h"
 #include "mirell/testsupport/tcp_client.h"
@@ -58,6 +61,7 @@ TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {
   DaemonConfig config;
   config.pipe_name = "127.0.0.1:0";
   config.rtsp_port = testsupport::FreeLoopbackPort();
+  config.install_stub = false;
   DaemonHost never_started(config);
   never_started.Stop();
   EXPECT_EQ(never_started.resolve_endpoint(), "");
@@ -83,6 +87,7 @@ TEST(DaemonHostLifecycle, StartFailsWhenTheRtspPortIsTaken) {
   DaemonConfig first_config;
   first_config.pipe_name = "127.0.0.1:0";
   first_config.rtsp_port = testsupport::FreeLoopbackPort();
+  first_config.install_stub = false;
   DaemonHost first(first_config);
   first.Start();
   DaemonConfig second_config = first_config;
@@ -104,15 +109,31 @@ TEST(DaemonHostLifecycle, StartFailsWhenTheEndpointIsTakenAndCleansUp) {
   DaemonConfig first_config;
   first_config.pipe_name = "127.0.0.1:0";
   first_config.rtsp_port = testsupport::FreeLoopbackPort();
+  first_config.install_stub = false;
   DaemonHost first(first_config);
   first.Start();
   DaemonConfig second_config;
   second_config.rtsp_port = 0;
+  second_config.install_stub = false;
   second_config.pipe_name = first.resolve_endpoint();
   DaemonHost second(second_config);
   EXPECT_THROW(second.Start(), std::exception);
   second.Stop();
   EXPECT_EQ(second.resolve_endpoint(), "");
+}
+
+TEST(DaemonHostLifecycle, WithoutAStubToInstallTheServicesStillRun) {
+  testsupport::TempDir home;
+  setenv("HOME", home.path().c_str(), 1);
+  DaemonConfig config;
+  config.pipe_name = "127.0.0.1:0";
+  config.rtsp_port = testsupport::FreeLoopbackPort();
+  DaemonHost host(config);
+  host.Start();  // No VRChat under this home: the stub cannot go in, and that is survived.
+  EXPECT_FALSE(host.stub_installed());
+  EXPECT_FALSE(host.resolve_endpoint().empty());
+  EXPECT_EQ(host.rtsp_port(), config.rtsp_port);
+  host.Stop();
 }
 
 }  // namespace

@@ -1,0 +1,81 @@
+#include "restore_mode.h"
+
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <optional>
+#include <string_view>
+#include <system_error>
+
+#include "executable_path.h"
+#include "mirell/base/logging.h"
+#include "mirell/daemon/stub_installer.h"
+#include "mirell/daemon/vrchat_paths.h"
+
+namespace mirell::ui {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path TemporaryDirectory() {
+  const char* tmpdir = std::getenv("TMPDIR");
+  return tmpdir != nullptr && tmpdir[0] != '\0' ? fs::path(tmpdir) : fs::path("/tmp");
+}
+
+// Removes what the installer itself leaves behind. The preserved original goes only when the
+// live resolver is real: otherwise it may be the only copy.
+void TidyUp(const fs::path& tools_directory) {
+  std::error_code ignored;
+  if (!fs::is_directory(tools_directory, ignored)) return;
+  const auto live = tools_directory / daemon::kLiveResolverName;
+  std::error_code size_error;
+  bool live_is_real = false;
+  if (fs::exists(live, ignored)) {
+    const auto size = fs::file_size(live, size_error);
+    live_is_real = size_error || size > daemon::kMaxStubBytes;
+  }
+  for (const char* name : {daemon::kStubConfigName, daemon::kStubLogName, daemon::kMarkerName}) {
+    fs::remove(tools_directory / name, ignored);
+  }
+  if (live_is_real) {
+    fs::remove(tools_directory / daemon::kPreservedResolverName, ignored);
+  } else {
+    LOG_WARN("keeping the preserved original, the live resolver is still ours");
+  }
+}
+
+}  // namespace
+
+int RunRestoreMode(int argc, char** argv) {
+  bool restore = false;
+  std::optional<fs::path> tools_directory;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view argument = argv[i];
+    if (argument == "--restore-vrchat") {
+      restore = true;
+    } else if (argument == "--tools-dir" && i + 1 < argc) {
+      tools_directory = argv[++i];
+    }
+  }
+  if (!restore) return -1;
+
+  SetLogFile(TemporaryDirectory() / "mirell-restore.log");
+  try {
+    if (!tools_directory) tools_directory = daemon::DefaultToolsDirectory();
+    daemon::StubInstallerConfig config;
+    config.tools_directory = *tools_directory;
+    config.stub_source = ExecutableDirectory() / daemon::kStubFileName;
+    config.watchdog_interval = std::chrono::milliseconds(1000);
+    config.stub_logging = true;
+    daemon::StubInstaller installer(config);
+    installer.Restore();
+    installer.RecoverFromPreviousRun();
+    TidyUp(installer.tools_directory());
+    LOG_INFO("VRChat's resolver is back in place");
+  } catch (const std::exception& error) {
+    LOG_ERROR("{}", error.what());
+  }
+  return 0;
+}
+
+}  // namespace mirell::ui
