@@ -1,0 +1,171 @@
+// The stub under Wine, started by a Windows program standing in for VRChat with the kind of
+// arguments a video player passes, against a real mirell-ui, an in-process resolve service, or
+// nothing at all.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <thread>
+
+#include "mirell/daemon/resolve_service.h"
+#include "mirell/testsupport/subprocess.h"
+#include "mirell/testsupport/tcp_client.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using mirell::testsupport::ProcessOptions;
+using mirell::testsupport::RunProcess;
+using mirell::testsupport::TempDir;
+
+std::string WindowsPath(const fs::path& path) {
+  std::string text = "Z:" + path.string();
+  for (char& c : text) {
+    if (c == '/') c = '\\';
+  }
+  return text;
+}
+
+class StubUnderWine : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (!mirell::testsupport::HaveProgram("wine")) return;
+    prefix_ = new TempDir();
+    const auto booted = RunProcess({"wineboot", "-i"}, WineOptions(120s));
+    if (booted.exit_code != 0) {
+      delete prefix_;
+      prefix_ = nullptr;
+    }
+  }
+  static void TearDownTestSuite() {
+    if (prefix_ != nullptr) RunProcess({"wineserver", "-k"}, WineOptions(30s));
+    delete prefix_;
+    prefix_ = nullptr;
+  }
+  static ProcessOptions WineOptions(std::chrono::milliseconds timeout = 60s) {
+    ProcessOptions options;
+    options.timeout = timeout;
+    if (prefix_ != nullptr) options.environment["WINEPREFIX"] = prefix_->path().string();
+    options.environment["WINEDLLOVERRIDES"] = "mscoree,mshtml=";
+    options.environment["WINEDEBUG"] = "-all";
+    options.environment["DISPLAY"] = std::nullopt;
+    return options;
+  }
+
+  void SetUp() override {
+    if (prefix_ == nullptr) GTEST_SKIP() << "needs wine (scripts/install-deps installs it)";
+    tools_ = dir_.path() / "Tools";
+    fs::create_directories(tools_);
+    fs::copy_file(MIRELL_STUB_EXE, tools_ / "yt-dlp.exe");
+    fs::copy_file(fs::path(MIRELL_TEST_PE_DIR) / "fake_resolver.exe", tools_ / "yt-dlp-mirell-orig.exe");
+    pipe_port_ = mirell::testsupport::FreeLoopbackPort();
+    WriteConfig("127.0.0.1:" + std::to_string(pipe_port_));
+  }
+
+  void WriteConfig(const std::string& pipe) {
+    std::ofstream(tools_ / "mirell-stub.cfg", std::ios::binary | std::ios::trunc)
+        << "# Written by the mirell daemon. Removed when it shuts down.\r\npipe=" << pipe
+        << "\r\noriginal=yt-dlp-mirell-orig.exe\r\nlog=1\r\n";
+  }
+
+  // What VRChat sees: "exit=<code>\n" and the program's stdout, byte for byte.
+  std::string AsVrchat(const fs::path& program, const std::string& url) {
+    const auto result = RunProcess(
+        {"wine", (fs::path(MIRELL_TEST_PE_DIR) / "vrchat_parent.exe").string(), WindowsPath(program),
+         "--no-check-certificate", "-f", "mp4/best[height<=?720][height>=?64]", "--get-url",
+         "--user-agent", "UnityPlayer/2022 (\"quoted\" and spaced)", url},
+        WineOptions());
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    return result.out;
+  }
+
+  std::string StubLog() { return mirell::testsupport::ReadFileText(tools_ / "mirell-stub.log"); }
+
+  static TempDir* prefix_;
+  TempDir dir_;
+  fs::path tools_;
+  std::uint16_t pipe_port_ = 0;
+};
+
+TempDir* StubUnderWine::prefix_ = nullptr;
+
+TEST_F(StubUnderWine, ShareLinkPrintsTheDaemonsAddressFromARunningMirell) {
+  TempDir home;
+  const std::uint16_t rtsp_port = mirell::testsupport::FreeLoopbackPort();
+  ProcessOptions options;
+  options.environment["QT_QPA_PLATFORM"] = "offscreen";
+  options.environment["HOME"] = home.path().string();
+  mirell::testsupport::ChildProcess ui({MIRELL_UI_BINARY, "--no-stub", "--pipe", "127.0.0.1:" + std::to_string(pipe_port_),
+                                        "--rtsp-port", std::to_string(rtsp_port)},
+                                       options);
+  for (int i = 0; i < 200; ++i) {
+    try {
+      mirell::testsupport::TcpClient probe(pipe_port_);
+      break;
+    } catch (const std::exception&) {
+      std::this_thread::sleep_for(25ms);
+    }
+  }
+  EXPECT_EQ(AsVrchat(tools_ / "yt-dlp.exe", "https://mirell.example/s/ABCDEFGHJKMN"),
+            "exit=0\nrtspt://127.0.0.1:" + std::to_string(rtsp_port) + "/s/ABCDEFGHJKMN\r\n");
+  // Any other URL: exactly what the real resolver gives, byte for byte and exit code.
+  const std::string url = "https://example.com/watch?v=1&t=2";
+  EXPECT_EQ(AsVrchat(tools_ / "yt-dlp.exe", url), AsVrchat(tools_ / "yt-dlp-mirell-orig.exe", url));
+  EXPECT_NE(StubLog().find("resolved to rtspt://"), std::string::npos);
+  ui.Signal(SIGTERM);
+  ui.Wait(20s);
+}
+
+TEST_F(StubUnderWine, WithNoDaemonEveryUrlGoesToTheRealResolver) {
+  const std::string expected = AsVrchat(tools_ / "yt-dlp-mirell-orig.exe", "https://mirell.example/s/ABCDEFGHJKMN");
+  EXPECT_EQ(expected.rfind("exit=3\n", 0), 0u) << expected;
+  EXPECT_NE(expected.find("arg=[UnityPlayer/2022 (\"quoted\" and spaced)]"), std::string::npos) << expected;
+  EXPECT_EQ(AsVrchat(tools_ / "yt-dlp.exe", "https://mirell.example/s/ABCDEFGHJKMN"), expected);
+  EXPECT_NE(StubLog().find("no answer from 127.0.0.1:" + std::to_string(pipe_port_)), std::string::npos);
+}
+
+TEST_F(StubUnderWine, AnErrAnswerGoesToTheRealResolver) {
+  mirell::daemon::ResolveService service("127.0.0.1:" + std::to_string(pipe_port_), [](const std::string&) {
+    return mirell::daemon::ResolveResult{mirell::daemon::ResolveStatus::kFailed, "", "host gone"};
+  });
+  service.Start();
+  const std::string url = "https://mirell.example/s/ABCDEFGHJKMN";
+  EXPECT_EQ(AsVrchat(tools_ / "yt-dlp.exe", url), AsVrchat(tools_ / "yt-dlp-mirell-orig.exe", url));
+  EXPECT_EQ(service.requests(), 1u);
+  EXPECT_NE(StubLog().find("answer ERR host gone; running the original"), std::string::npos);
+}
+
+TEST_F(StubUnderWine, MissingConfigurationUsesTheDefaultsWithLoggingOff) {
+  fs::remove(tools_ / "mirell-stub.cfg");
+  // The default endpoint is 127.0.0.1:8555; whatever answers there or not, a URL that is no share
+  // link ends at the real resolver.
+  const std::string url = "https://example.com/x";
+  EXPECT_EQ(AsVrchat(tools_ / "yt-dlp.exe", url), AsVrchat(tools_ / "yt-dlp-mirell-orig.exe", url));
+  EXPECT_FALSE(fs::exists(tools_ / "mirell-stub.log"));
+}
+
+TEST_F(StubUnderWine, StubsRunningAtOnceLoseNoLogLines) {
+  constexpr int kStubs = 6;
+  std::vector<std::future<std::string>> runs;
+  for (int i = 0; i < kStubs; ++i) {
+    runs.push_back(std::async(std::launch::async, [this, i] {
+      return AsVrchat(tools_ / "yt-dlp.exe", "https://example.com/" + std::to_string(i));
+    }));
+  }
+  for (auto& run : runs) EXPECT_EQ(run.get().rfind("exit=3\n", 0), 0u);
+  // Three lines per stub: asked, no answer, the original's exit.
+  const std::string log = StubLog();
+  std::size_t lines = 0;
+  for (char c : log) lines += c == '\n' ? 1u : 0u;
+  EXPECT_EQ(lines, 3u * kStubs) << log;
+}
+
+TEST_F(StubUnderWine, TheStubIsFarBelowTheStubSizeLimit) {
+  EXPECT_GT(fs::file_size(MIRELL_STUB_EXE), 0u);
+  EXPECT_LT(fs::file_size(MIRELL_STUB_EXE), 1048576u / 2);
+}
+
+}  // namespace
