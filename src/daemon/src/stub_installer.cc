@@ -16,6 +16,26 @@ std::uintmax_t SizeOf(const std::filesystem::path& path) {
   return error ? 0 : size;
 }
 
+// Copies `from` over `to` so that `to` is never seen half written: the bytes go to a temporary
+// file beside it, which then takes its name in one rename. A process killed in the middle leaves
+// `to` as it was (and at most the temporary file).
+void CopyOver(const std::filesystem::path& from, const std::filesystem::path& to) {
+  auto temporary = to;
+  temporary += ".mirell-tmp";
+  std::filesystem::copy_file(from, temporary, std::filesystem::copy_options::overwrite_existing);
+  std::filesystem::rename(temporary, to);
+}
+
+bool CopyOver(const std::filesystem::path& from, const std::filesystem::path& to, std::error_code& error) {
+  try {
+    CopyOver(from, to);
+    return true;
+  } catch (const std::filesystem::filesystem_error& failure) {
+    error = failure.code();
+    return false;
+  }
+}
+
 }  // namespace
 
 bool LooksLikeStub(const std::filesystem::path& path) {
@@ -59,7 +79,7 @@ void StubInstaller::Install() {
 
   if (LooksLikeResolver(live_)) {
     // A newer resolver that VRChat downloaded always replaces an older preserved one.
-    std::filesystem::copy_file(live_, backup_, std::filesystem::copy_options::overwrite_existing);
+    CopyOver(live_, backup_);
     LOG_INFO("preserved VRChat's resolver ({} MB)", SizeOf(backup_) >> 20);
   } else if (!LooksLikeStub(live_)) {
     ThrowError(fmt::format("yt-dlp.exe is {} bytes, which is neither a stub nor a plausible "
@@ -82,7 +102,7 @@ void StubInstaller::Install() {
   }
   // The configuration goes down before the stub can run, so a stub started next finds its pipe.
   WriteStubConfig();
-  std::filesystem::copy_file(config_.stub_source, live_, std::filesystem::copy_options::overwrite_existing);
+  CopyOver(config_.stub_source, live_);
   MIRELL_CHECK(LooksLikeStub(live_), "the stub does not appear to be in place after installing: {} is {} bytes",
                live_.string(), SizeOf(live_));
   installed_ = true;
@@ -93,7 +113,7 @@ void StubInstaller::Restore() {
   std::error_code ignored;
   if (std::filesystem::exists(live_, ignored) && LooksLikeStub(live_)) {
     if (std::filesystem::exists(backup_, ignored) && LooksLikeResolver(backup_)) {
-      std::filesystem::copy_file(backup_, live_, std::filesystem::copy_options::overwrite_existing);
+      CopyOver(backup_, live_);
       LOG_INFO("restored VRChat's resolver");
     } else {
       std::filesystem::remove(live_, ignored);
@@ -106,6 +126,12 @@ void StubInstaller::Restore() {
   // The marker goes only after yt-dlp.exe is right: a crash before this restores again.
   std::filesystem::remove(state_, ignored);
   std::filesystem::remove(config_.tools_directory / kStubConfigName, ignored);
+  // What a copy cut short by a crash may have left.
+  for (const auto& target : {live_, backup_}) {
+    auto temporary = target;
+    temporary += ".mirell-tmp";
+    std::filesystem::remove(temporary, ignored);
+  }
   installed_ = false;
 }
 
@@ -146,13 +172,10 @@ void StubInstaller::Watch() {
     if (exists && LooksLikeStub(live_)) continue;
     // VRChat fetched a resolver again: that version is the one to preserve. A file of another
     // size, such as a download in progress, is not.
-    if (exists && LooksLikeResolver(live_)) {
-      std::filesystem::copy_file(live_, backup_, std::filesystem::copy_options::overwrite_existing, ignored);
-    }
+    if (exists && LooksLikeResolver(live_)) CopyOver(live_, backup_, ignored);
     WriteStubConfig();
     std::error_code error;
-    std::filesystem::copy_file(config_.stub_source, live_, std::filesystem::copy_options::overwrite_existing, error);
-    if (!error) {
+    if (CopyOver(config_.stub_source, live_, error)) {
       LOG_INFO("VRChat replaced the stub; re-applied (#{})", reapplied_.fetch_add(1) + 1);
     } else {
       LOG_WARN("could not re-apply the stub: {}", error.message());
