@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <optional>
+#include <string_view>
 
 #include "mirell/base/logging.h"
 #include "mirell/testsupport/subprocess.h"
@@ -31,8 +32,9 @@ char TagOf(const fs::path& path) {
 class RestoreModeTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    const char* tmpdir = std::getenv("TMPDIR");
-    if (tmpdir != nullptr) saved_tmpdir_ = tmpdir;
+    if (const char* tmpdir = std::getenv("TMPDIR"); tmpdir != nullptr) {
+      saved_tmpdir_.emplace(std::string_view(tmpdir));
+    }
     setenv("TMPDIR", temporary_.path().c_str(), 1);
     setenv("HOME", home_.path().c_str(), 1);
     SetLogLevel(LogLevel::kInfo);
@@ -48,10 +50,11 @@ class RestoreModeTest : public ::testing::Test {
       unsetenv("TMPDIR");
     }
   }
-  int Run(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), "mirell-ui");
+  int Run(const std::vector<std::string>& arguments) {
+    std::vector<std::string> all{std::string("mirell-ui")};
+    all.insert(all.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
-    for (auto& argument : arguments) argv.push_back(argument.data());
+    for (auto& argument : all) argv.push_back(argument.data());
     return RunRestoreMode(static_cast<int>(argv.size()), argv.data());
   }
   std::string log() { return testsupport::ReadFileText(temporary_.path() / "mirell-restore.log"); }
