@@ -58,26 +58,16 @@ testsupport::ProcessOptions Headless(const std::filesystem::path& home) {
   return options;
 }
 
-// A file of `size` bytes (sparse) whose first byte tells files apart.
-void MakeFile(const std::filesystem::path& path, std::uintmax_t size, char tag) {
-  {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file.put(tag);
-  }
-  std::filesystem::resize_file(path, size);
-}
+using testsupport::MakeTaggedFile;
 
-char TagOf(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return static_cast<char>(file.get());
-}
+char TagOf(const std::filesystem::path& path) { return testsupport::FirstByteOf(path); }
 
 // VRChat under Proton in a Steam library of `home`, with its resolver; returns the Tools folder.
 std::filesystem::path MakeVrchatTools(const std::filesystem::path& home) {
   const auto tools = home / ".local/share/Steam/steamapps/compatdata/438100/pfx/drive_c/users/"
                             "steamuser/AppData/LocalLow/VRChat/VRChat/Tools";
   std::filesystem::create_directories(tools);
-  MakeFile(tools / "yt-dlp.exe", 12 << 20, 'R');
+  MakeTaggedFile(tools / "yt-dlp.exe", 12 << 20, 'R');
   return tools;
 }
 
@@ -220,7 +210,7 @@ TEST(UiStub, InstalledAtStartAndRestoredAtExit) {
   testsupport::TempDir home;
   const auto tools = MakeVrchatTools(home.path());
   InstalledUi ui;
-  MakeFile(ui.binary().parent_path() / "mirell-stub.exe", 40'000, 'S');
+  MakeTaggedFile(ui.binary().parent_path() / "mirell-stub.exe", 40'000, 'S');
   const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
   const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
   const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
@@ -246,7 +236,7 @@ TEST(UiStub, NoStubLeavesVrchatAloneAndStillServes) {
   testsupport::TempDir home;
   const auto tools = MakeVrchatTools(home.path());
   InstalledUi ui;
-  MakeFile(ui.binary().parent_path() / "mirell-stub.exe", 40'000, 'S');
+  MakeTaggedFile(ui.binary().parent_path() / "mirell-stub.exe", 40'000, 'S');
   const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
   const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
   const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
@@ -268,8 +258,8 @@ TEST(UiRestoreMode, PutsTheResolverBackAndTidiesUp) {
   testsupport::TempDir temporary;
   const auto tools = MakeVrchatTools(home.path());
   std::filesystem::rename(tools / "yt-dlp.exe", tools / "yt-dlp-mirell-orig.exe");
-  MakeFile(tools / "yt-dlp.exe", 40'000, 'S');
-  for (const char* name : {"mirell-stub.state", "mirell-stub.cfg", "mirell-stub.log"}) MakeFile(tools / name, 10, 'x');
+  MakeTaggedFile(tools / "yt-dlp.exe", 40'000, 'S');
+  for (const char* name : {"mirell-stub.state", "mirell-stub.cfg", "mirell-stub.log"}) MakeTaggedFile(tools / name, 10, 'x');
   InstalledUi ui;
   testsupport::ProcessOptions options;
   options.environment["TMPDIR"] = temporary.path().string();

@@ -16,18 +16,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-void MakeFile(const fs::path& path, std::uintmax_t size, char tag) {
-  {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file.put(tag);
-  }
-  fs::resize_file(path, size);
-}
+using testsupport::MakeTaggedFile;
 
-char TagOf(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return static_cast<char>(file.get());
-}
+char TagOf(const fs::path& path) { return testsupport::FirstByteOf(path); }
 
 class RestoreModeTest : public ::testing::Test {
  protected:
@@ -72,15 +63,15 @@ TEST_F(RestoreModeTest, WithoutTheOptionItIsNoRestoreRun) {
 }
 
 TEST_F(RestoreModeTest, NeverInstalledFindsNothingToDoAndRemovesNoOriginal) {
-  MakeFile(tools_ / "yt-dlp.exe", 9 << 20, 'R');
+  MakeTaggedFile(tools_ / "yt-dlp.exe", 9 << 20, 'R');
   EXPECT_EQ(Run({"--restore-vrchat", "--tools-dir", tools_.string()}), 0);
   EXPECT_EQ(TagOf(tools_ / "yt-dlp.exe"), 'R');
   EXPECT_NE(log().find("VRChat's resolver is back in place"), std::string::npos);
 }
 
 TEST_F(RestoreModeTest, LiveStillOursKeepsTheOriginalWithAWarning) {
-  MakeFile(tools_ / "yt-dlp.exe", 40'000, 'S');
-  MakeFile(tools_ / "yt-dlp-mirell-orig.exe", 2 << 20, 'P');  // Not usable: the stub goes.
+  MakeTaggedFile(tools_ / "yt-dlp.exe", 40'000, 'S');
+  MakeTaggedFile(tools_ / "yt-dlp-mirell-orig.exe", 2 << 20, 'P');  // Not usable: the stub goes.
   EXPECT_EQ(Run({"--restore-vrchat", "--tools-dir", tools_.string()}), 0);
   EXPECT_FALSE(fs::exists(tools_ / "yt-dlp.exe"));
   EXPECT_TRUE(fs::exists(tools_ / "yt-dlp-mirell-orig.exe"));
@@ -88,9 +79,9 @@ TEST_F(RestoreModeTest, LiveStillOursKeepsTheOriginalWithAWarning) {
 }
 
 TEST_F(RestoreModeTest, ToolsDirAsTheLastArgumentUsesTheDefaultDirectory) {
-  MakeFile(tools_ / "yt-dlp.exe", 40'000, 'S');
-  MakeFile(tools_ / "yt-dlp-mirell-orig.exe", 6 << 20, 'R');
-  MakeFile(tools_ / "mirell-stub.state", 3, 'm');
+  MakeTaggedFile(tools_ / "yt-dlp.exe", 40'000, 'S');
+  MakeTaggedFile(tools_ / "yt-dlp-mirell-orig.exe", 6 << 20, 'R');
+  MakeTaggedFile(tools_ / "mirell-stub.state", 3, 'm');
   EXPECT_EQ(Run({"--restore-vrchat", "--tools-dir"}), 0);
   EXPECT_EQ(TagOf(tools_ / "yt-dlp.exe"), 'R');
   EXPECT_FALSE(fs::exists(tools_ / "mirell-stub.state"));
@@ -98,7 +89,7 @@ TEST_F(RestoreModeTest, ToolsDirAsTheLastArgumentUsesTheDefaultDirectory) {
 }
 
 TEST_F(RestoreModeTest, LaterToolsDirWins) {
-  MakeFile(tools_ / "mirell-stub.cfg", 3, 'c');
+  MakeTaggedFile(tools_ / "mirell-stub.cfg", 3, 'c');
   EXPECT_EQ(Run({"--tools-dir", "/nonexistent", "--restore-vrchat", "--tools-dir", tools_.string()}), 0);
   EXPECT_FALSE(fs::exists(tools_ / "mirell-stub.cfg"));
 }

@@ -71,7 +71,7 @@ TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {
   host.Start();
   const std::string endpoint = host.resolve_endpoint();
   ASSERT_FALSE(endpoint.empty());
-  const auto port = static_cast<std::uint16_t>(std::stoi(endpoint.substr(endpoint.rfind(':') + 1)));
+  const auto port = testsupport::EndpointPort(endpoint);
   EXPECT_EQ(host.rtsp_port(), config.rtsp_port);
   EXPECT_EQ(testsupport::ExchangeOnce(port, "RESOLVE https://mirell.example/s/tok\n"),
             "OK rtspt://127.0.0.1:" + std::to_string(config.rtsp_port) + "/s/tok\n");

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <charconv>
 #include <future>
 #include <mutex>
 #include <string>
@@ -23,12 +22,6 @@ using namespace std::chrono_literals;
 using testsupport::ExchangeOnce;
 using testsupport::TcpClient;
 
-std::uint16_t PortOf(const std::string& endpoint) {
-  const auto colon = endpoint.rfind(':');
-  unsigned port = 0;
-  std::from_chars(endpoint.data() + colon + 1, endpoint.data() + endpoint.size(), port);
-  return static_cast<std::uint16_t>(port);
-}
 
 class ResolveServiceTest : public ::testing::Test {
  protected:
@@ -49,7 +42,7 @@ class ResolveServiceTest : public ::testing::Test {
           return answer(url);
         });
     service_->Start();
-    port_ = PortOf(service_->endpoint());
+    port_ = testsupport::EndpointPort(service_->endpoint());
   }
   void StartPassing() {
     StartWith([](const std::string&) { return ResolveResult{}; });
@@ -265,7 +258,7 @@ TEST_F(ResolveServiceTest, CanStartAgainAfterStop) {
   StartPassing();
   service_->Stop();
   service_->Start();
-  port_ = PortOf(service_->endpoint());
+  port_ = testsupport::EndpointPort(service_->endpoint());
   EXPECT_EQ(ExchangeOnce(port_, "RESOLVE again\n"), "PASS\n");
 }
 

@@ -352,6 +352,18 @@ TEST_F(RtspServerTest, NoSenderReportBeforeTheFirstPacketThenOneWithIt) {
   EXPECT_EQ(packets, frames.size() - 1);
 }
 
+TEST_F(RtspServerTest, WhilePlayingAStalledSourceTheSocketIsStillReadFourTimesASecond) {
+  RtspTestClient client(server_.port());
+  ASSERT_EQ(StartPlaying(client).status, 200);
+  // No frames and no audio: each turn waits up to 250 ms in Pop, then looks at the socket.
+  for (int i = 0; i < 4; ++i) {
+    const auto asked = std::chrono::steady_clock::now();
+    EXPECT_EQ(client.Request("OPTIONS", uri_, 10 + i).status, 200);
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, 400ms) << "request " << i;
+    std::this_thread::sleep_for(std::chrono::milliseconds(37 * i));
+  }
+}
+
 TEST_F(RtspServerTest, StatisticsWithoutDropsGiveNoKeyframeRateWarning) {
   RtspTestClient client(server_.port());
   ASSERT_EQ(StartPlaying(client).status, 200);

@@ -9,7 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <charconv>
 
 #include "mirell/base/logging.h"
 #include "mirell/daemon/resolve_service.h"
@@ -123,16 +122,13 @@ TEST(ResolveEndpointAccess, ClientOfAnotherUserIsRefusedAndOursIsServed) {
   ASSERT_TRUE(SetLogFile(dir.path() / "log"));
   ResolveService service("127.0.0.1:0", [](const std::string&) { return ResolveResult{}; });
   service.Start();
-  const std::string endpoint = service.endpoint();
-  unsigned port = 0;
-  std::from_chars(endpoint.data() + endpoint.rfind(':') + 1, endpoint.data() + endpoint.size(),
-                  port);
+  const std::uint16_t port = testsupport::EndpointPort(service.endpoint());
 
   int report[2];
   ASSERT_EQ(pipe(report), 0);
   const pid_t child = fork();
   ASSERT_GE(child, 0);
-  if (child == 0) AskAsNobody(static_cast<std::uint16_t>(port), report[1]);
+  if (child == 0) AskAsNobody(port, report[1]);
   close(report[1]);
   std::string answer;
   char buffer[256];
@@ -149,7 +145,7 @@ TEST(ResolveEndpointAccess, ClientOfAnotherUserIsRefusedAndOursIsServed) {
             std::string::npos);
   EXPECT_EQ(service.requests(), 0u);
 
-  EXPECT_EQ(testsupport::ExchangeOnce(static_cast<std::uint16_t>(port), "RESOLVE mine\n"),
+  EXPECT_EQ(testsupport::ExchangeOnce(port, "RESOLVE mine\n"),
             "PASS\n");
   EXPECT_EQ(service.requests(), 1u);
 }

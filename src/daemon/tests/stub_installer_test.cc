@@ -16,19 +16,9 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-// A file of `size` bytes whose first byte tells files apart.
-void MakeFile(const fs::path& path, std::uintmax_t size, char tag = 'x') {
-  {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    if (size > 0) file.put(tag);
-  }
-  fs::resize_file(path, size);
-}
+using testsupport::MakeTaggedFile;
 
-char TagOf(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return static_cast<char>(file.get());
-}
+char TagOf(const fs::path& path) { return testsupport::FirstByteOf(path); }
 
 class StubInstallerTest : public ::testing::Test {
  protected:
@@ -38,7 +28,7 @@ class StubInstallerTest : public ::testing::Test {
     tools_ = dir_.path() / "Tools";
     fs::create_directories(tools_);
     stub_ = dir_.path() / "mirell-stub.exe";
-    MakeFile(stub_, 200'000, 'S');
+    MakeTaggedFile(stub_, 200'000, 'S');
   }
   void TearDown() override { SetLogLevel(LogLevel::kInfo); }
 
@@ -73,24 +63,24 @@ class StubInstallerTest : public ::testing::Test {
 
 TEST_F(StubInstallerTest, SizeTestsAtTheirBoundaries) {
   const auto file = tools_ / "f";
-  MakeFile(file, 1048576);
+  MakeTaggedFile(file, 1048576);
   EXPECT_TRUE(LooksLikeStub(file));
   EXPECT_FALSE(LooksLikeResolver(file));
-  MakeFile(file, 1048577);
+  MakeTaggedFile(file, 1048577);
   EXPECT_FALSE(LooksLikeStub(file));
   EXPECT_FALSE(LooksLikeResolver(file));
-  MakeFile(file, 5242879);
+  MakeTaggedFile(file, 5242879);
   EXPECT_FALSE(LooksLikeResolver(file));
-  MakeFile(file, 5242880);
+  MakeTaggedFile(file, 5242880);
   EXPECT_TRUE(LooksLikeResolver(file));
-  MakeFile(file, 0);
+  MakeTaggedFile(file, 0);
   EXPECT_FALSE(LooksLikeStub(file));
   EXPECT_FALSE(LooksLikeStub(tools_ / "missing"));
   EXPECT_FALSE(LooksLikeResolver(tools_ / "missing"));
 }
 
 TEST_F(StubInstallerTest, InstallPreservesTheResolverWritesMarkerAndConfigThenTheStub) {
-  MakeFile(live(), 20 << 20, 'R');
+  MakeTaggedFile(live(), 20 << 20, 'R');
   StubInstaller installer(Config());
   installer.Install();
   EXPECT_TRUE(installer.installed());
@@ -116,29 +106,29 @@ TEST_F(StubInstallerTest, InstallPreservesTheResolverWritesMarkerAndConfigThenTh
 }
 
 TEST_F(StubInstallerTest, OneMebibyteLiveIsAStubOneByteMoreIsRefused) {
-  MakeFile(live(), 1048577);
+  MakeTaggedFile(live(), 1048577);
   EXPECT_NE(InstallError().find("yt-dlp.exe is 1048577 bytes, which is neither a stub nor a "
                                 "plausible resolver. Refusing to guess."),
             std::string::npos);
   EXPECT_FALSE(fs::exists(marker()));
   EXPECT_EQ(fs::file_size(live()), 1048577u) << "nothing is touched";
 
-  MakeFile(live(), 1048576, 'O');
-  MakeFile(backup(), 6 << 20, 'R');
+  MakeTaggedFile(live(), 1048576, 'O');
+  MakeTaggedFile(backup(), 6 << 20, 'R');
   StubInstaller installer(Config());
   installer.Install();
   EXPECT_EQ(TagOf(live()), 'S') << "the old stub is overwritten with the current one";
 }
 
 TEST_F(StubInstallerTest, ExactlyFiveMebibytesIsAResolver) {
-  MakeFile(live(), 5242880, 'R');
+  MakeTaggedFile(live(), 5242880, 'R');
   StubInstaller installer(Config());
   installer.Install();
   EXPECT_EQ(fs::file_size(backup()), 5242880u);
 }
 
 TEST_F(StubInstallerTest, EmptyLiveIsRefusedNamingZeroBytes) {
-  MakeFile(live(), 0);
+  MakeTaggedFile(live(), 0);
   EXPECT_NE(InstallError().find("yt-dlp.exe is 0 bytes"), std::string::npos);
 }
 
@@ -154,14 +144,14 @@ TEST_F(StubInstallerTest, MissingToolsDirectoryAndStubAreRefused) {
   EXPECT_NE(InstallError().find("VRChat's Tools directory does not exist at " + tools_.string()),
             std::string::npos);
   fs::create_directories(tools_);
-  MakeFile(live(), 6 << 20);
+  MakeTaggedFile(live(), 6 << 20);
   fs::remove(stub_);
   EXPECT_NE(InstallError().find("the stub binary was not found at " + stub_.string()), std::string::npos);
 }
 
 TEST_F(StubInstallerTest, StubInPlaceWithUsableBackupKeepsTheBackup) {
-  MakeFile(live(), 300'000, 'O');
-  MakeFile(backup(), 7 << 20, 'B');
+  MakeTaggedFile(live(), 300'000, 'O');
+  MakeTaggedFile(backup(), 7 << 20, 'B');
   StubInstaller installer(Config());
   installer.Install();
   EXPECT_EQ(TagOf(backup()), 'B');
@@ -173,15 +163,15 @@ TEST_F(StubInstallerTest, StubInPlaceWithUsableBackupKeepsTheBackup) {
 }
 
 TEST_F(StubInstallerTest, StubInPlaceWithoutBackupIsRefused) {
-  MakeFile(live(), 300'000);
+  MakeTaggedFile(live(), 300'000);
   EXPECT_NE(InstallError().find("looks like our stub but there is no preserved original beside it. "
                                 "Delete it and let VRChat download a fresh resolver."),
             std::string::npos);
 }
 
 TEST_F(StubInstallerTest, StubInPlaceWithOneMebibyteBackupIsRefused) {
-  MakeFile(live(), 300'000);
-  MakeFile(backup(), 1 << 20);
+  MakeTaggedFile(live(), 300'000);
+  MakeTaggedFile(backup(), 1 << 20);
   EXPECT_NE(InstallError().find("check failed: LooksLikeResolver(backup_) - the preserved original "
                                 "is 1048576 bytes, which is not a real resolver"),
             std::string::npos);
@@ -189,9 +179,9 @@ TEST_F(StubInstallerTest, StubInPlaceWithOneMebibyteBackupIsRefused) {
 }
 
 TEST_F(StubInstallerTest, RestoreLeavesAResolverAloneAndStillCleansUp) {
-  MakeFile(live(), 9 << 20, 'N');
-  MakeFile(marker(), 10);
-  MakeFile(config_file(), 10);
+  MakeTaggedFile(live(), 9 << 20, 'N');
+  MakeTaggedFile(marker(), 10);
+  MakeTaggedFile(config_file(), 10);
   StubInstaller installer(Config());
   installer.Restore();
   EXPECT_EQ(TagOf(live()), 'N');
@@ -202,7 +192,7 @@ TEST_F(StubInstallerTest, RestoreLeavesAResolverAloneAndStillCleansUp) {
 }
 
 TEST_F(StubInstallerTest, RestoreWithStubAndNoBackupRemovesTheStub) {
-  MakeFile(live(), 300'000);
+  MakeTaggedFile(live(), 300'000);
   StubInstaller installer(Config());
   installer.Restore();
   EXPECT_FALSE(fs::exists(live()));
@@ -210,8 +200,8 @@ TEST_F(StubInstallerTest, RestoreWithStubAndNoBackupRemovesTheStub) {
 }
 
 TEST_F(StubInstallerTest, RecoverWithoutMarkerReturnsFalseAndTouchesNothing) {
-  MakeFile(live(), 300'000, 'O');
-  MakeFile(config_file(), 5);
+  MakeTaggedFile(live(), 300'000, 'O');
+  MakeTaggedFile(config_file(), 5);
   StubInstaller installer(Config());
   EXPECT_FALSE(installer.RecoverFromPreviousRun());
   EXPECT_EQ(TagOf(live()), 'O');
@@ -219,9 +209,9 @@ TEST_F(StubInstallerTest, RecoverWithoutMarkerReturnsFalseAndTouchesNothing) {
 }
 
 TEST_F(StubInstallerTest, RecoverWithMarkerRestores) {
-  MakeFile(live(), 300'000, 'O');
-  MakeFile(backup(), 6 << 20, 'R');
-  MakeFile(marker(), 5);
+  MakeTaggedFile(live(), 300'000, 'O');
+  MakeTaggedFile(backup(), 6 << 20, 'R');
+  MakeTaggedFile(marker(), 5);
   StubInstaller installer(Config());
   EXPECT_TRUE(installer.RecoverFromPreviousRun());
   EXPECT_EQ(TagOf(live()), 'R');
@@ -230,7 +220,7 @@ TEST_F(StubInstallerTest, RecoverWithMarkerRestores) {
 }
 
 TEST_F(StubInstallerTest, EmptyPipeLeavesOutThePipeLine) {
-  MakeFile(live(), 6 << 20);
+  MakeTaggedFile(live(), 6 << 20);
   auto config = Config("");
   config.stub_logging = false;
   StubInstaller installer(config);
@@ -253,12 +243,12 @@ TEST_F(StubInstallerTest, WatchdogBeforeInstallRaises) {
 }
 
 TEST_F(StubInstallerTest, WatchdogPutsTheStubBackAndPreservesAFreshResolver) {
-  MakeFile(live(), 6 << 20, 'R');
+  MakeTaggedFile(live(), 6 << 20, 'R');
   StubInstaller installer(Config());
   installer.Install();
   installer.StartWatchdog();
   // VRChat downloads a fresh resolver over the stub.
-  MakeFile(live(), 8 << 20, 'F');
+  MakeTaggedFile(live(), 8 << 20, 'F');
   const auto deadline = std::chrono::steady_clock::now() + 2s;
   while (installer.reapplied() == 0 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(10ms);
@@ -274,7 +264,7 @@ TEST_F(StubInstallerTest, WatchdogPutsTheStubBackAndPreservesAFreshResolver) {
 }
 
 TEST_F(StubInstallerTest, WatchdogFindingLiveMissingWritesTheStubWithoutTouchingTheBackup) {
-  MakeFile(live(), 6 << 20, 'R');
+  MakeTaggedFile(live(), 6 << 20, 'R');
   StubInstaller installer(Config());
   installer.Install();
   installer.StartWatchdog();
@@ -291,11 +281,11 @@ TEST_F(StubInstallerTest, WatchdogFindingLiveMissingWritesTheStubWithoutTouching
 }
 
 TEST_F(StubInstallerTest, WatchdogLeavesADownloadInProgressUnpreserved) {
-  MakeFile(live(), 6 << 20, 'R');
+  MakeTaggedFile(live(), 6 << 20, 'R');
   StubInstaller installer(Config());
   installer.Install();
   installer.StartWatchdog();
-  MakeFile(live(), 2 << 20, 'P');  // Neither a stub nor a resolver: half downloaded.
+  MakeTaggedFile(live(), 2 << 20, 'P');  // Neither a stub nor a resolver: half downloaded.
   const auto deadline = std::chrono::steady_clock::now() + 2s;
   while (installer.reapplied() == 0 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(10ms);
@@ -306,7 +296,7 @@ TEST_F(StubInstallerTest, WatchdogLeavesADownloadInProgressUnpreserved) {
 }
 
 TEST_F(StubInstallerTest, DestructorRestoresWhatItInstalled) {
-  MakeFile(live(), 6 << 20, 'R');
+  MakeTaggedFile(live(), 6 << 20, 'R');
   {
     StubInstaller installer(Config());
     installer.Install();

@@ -187,4 +187,17 @@ std::string ReadFileText(const std::filesystem::path& path) {
   return buffer.str();
 }
 
+void MakeTaggedFile(const std::filesystem::path& path, std::uintmax_t size, char tag) {
+  {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (size > 0) file.put(tag);
+  }
+  std::filesystem::resize_file(path, size);
+}
+
+char FirstByteOf(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return static_cast<char>(file.get());
+}
+
 }  // namespace mirell::testsupport

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <stdexcept>
 
@@ -77,6 +78,17 @@ std::string ExchangeOnce(std::uint16_t port, std::string_view request,
   TcpClient client(port);
   client.Send(request);
   return client.ReadToEnd(timeout);
+}
+
+std::uint16_t EndpointPort(std::string_view endpoint) {
+  const auto colon = endpoint.rfind(':');
+  unsigned port = 0;
+  if (colon == std::string_view::npos ||
+      std::from_chars(endpoint.data() + colon + 1, endpoint.data() + endpoint.size(), port).ec != std::errc{} ||
+      port > 65535) {
+    return 0;
+  }
+  return static_cast<std::uint16_t>(port);
 }
 
 std::uint16_t FreeLoopbackPort() {

@@ -49,6 +49,12 @@ class TempDir {
 // The whole content of a file, or an empty string when it cannot be read.
 std::string ReadFileText(const std::filesystem::path& path);
 
+// A file of exactly `size` bytes (sparse beyond the first) whose first byte is `tag`, so that
+// files of the same size can be told apart; an empty file when `size` is 0.
+void MakeTaggedFile(const std::filesystem::path& path, std::uintmax_t size, char tag = 'x');
+// The first byte of a file, or -1 (as char) when it cannot be read.
+char FirstByteOf(const std::filesystem::path& path);
+
 }  // namespace mirell::testsupport
 
 namespace mirell::testsupport {

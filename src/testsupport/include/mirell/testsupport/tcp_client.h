@@ -35,6 +35,9 @@ class TcpClient {
 std::string ExchangeOnce(std::uint16_t port, std::string_view request,
                          std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// The port of an endpoint "host:PORT"; 0 when there is none.
+std::uint16_t EndpointPort(std::string_view endpoint);
+
 // A port on 127.0.0.1 that was free a moment ago (bound to 0, read back, released).
 std::uint16_t FreeLoopbackPort();
 
