@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "fixture_publisher.h"
+#include "interop_support.h"
 #include "mirell/base/logging.h"
 #include "mirell/daemon/rtsp_server.h"
 #include "mirell/daemon/stream_path.h"
@@ -19,26 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-struct FramemdFiveLine {
-  int stream = 0;
-  std::int64_t pts = 0;
-};
-
-// "stream, dts, pts, duration, size, hash" lines of ffmpeg's framemd5 muxer.
-std::vector<FramemdFiveLine> ParseFramemd5(const std::string& text) {
-  std::vector<FramemdFiveLine> lines;
-  std::istringstream input(text);
-  std::string line;
-  while (std::getline(input, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    FramemdFiveLine parsed;
-    char comma = 0;
-    std::int64_t dts = 0;
-    std::istringstream fields(line);
-    if (fields >> parsed.stream >> comma >> dts >> comma >> parsed.pts) lines.push_back(parsed);
-  }
-  return lines;
-}
+using media::testing::ParseFramemd5;
 
 class RtspPlayerTest : public ::testing::Test {
  protected:

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 #include <iterator>
 #include <stdexcept>
 #include <thread>
@@ -130,6 +131,25 @@ std::vector<Bytes> ParseAdts(const Bytes& stream) {
     at += length;
   }
   return units;
+}
+
+std::vector<Framemd5Line> ParseFramemd5(const std::string& text) {
+  std::vector<Framemd5Line> lines;
+  std::istringstream input(text);
+  std::string row;
+  while (std::getline(input, row)) {
+    if (row.empty() || row[0] == '#') continue;
+    std::vector<std::string> items;
+    std::istringstream fields(row);
+    for (std::string item; std::getline(fields, item, ',');) {
+      item.erase(0, item.find_first_not_of(' '));
+      items.push_back(item);
+    }
+    if (items.size() < 6) continue;
+    lines.push_back({std::stoi(items[0]), std::stoll(items[1]), std::stoll(items[2]), std::stoll(items[3]),
+                     std::stoul(items[4]), items[5]});
+  }
+  return lines;
 }
 
 Bytes ReadBytes(const std::filesystem::path& path) {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "mirell/media/nal.h"
@@ -47,6 +48,18 @@ std::vector<Bytes> ParseAdts(const Bytes& stream);
 
 Bytes ReadBytes(const std::filesystem::path& path);
 void WriteBytes(const std::filesystem::path& path, const Bytes& bytes);
+
+// One line of ffmpeg's framemd5 output: "stream, dts, pts, duration, size, hash".
+struct Framemd5Line {
+  int stream = 0;
+  std::int64_t dts = 0;
+  std::int64_t pts = 0;
+  std::int64_t duration = 0;
+  std::size_t size = 0;
+  std::string hash;
+};
+// The frame lines of a framemd5 text; comment lines are skipped.
+std::vector<Framemd5Line> ParseFramemd5(const std::string& text);
 
 // Waits until some socket is bound to the UDP port; false after `timeout`.
 bool WaitForUdpPort(int port, std::chrono::milliseconds timeout);

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "mirell/daemon/rtsp_server.h"
+#include "interop_support.h"
 #include "rtsp_test_client.h"
 #include "mirell/daemon/stream_path.h"
 #include "mirell/daemon/stream_registry.h"
@@ -17,36 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-struct Line {
-  int stream = 0;
-  std::int64_t pts = 0;
-  std::string hash;
-  std::size_t size = 0;
-};
-
-std::vector<Line> ParseFramemd5(const std::string& text) {
-  std::vector<Line> lines;
-  std::istringstream input(text);
-  std::string row;
-  while (std::getline(input, row)) {
-    if (row.empty() || row[0] == '#') continue;
-    std::istringstream fields(row);
-    Line line;
-    std::string item;
-    std::vector<std::string> items;
-    while (std::getline(fields, item, ',')) {
-      while (!item.empty() && item.front() == ' ') item.erase(0, 1);
-      items.push_back(item);
-    }
-    if (items.size() < 6) continue;
-    line.stream = std::stoi(items[0]);
-    line.pts = std::stoll(items[2]);
-    line.size = std::stoul(items[4]);
-    line.hash = items[5];
-    lines.push_back(line);
-  }
-  return lines;
-}
+using media::testing::ParseFramemd5;
 
 class HoldingPlayerTest : public ::testing::Test {
  protected:
