@@ -86,9 +86,56 @@ class Log {
   std::wstring path_;
 };
 
+// The longest the stub waits for Mirell, connection and answer together: past it VRChat gets the
+// real resolver, as on any other failure, so a daemon that hangs can never hang VRChat's player.
+constexpr DWORD kAskLimitMs = 5000;
+
+// Milliseconds left until `deadline` (a GetTickCount64 value), 0 once it has passed.
+DWORD MsUntil(ULONGLONG deadline) {
+  const ULONGLONG now = GetTickCount64();
+  return now >= deadline ? 0 : static_cast<DWORD>(deadline - now);
+}
+
+// Waits until the socket is writable (connected) or readable, at most until `deadline`.
+bool WaitForSocket(SOCKET s, bool for_write, ULONGLONG deadline) {
+  fd_set set;
+  FD_ZERO(&set);
+  FD_SET(s, &set);
+  fd_set failed;
+  FD_ZERO(&failed);
+  FD_SET(s, &failed);
+  const DWORD left = MsUntil(deadline);
+  timeval timeout{static_cast<long>(left / 1000), static_cast<long>((left % 1000) * 1000)};
+  const int ready = for_write ? select(0, nullptr, &set, &failed, &timeout)
+                              : select(0, &set, nullptr, &failed, &timeout);
+  return ready > 0 && FD_ISSET(s, &set);
+}
+
+// Connects without blocking past `deadline`, then sends the request.
+bool ConnectAndSend(SOCKET s, const addrinfo& address, const std::string& request, ULONGLONG deadline) {
+  u_long non_blocking = 1;
+  if (ioctlsocket(s, FIONBIO, &non_blocking) != 0) return false;
+  if (connect(s, address.ai_addr, static_cast<int>(address.ai_addrlen)) != 0) {
+    if (WSAGetLastError() != WSAEWOULDBLOCK || !WaitForSocket(s, true, deadline)) return false;
+  }
+  std::size_t offset = 0;
+  while (offset < request.size()) {
+    const int sent = send(s, request.data() + offset, static_cast<int>(request.size() - offset), 0);
+    if (sent > 0) {
+      offset += static_cast<std::size_t>(sent);
+    } else if (sent < 0 && WSAGetLastError() == WSAEWOULDBLOCK && WaitForSocket(s, true, deadline)) {
+      continue;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
 // One request line, the answer up to its newline or the end of the connection. Empty when the
-// endpoint cannot be reached or said nothing.
+// endpoint cannot be reached, said nothing, or took longer than kAskLimitMs.
 std::string AskOverTcp(const std::string& endpoint, const std::string& request) {
+  const ULONGLONG deadline = GetTickCount64() + kAskLimitMs;
   const auto colon = endpoint.rfind(':');
   if (colon == std::string::npos) return {};
   const std::string host = endpoint.substr(0, colon);
@@ -102,15 +149,15 @@ std::string AskOverTcp(const std::string& endpoint, const std::string& request) 
   addrinfo* found = nullptr;
   if (getaddrinfo(host.c_str(), port.c_str(), &hints, &found) == 0) {
     SOCKET s = socket(found->ai_family, found->ai_socktype, found->ai_protocol);
-    if (s != INVALID_SOCKET && connect(s, found->ai_addr, static_cast<int>(found->ai_addrlen)) == 0 &&
-        send(s, request.data(), static_cast<int>(request.size()), 0) == static_cast<int>(request.size())) {
+    if (s != INVALID_SOCKET && ConnectAndSend(s, *found, request, deadline)) {
       char buffer[4096];
-      for (;;) {
+      while (answer.find('\n') == std::string::npos && WaitForSocket(s, false, deadline)) {
         const int count = recv(s, buffer, sizeof(buffer), 0);
         if (count <= 0) break;
         answer.append(buffer, static_cast<std::size_t>(count));
-        if (answer.find('\n') != std::string::npos) break;
       }
+      // An answer cut short by the deadline is no answer.
+      if (answer.find('\n') == std::string::npos && MsUntil(deadline) == 0) answer.clear();
     }
     if (s != INVALID_SOCKET) closesocket(s);
     freeaddrinfo(found);
@@ -119,27 +166,49 @@ std::string AskOverTcp(const std::string& endpoint, const std::string& request) 
   return answer;
 }
 
+// The same over a named pipe, with the same bound: overlapped reads and writes that are
+// cancelled when the deadline passes.
 std::string AskOverPipe(const std::string& endpoint, const std::string& request) {
+  const ULONGLONG deadline = GetTickCount64() + kAskLimitMs;
   const std::wstring name = Widen(endpoint);
   HANDLE pipe = INVALID_HANDLE_VALUE;
   // The one pipe instance may be busy with another stub.
-  for (int attempt = 0; attempt < 50 && pipe == INVALID_HANDLE_VALUE; ++attempt) {
-    pipe = CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (pipe == INVALID_HANDLE_VALUE) {
-      if (GetLastError() != ERROR_PIPE_BUSY || !WaitNamedPipeW(name.c_str(), 2000)) return {};
-    }
+  while (pipe == INVALID_HANDLE_VALUE) {
+    pipe = CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                       FILE_FLAG_OVERLAPPED, nullptr);
+    if (pipe != INVALID_HANDLE_VALUE) break;
+    const DWORD left = MsUntil(deadline);
+    if (GetLastError() != ERROR_PIPE_BUSY || left == 0 || !WaitNamedPipeW(name.c_str(), left)) return {};
   }
-  if (pipe == INVALID_HANDLE_VALUE) return {};
+  OVERLAPPED overlapped{};
+  overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  if (overlapped.hEvent == nullptr) {
+    CloseHandle(pipe);
+    return {};
+  }
+  // One overlapped operation, waited for until the deadline; false when it failed or timed out.
+  const auto finish = [&](BOOL started, DWORD& transferred) {
+    if (!started && GetLastError() != ERROR_IO_PENDING) return false;
+    if (WaitForSingleObject(overlapped.hEvent, MsUntil(deadline)) != WAIT_OBJECT_0) {
+      CancelIo(pipe);
+      GetOverlappedResult(pipe, &overlapped, &transferred, TRUE);
+      return false;
+    }
+    return GetOverlappedResult(pipe, &overlapped, &transferred, FALSE) != FALSE;
+  };
   std::string answer;
   DWORD written = 0;
-  if (WriteFile(pipe, request.data(), static_cast<DWORD>(request.size()), &written, nullptr)) {
+  if (finish(WriteFile(pipe, request.data(), static_cast<DWORD>(request.size()), nullptr, &overlapped), written)) {
     char buffer[4096];
     DWORD read = 0;
-    while (ReadFile(pipe, buffer, sizeof(buffer), &read, nullptr) && read > 0) {
+    while (answer.find('\n') == std::string::npos) {
+      ResetEvent(overlapped.hEvent);
+      if (!finish(ReadFile(pipe, buffer, sizeof(buffer), nullptr, &overlapped), read) || read == 0) break;
       answer.append(buffer, read);
-      if (answer.find('\n') != std::string::npos) break;
     }
+    if (answer.find('\n') == std::string::npos && MsUntil(deadline) == 0) answer.clear();
   }
+  CloseHandle(overlapped.hEvent);
   CloseHandle(pipe);
   return answer;
 }

@@ -21,6 +21,8 @@ void DaemonHost::Start() {
     return registry_.Find(daemon::TokenFromPath(path));
   });
   rtsp_->Start(config_.rtsp_port);
+  // The port actually bound ("--rtsp-port 0" asks for any free one) is what players must open.
+  rtsp_bound_port_.store(rtsp_->port());
   resolve_.emplace(config_.pipe_name, [this](const std::string& url) { return Resolve(url); });
   resolve_->Start();
   if (!config_.install_stub) return;
@@ -53,20 +55,16 @@ void DaemonHost::Stop() {
     resolve_->Stop();
     resolve_.reset();
   }
-  // No try block: if putting the resolver back fails, the marker stays and the next start
-  // restores again.
-  if (stub_) {
-    stub_->StopWatchdog();
-    stub_->Restore();
-    stub_.reset();
-  }
+  // The installer puts VRChat's resolver back as it goes; a failure there is logged and left,
+  // with its marker, to the next start.
+  stub_.reset();
 }
 
 daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
   const std::string token = ShareTokenFromUrl(url, config_.share_prefix);
   if (token.empty()) return {};
   return {daemon::ResolveStatus::kResolved,
-          fmt::format("rtspt://127.0.0.1:{}/s/{}", config_.rtsp_port, token), {}};
+          fmt::format("rtspt://127.0.0.1:{}/s/{}", rtsp_bound_port_.load(), token), {}};
 }
 
 std::uint16_t DaemonHost::rtsp_port() const { return rtsp_ ? rtsp_->port() : 0; }

@@ -3,6 +3,8 @@
 // hands to the services, which touch only the registry and constant configuration.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -27,6 +29,8 @@ class DaemonHost {
   // nothing.
   void Start();
   // Stops everything in order, VRChat's resolver put back last; does nothing when not started.
+  // Never throws: a resolver that cannot be put back is logged at error and left to the next
+  // start (its marker stays).
   void Stop();
 
   // The decision for one URL, as the resolve service gets it: a share link of this deployment
@@ -49,6 +53,8 @@ class DaemonHost {
   std::optional<daemon::RtspServer> rtsp_;
   std::optional<daemon::ResolveService> resolve_;
   std::optional<daemon::StubInstaller> stub_;
+  // Read by the resolver on the resolve service's thread.
+  std::atomic<std::uint16_t> rtsp_bound_port_{0};
   bool started_ = false;
 };
 

@@ -1,6 +1,8 @@
 // Mirell's one process: the tray application is the daemon. Start-up and shutdown run in a fixed
 // order; see docs/ARCHITECTURE.md.
 #include <QApplication>
+#include <QGuiApplication>
+#include <QLatin1String>
 #include <QMessageBox>
 #include <QObject>
 #include <QString>
@@ -13,6 +15,7 @@
 #include "daemon_host.h"
 #include "instance_key.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/version.h"
 #include "mirell/daemon/winsock.h"
 #include "mirell/encode/media_runtime.h"
 #include "options.h"
@@ -21,10 +24,14 @@
 
 namespace {
 
-constexpr std::string_view kVersion = "0.1.3";
-
 mirell::ui::Arguments ArgumentsOf(int argc, char** argv) {
   return {argv + 1, static_cast<std::size_t>(argc > 0 ? argc - 1 : 0)};
+}
+
+// Qt's platforms that draw to no screen: a message box there waits for a person who cannot see it.
+bool HasScreenForMessages() {
+  const QString platform = QGuiApplication::platformName();
+  return platform != QLatin1String("offscreen") && platform != QLatin1String("minimal");
 }
 
 }  // namespace
@@ -74,8 +81,10 @@ int main(int argc, char** argv) {
     host.Start();
   } catch (const std::exception& error) {
     LOG_ERROR("could not start: {}", error.what());
-    QMessageBox::critical(nullptr, QObject::tr("Mirell couldn't start"),
-                          QString::fromStdString(error.what()), QMessageBox::Ok);
+    if (HasScreenForMessages()) {
+      QMessageBox::critical(nullptr, QObject::tr("Mirell couldn't start"),
+                            QString::fromStdString(error.what()), QMessageBox::Ok);
+    }
     return 1;
   }
 

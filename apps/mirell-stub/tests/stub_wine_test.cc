@@ -2,7 +2,11 @@
 // arguments a video player passes, against a real mirell-ui, an in-process resolve service, or
 // nothing at all.
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -136,6 +140,34 @@ TEST_F(StubUnderWine, AnErrAnswerGoesToTheRealResolver) {
   EXPECT_EQ(AsVrchat(tools_ / "yt-dlp.exe", url), AsVrchat(tools_ / "yt-dlp-mirell-orig.exe", url));
   EXPECT_EQ(service.requests(), 1u);
   EXPECT_NE(StubLog().find("answer ERR host gone; running the original"), std::string::npos);
+}
+
+// A daemon that accepts and never answers (hung, or something else holding the port): the stub
+// gives up within its bound and VRChat gets the real resolver, never a hang.
+TEST_F(StubUnderWine, AnEndpointThatNeverAnswersFallsThroughWithinTheBound) {
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_GE(listener, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(pipe_port_);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  // The kernel completes connections into the backlog; nobody ever reads or answers.
+  ASSERT_EQ(listen(listener, 16), 0);
+
+  const std::string url = "https://mirell.example/s/ABCDEFGHJKMN";
+  const std::string expected = AsVrchat(tools_ / "yt-dlp-mirell-orig.exe", url);
+  const auto started = std::chrono::steady_clock::now();
+  EXPECT_EQ(AsVrchat(tools_ / "yt-dlp.exe", url), expected);
+  const auto took = std::chrono::steady_clock::now() - started;
+  close(listener);
+  // Five seconds of waiting for the answer, plus Wine starting two programs.
+  EXPECT_GE(took, 5s);
+  EXPECT_LT(took, 20s);
+  EXPECT_NE(StubLog().find("no answer from 127.0.0.1:" + std::to_string(pipe_port_) +
+                           "; running the original"),
+            std::string::npos)
+      << StubLog();
 }
 
 TEST_F(StubUnderWine, MissingConfigurationUsesTheDefaultsWithLoggingOff) {

@@ -111,23 +111,5 @@ TEST(UpdateUrl, OffForOtherSchemesAndUrlsWithoutAPath) {
   EXPECT_EQ(DeriveUpdateUrl(""), "");
 }
 
-TEST(DaemonConfigDefaults, AreTheDesignedOnes) {
-  const DaemonConfig config;
-  EXPECT_EQ(config.width, 1280u);
-  EXPECT_EQ(config.height, 720u);
-  EXPECT_EQ(config.fps, 30u);
-  EXPECT_EQ(config.video_kbps, 6000u);
-  EXPECT_EQ(config.audio_kbps, 128u);
-  EXPECT_FALSE(config.mono);
-  EXPECT_EQ(config.prime_ms, 500);
-  EXPECT_EQ(config.rtsp_port, 8554);
-  EXPECT_EQ(config.share_prefix, "mirell.example/s/");
-  EXPECT_EQ(config.signal_url, "wss://mirell.example/signal");
-  EXPECT_TRUE(config.ice_servers.empty());
-  EXPECT_EQ(config.ice_policy, 0u);
-  EXPECT_TRUE(config.allowlist.empty());
-  EXPECT_TRUE(config.install_stub);
-}
-
 }  // namespace
 }  // namespace mirell::ui

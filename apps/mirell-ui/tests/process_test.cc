@@ -1,7 +1,11 @@
 // The real mirell-ui executable: started headless, asked over its resolve endpoint, stopped with
 // signals, and failing to start with its message box driven on a private X server.
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -32,6 +36,10 @@ class InstalledUi {
   std::string Log(std::uint16_t rtsp_port, const std::string& pipe) const {
     return testsupport::ReadFileText(dir_.path() /
                                      LogFileName(InstanceKey(rtsp_port, pipe), "unused"));
+  }
+  // Removes the log of an earlier run, so that WaitForLog sees only the next one's lines.
+  void ForgetLog(std::uint16_t rtsp_port, const std::string& pipe) const {
+    std::filesystem::remove(dir_.path() / LogFileName(InstanceKey(rtsp_port, pipe), "unused"));
   }
   // Waits until the log holds `text`.
   bool WaitForLog(std::uint16_t rtsp_port, const std::string& pipe, const std::string& text,
@@ -138,6 +146,101 @@ TEST_F(UiProcess, LogsBesideTheExecutableUnderTheInstanceKey) {
   EXPECT_NE(log.find("quality 1280x720@30 v=6000kbps a=128kbps/stereo"), std::string::npos);
 }
 
+// Any program of the user can open the resolve port and say nothing: neither the next stub nor a
+// SIGTERM may wait for it.
+TEST_F(UiProcess, SilentClientHoldsNeitherResolvesNorShutdown) {
+  testsupport::TcpClient silent(pipe_port_);
+  EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://example.com/\n", 10s), "PASS\n");
+  testsupport::TcpClient second_silent(pipe_port_);
+  // The service is now reading from the second silent client.
+  std::this_thread::sleep_for(100ms);
+  const auto signalled = std::chrono::steady_clock::now();
+  process_->Signal(SIGTERM);
+  const auto result = process_->Wait(20s);
+  EXPECT_LT(std::chrono::steady_clock::now() - signalled, 1s);
+  EXPECT_FALSE(result.timed_out);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+}
+
+// Served connections leave TIME_WAIT entries on the resolve port; whether the last run ended
+// cleanly or was killed, the next one starts on the same ports at once.
+TEST_F(UiProcess, StartsAgainAtOnceOnTheSamePortsAfterStopOrKill) {
+  for (const int how : {SIGTERM, SIGKILL}) {
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://mirell.example/s/ABCDEFGHJKMN\n"),
+                "OK rtspt://127.0.0.1:" + std::to_string(rtsp_port_) + "/s/ABCDEFGHJKMN\n");
+    }
+    process_->Signal(how);
+    process_->Wait(20s);
+    ui_.ForgetLog(rtsp_port_, pipe_);
+    process_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+                                 std::to_string(rtsp_port_)},
+        Headless(home_.path()));
+    ASSERT_TRUE(ui_.WaitForLog(rtsp_port_, pipe_, "listening " + pipe_))
+        << "after signal " << how << ":\n" << ui_.Log(rtsp_port_, pipe_);
+    EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://example.com/\n"), "PASS\n");
+  }
+}
+
+// "--rtsp-port 0" binds any free port; the resolver answers the port bound, not 0.
+TEST(UiRtspPort, PortZeroIsAnsweredWithThePortBound) {
+  testsupport::TempDir home;
+  InstalledUi ui;
+  const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
+  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port", "0"},
+                       Headless(home.path()));
+  ASSERT_TRUE(ui.WaitForLog(0, pipe, "listening " + pipe)) << ui.Log(0, pipe);
+  const std::string answer =
+      ExchangeOnce(pipe_port, "RESOLVE https://mirell.example/s/ABCDEFGHJKMN\n");
+  const std::string prefix = "OK rtspt://127.0.0.1:";
+  ASSERT_EQ(answer.rfind(prefix, 0), 0u) << answer;
+  const auto port_end = answer.find('/', prefix.size());
+  ASSERT_NE(port_end, std::string::npos) << answer;
+  const int port = std::stoi(answer.substr(prefix.size(), port_end - prefix.size()));
+  EXPECT_GT(port, 0) << answer;
+  EXPECT_EQ(answer.substr(port_end), "/s/ABCDEFGHJKMN\n");
+  // And a player reaches the RTSP server there.
+  EXPECT_EQ(ExchangeOnce(static_cast<std::uint16_t>(port),
+                         "OPTIONS rtsp://127.0.0.1/ RTSP/1.0\r\nCSeq: 1\r\n\r\n", 2s)
+                .rfind("RTSP/1.0 200 OK\r\n", 0),
+            0u);
+  process.Signal(SIGTERM);
+  EXPECT_EQ(process.Wait(20s).exit_code, 0);
+}
+
+// With no screen (Qt's offscreen platform) nobody could answer the message box: the failure is
+// logged and the process exits with 1 at once.
+TEST(UiStartFailure, WithoutAScreenTheFailureIsLoggedAndTheProcessExits) {
+  InstalledUi ui;
+  testsupport::TempDir home;
+  const int taken = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_GE(taken, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  ASSERT_EQ(listen(taken, 1), 0);
+  socklen_t size = sizeof(address);
+  ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr*>(&address), &size), 0);
+  const std::string pipe = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  for (const char* platform : {"offscreen", "minimal"}) {
+    auto options = Headless(home.path());
+    options.environment["QT_QPA_PLATFORM"] = platform;
+    options.timeout = 20s;
+    const auto result = testsupport::RunProcess(
+        {ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)}, options);
+    EXPECT_FALSE(result.timed_out) << platform;
+    EXPECT_EQ(result.exit_code, 1) << platform << "\n" << result.err;
+    const std::string log = ui.Log(rtsp_port, pipe);
+    EXPECT_NE(log.find("could not start: "), std::string::npos) << platform << "\n" << log;
+    EXPECT_NE(log.find("could not listen on " + pipe), std::string::npos) << platform;
+  }
+  close(taken);
+}
+
 // A port held by another program: the start fails with the message box, which the test finds on
 // a private X server by its title and answers with the Return key.
 TEST(UiStartFailure, TakenEndpointShowsTheBoxAndExitsWithOne) {
@@ -230,6 +333,48 @@ TEST(UiStub, InstalledAtStartAndRestoredAtExit) {
   EXPECT_EQ(std::filesystem::file_size(tools / "yt-dlp.exe"), 12u << 20);
   EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.state"));
   EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.cfg"));
+}
+
+// VRChat's resolver cannot be put back at exit (here the copy's temporary file is blocked by a
+// directory, which even root cannot write over): the failure is logged, the process still ends
+// normally, the marker stays, and the next start restores.
+TEST(UiStub, ARestoreThatFailsAtExitIsLoggedAndTheNextStartRecovers) {
+  testsupport::TempDir home;
+  const auto tools = MakeVrchatTools(home.path());
+  InstalledUi ui;
+  MakeTaggedFile(ui.binary().parent_path() / "mirell-stub.exe", 40'000, 'S');
+  const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
+  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
+  const std::vector<std::string> argv{ui.binary().string(), "--pipe", pipe, "--rtsp-port",
+                                      std::to_string(rtsp_port)};
+  {
+    ChildProcess process(argv, Headless(home.path()));
+    ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "installed the stub into " + tools.string()))
+        << ui.Log(rtsp_port, pipe);
+    const auto blocker = tools / "yt-dlp.exe.mirell-tmp";
+    std::filesystem::create_directories(blocker / "in-the-way");
+    process.Signal(SIGTERM);
+    const auto result = process.Wait(20s);
+    EXPECT_FALSE(result.timed_out);
+    EXPECT_EQ(result.signal, 0) << "ended by a signal: " << result.signal;
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    const std::string log = ui.Log(rtsp_port, pipe);
+    EXPECT_NE(log.find("could not put VRChat's resolver back: "), std::string::npos) << log;
+    EXPECT_NE(log.find("mirell-ui stopped (0)"), std::string::npos) << log;
+    EXPECT_EQ(TagOf(tools / "yt-dlp.exe"), 'S');
+    EXPECT_TRUE(std::filesystem::exists(tools / "mirell-stub.state"));
+    std::filesystem::remove_all(blocker);
+  }
+  ui.ForgetLog(rtsp_port, pipe);
+  ChildProcess again(argv, Headless(home.path()));
+  ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "a previous run left the stub installed"))
+      << ui.Log(rtsp_port, pipe);
+  ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "installed the stub into " + tools.string()));
+  again.Signal(SIGTERM);
+  EXPECT_EQ(again.Wait(20s).exit_code, 0);
+  EXPECT_EQ(TagOf(tools / "yt-dlp.exe"), 'R');
+  EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.state"));
 }
 
 TEST(UiStub, NoStubLeavesVrchatAloneAndStillServes) {

@@ -1,5 +1,6 @@
 #include "share_link.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -45,11 +46,14 @@ TEST(ShareToken, ShortOrSchemelessUrlsAreNoLinks) {
 
 TEST(DaemonHostResolve, ShareLinkGetsTheLoopbackAddressAndOthersPass) {
   DaemonConfig config;
-  config.rtsp_port = 9123;
+  config.rtsp_port = testsupport::FreeLoopbackPort();
+  config.pipe_name = "127.0.0.1:0";
+  config.install_stub = false;
   DaemonHost host(config);
+  host.Start();
   const auto ours = host.Resolve("https://mirell.example/s/abc123?t=1");
   EXPECT_EQ(ours.status, daemon::ResolveStatus::kResolved);
-  EXPECT_EQ(ours.url, "rtspt://127.0.0.1:9123/s/abc123");
+  EXPECT_EQ(ours.url, fmt::format("rtspt://127.0.0.1:{}/s/abc123", config.rtsp_port));
   EXPECT_EQ(ours.reason, "");
   const auto other = host.Resolve("https://example.com/watch?v=1");
   EXPECT_EQ(other.status, daemon::ResolveStatus::kNotOurs);

@@ -121,7 +121,7 @@ std::size_t BacklogStart(const std::deque<FrameBus::FramePtr>& history, std::uin
 std::shared_ptr<FrameBus::Subscription> FrameBus::Subscribe(std::uint64_t max_queue,
                                                             std::uint64_t prime_frames) {
   auto subscription = std::make_shared<Subscription>(max_queue);
-  std::vector<FramePtr> backlog;
+  bool primed = false;
   {
     std::lock_guard lock(mutex_);
     if (closed_) {
@@ -130,14 +130,15 @@ std::shared_ptr<FrameBus::Subscription> FrameBus::Subscribe(std::uint64_t max_qu
     }
     if (prime_frames != 0 && !history_.empty()) {
       const auto start = history_.begin() + static_cast<std::ptrdiff_t>(BacklogStart(history_, prime_frames));
-      backlog.assign(start, history_.end());
+      const std::vector<FramePtr> backlog(start, history_.end());
+      primed = !backlog.empty();
+      // Primed under the bus's lock, so that no frame published meanwhile can be queued ahead of
+      // the backlog and make a new reader's time go backward.
+      subscription->Prime(backlog);
     }
     subscribers_.push_back(subscription);
   }
-  // A keyframe published between the two steps is queued ahead of the backlog; nothing guards
-  // that short interval.
-  subscription->Prime(backlog);
-  if (prime_frames != 0 && backlog.empty()) {
+  if (prime_frames != 0 && !primed) {
     LOG_WARN("could not prime a new subscriber - no keyframe in {} frames of history. It will "
              "start unbuffered.",
              prime_frames);

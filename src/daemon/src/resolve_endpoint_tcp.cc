@@ -4,9 +4,11 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -47,28 +49,51 @@ std::optional<std::uint16_t> ParseLoopbackEndpoint(std::string_view name) {
   return static_cast<std::uint16_t>(port);
 }
 
+// Waits until `fd` is readable or `wake_fd` is signalled, at most until `deadline`.
+enum class Readiness { kReadable, kWoken, kTimedOut };
+
+Readiness WaitForReadable(int fd, int wake_fd, std::chrono::steady_clock::time_point deadline) {
+  for (;;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return Readiness::kTimedOut;
+    std::array<pollfd, 2> entries{pollfd{fd, POLLIN, 0}, pollfd{wake_fd, POLLIN, 0}};
+    const int ready = poll(entries.data(), entries.size(),
+                           static_cast<int>(std::min<std::int64_t>(left.count(), 60'000)));
+    if (ready < 0 && errno != EINTR) return Readiness::kWoken;
+    if (ready <= 0) continue;
+    if (entries[1].revents != 0) return Readiness::kWoken;
+    return Readiness::kReadable;
+  }
+}
+
 class TcpResolveConnection final : public ResolveConnection {
  public:
-  explicit TcpResolveConnection(int fd) : fd_(fd) {}
+  TcpResolveConnection(int fd, int wake_fd) : fd_(fd), wake_fd_(wake_fd) {}
   ~TcpResolveConnection() override {
     shutdown(fd_, SHUT_WR);
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(kLingerForClientCloseMs);
     std::array<char, 4096> discard{};
-    for (;;) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          deadline - std::chrono::steady_clock::now());
-      pollfd entry{fd_, POLLIN, 0};
-      if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) <= 0) break;
+    while (WaitForReadable(fd_, wake_fd_, deadline) == Readiness::kReadable) {
       if (recv(fd_, discard.data(), discard.size(), 0) <= 0) break;
     }
     close(fd_);
   }
 
-  std::ptrdiff_t Read(std::span<char> buffer) override {
+  std::ptrdiff_t Read(std::span<char> buffer,
+                      std::chrono::steady_clock::time_point deadline) override {
+    switch (WaitForReadable(fd_, wake_fd_, deadline)) {
+      case Readiness::kTimedOut:
+        return kTimedOut;
+      case Readiness::kWoken:
+        return kFailed;
+      case Readiness::kReadable:
+        break;
+    }
     for (;;) {
       const auto received = recv(fd_, buffer.data(), buffer.size(), 0);
-      if (received >= 0 || errno != EINTR) return received < 0 ? -1 : received;
+      if (received >= 0 || errno != EINTR) return received < 0 ? kFailed : received;
     }
   }
 
@@ -83,15 +108,22 @@ class TcpResolveConnection final : public ResolveConnection {
 
  private:
   int fd_;
+  int wake_fd_;
 };
 
 class TcpResolveEndpoint final : public ResolveEndpoint {
  public:
-  TcpResolveEndpoint(int fd, sockaddr_in bound) : fd_(fd), bound_(bound) {}
-  ~TcpResolveEndpoint() override { close(fd_); }
+  TcpResolveEndpoint(int fd, int wake_fd, sockaddr_in bound)
+      : fd_(fd), wake_fd_(wake_fd), bound_(bound) {}
+  ~TcpResolveEndpoint() override {
+    close(fd_);
+    close(wake_fd_);
+  }
 
   std::unique_ptr<ResolveConnection> Accept() override {
     if (woken_.load()) return nullptr;
+    const auto forever = std::chrono::steady_clock::time_point::max();
+    if (WaitForReadable(fd_, wake_fd_, forever) != Readiness::kReadable) return nullptr;
     sockaddr_in peer{};
     socklen_t peer_size = sizeof(peer);
     const int client = accept4(fd_, reinterpret_cast<sockaddr*>(&peer), &peer_size, SOCK_CLOEXEC);
@@ -108,13 +140,14 @@ class TcpResolveEndpoint final : public ResolveEndpoint {
     }
     const int on = 1;
     setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    return std::make_unique<TcpResolveConnection>(client);
+    return std::make_unique<TcpResolveConnection>(client, wake_fd_);
   }
 
   void Wake() override {
     woken_.store(true);
-    // Shutting a listening socket down makes a blocked accept return with EINVAL.
-    shutdown(fd_, SHUT_RDWR);
+    // The event stays readable from now on: every wait of the endpoint and its connections ends.
+    const std::uint64_t one = 1;
+    MIRELL_WARN_HR(write(wake_fd_, &one, sizeof(one)) == sizeof(one) ? 0 : -errno);
   }
 
   std::string name() const override { return EndpointName(bound_); }
@@ -135,6 +168,7 @@ class TcpResolveEndpoint final : public ResolveEndpoint {
   }
 
   int fd_;
+  int wake_fd_;
   sockaddr_in bound_;
   std::atomic<bool> woken_{false};
 };
@@ -150,6 +184,10 @@ std::unique_ptr<ResolveEndpoint> OpenResolveEndpoint(const std::string& name) {
   address.sin_family = AF_INET;
   address.sin_port = htons(*port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  // Without it the TIME_WAIT entries of connections served just before a restart would keep the
+  // port from being bound again for a minute. Linux still refuses a second listener.
+  const int on = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
   if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
       listen(fd, SOMAXCONN) != 0) {
     const int error = errno;
@@ -158,7 +196,13 @@ std::unique_ptr<ResolveEndpoint> OpenResolveEndpoint(const std::string& name) {
   }
   socklen_t size = sizeof(address);
   getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  return std::make_unique<TcpResolveEndpoint>(fd, address);
+  const int wake_fd = eventfd(0, EFD_CLOEXEC);
+  if (wake_fd < 0) {
+    const int error = errno;
+    close(fd);
+    MIRELL_CHECK(error == 0, "could not make the wake event of {} ({})", name, HrToString(-error));
+  }
+  return std::make_unique<TcpResolveEndpoint>(fd, wake_fd, address);
 }
 
 }  // namespace mirell::daemon

@@ -13,11 +13,15 @@
 namespace mirell::daemon {
 namespace {
 
-constexpr std::size_t kRequestLimit = 4096;
 constexpr std::string_view kVerb = "RESOLVE ";
 constexpr std::size_t kLoggedUnknownBytes = 32;
 
 }  // namespace
+
+std::optional<std::string> ParseResolveRequest(std::string_view line) {
+  if (!line.starts_with(kVerb)) return std::nullopt;
+  return std::string(line.substr(kVerb.size()));
+}
 
 ResolveService::ResolveService(std::string pipe_name, Resolver resolver)
     : pipe_name_(std::move(pipe_name)), resolver_(std::move(resolver)) {
@@ -64,6 +68,7 @@ void ResolveService::AcceptLoop() {
 }
 
 void ResolveService::ServeOne(ResolveConnection& connection) {
+  const auto deadline = std::chrono::steady_clock::now() + kRequestReadLimit;
   std::array<char, kRequestLimit> buffer{};
   std::size_t received = 0;
   const char* newline = nullptr;
@@ -72,8 +77,14 @@ void ResolveService::ServeOne(ResolveConnection& connection) {
       LOG_WARN("malformed request bytes={}", received);
       return;
     }
-    const auto count = connection.Read(std::span(buffer).subspan(received));
+    const auto count = connection.Read(std::span(buffer).subspan(received), deadline);
+    if (count == ResolveConnection::kTimedOut) {
+      LOG_DEBUG("no request line within {} ms (bytes={}); closed", kRequestReadLimit.count(),
+                received);
+      return;
+    }
     if (count <= 0) {
+      if (!running_.load()) return;  // Woken by Stop, not a malformed request.
       LOG_WARN("malformed request bytes={}", received);
       return;
     }
@@ -82,12 +93,13 @@ void ResolveService::ServeOne(ResolveConnection& connection) {
   }
 
   const std::string_view line(buffer.data(), static_cast<std::size_t>(newline - buffer.data()));
-  if (!line.starts_with(kVerb)) {
+  const auto parsed = ParseResolveRequest(line);
+  if (!parsed) {
     LOG_WARN("unknown verb in '{}'", line.substr(0, kLoggedUnknownBytes));
     connection.Write("ERR unknown verb\n");
     return;
   }
-  const std::string url(line.substr(kVerb.size()));
+  const std::string& url = *parsed;
   const ResolveResult result = resolver_(url);
   requests_.fetch_add(1);
 

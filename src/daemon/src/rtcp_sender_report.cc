@@ -3,11 +3,12 @@
 #include <chrono>
 #include <string_view>
 
+#include "mirell/base/media_time.h"
+
 namespace mirell::daemon {
 namespace {
 
 constexpr std::uint64_t kSecondsFrom1900To1970 = 0x83AA7E80;
-constexpr std::int64_t kTicksPerSecond = 10'000'000;
 constexpr std::string_view kCanonicalName = "mirell-probe";
 
 void Put32(std::vector<std::uint8_t>& out, std::uint32_t value) {
@@ -27,7 +28,7 @@ std::uint64_t NtpTime(std::int64_t ticks_100ns) {
 }
 
 std::int64_t SystemTicks100ns() {
-  return std::chrono::duration_cast<std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>>(
+  return std::chrono::duration_cast<std::chrono::duration<std::int64_t, std::ratio<1, kTicksPerSecond>>>(
              std::chrono::system_clock::now().time_since_epoch())
       .count();
 }

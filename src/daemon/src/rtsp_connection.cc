@@ -7,6 +7,8 @@
 #include <random>
 
 #include "mirell/base/logging.h"
+#include "mirell/base/media_time.h"
+#include "mirell/base/version.h"
 #include "mirell/daemon/stream_path.h"
 #include "rtcp_sender_report.h"
 #include "rtsp_sdp.h"
@@ -103,7 +105,8 @@ void RtspConnection::Unsubscribe() {
 void RtspConnection::Respond(std::string_view status, std::int32_t cseq,
                              std::string_view extra_headers, std::string_view body) {
   std::string response =
-      fmt::format("RTSP/1.0 {}\r\nCSeq: {}\r\nServer: mirell/0.1\r\n", status, cseq);
+      fmt::format("RTSP/1.0 {}\r\nCSeq: {}\r\nServer: mirell/{}\r\n", status, cseq,
+                  kVersionMajorMinor);
   response += extra_headers;
   if (!body.empty()) response += fmt::format("Content-Length: {}\r\n", body.size());
   response += "\r\n";
@@ -267,7 +270,7 @@ void RtspConnection::QueueAudio() {
     }
     const std::int64_t delta = unit->pts_100ns - first_timestamp_;
     audio_rtp_time_ =
-        rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, audio_rate_, 10'000'000));
+        rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, audio_rate_, kTicksPerSecond));
     packets_.clear();
     aac_.Packetize(unit->data, audio_rtp_time_, packets_);
     for (const auto& packet : packets_) {

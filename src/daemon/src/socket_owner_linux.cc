@@ -111,19 +111,25 @@ std::optional<uid_t> PeerUidFromSocketDiag(const sockaddr_in& client, const sock
              sizeof(kernel)) < 0) {
     return std::nullopt;
   }
-  alignas(nlmsghdr) std::array<char, 8192> answer{};
+  std::array<char, 8192> answer{};
   const auto received = recv(netlink.get(), answer.data(), answer.size(), 0);
   if (received <= 0) return std::nullopt;
-  auto remaining = static_cast<unsigned>(received);
-  for (auto* header = reinterpret_cast<nlmsghdr*>(answer.data()); NLMSG_OK(header, remaining);
-       header = NLMSG_NEXT(header, remaining)) {
-    if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY) return std::nullopt;  // An error or the end.
-    if (header->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg))) return std::nullopt;
+  // The messages are walked by offset and copied out, so no pointer into the byte buffer is ever
+  // cast to a more strictly aligned type.
+  const auto end = static_cast<std::size_t>(received);
+  std::size_t at = 0;
+  while (at + sizeof(nlmsghdr) <= end) {
+    nlmsghdr header{};
+    std::memcpy(&header, answer.data() + at, sizeof(header));
+    if (header.nlmsg_len < sizeof(nlmsghdr) || header.nlmsg_len > end - at) return std::nullopt;
+    if (header.nlmsg_type != SOCK_DIAG_BY_FAMILY) return std::nullopt;  // An error or the end.
+    if (header.nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg))) return std::nullopt;
     inet_diag_msg found{};
-    std::memcpy(&found, NLMSG_DATA(header), sizeof(found));
+    std::memcpy(&found, answer.data() + at + NLMSG_HDRLEN, sizeof(found));
     if (found.id.idiag_sport == client.sin_port && found.id.idiag_dport == server.sin_port) {
       return static_cast<uid_t>(found.idiag_uid);
     }
+    at += NLMSG_ALIGN(header.nlmsg_len);
   }
   return std::nullopt;
 }

@@ -55,7 +55,15 @@ StubInstaller::StubInstaller(StubInstallerConfig config) : config_(std::move(con
 
 StubInstaller::~StubInstaller() {
   StopWatchdog();
-  if (installed_) Restore();
+  if (!installed_) return;
+  // A failed copy (disk full, file locked) must not leave a destructor: the marker stays, and the
+  // next start, or --restore-vrchat, puts the resolver back.
+  try {
+    Restore();
+  } catch (const std::exception& error) {
+    LOG_ERROR("could not put VRChat's resolver back: {}; the next start will try again",
+              error.what());
+  }
 }
 
 bool StubInstaller::RecoverFromPreviousRun() {

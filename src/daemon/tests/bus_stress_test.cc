@@ -140,5 +140,38 @@ TEST(BusStress, ProducerNeverWaitsAndSlowReadersResyncAtKeyframes) {
   EXPECT_EQ(frames_alive.load(), 0) << "frames leaked";
 }
 
+// A keyframe published while a reader subscribes must queue behind the reader's primed backlog,
+// never ahead of it: a player's time stamps must not go backward.
+TEST(BusStress, ReadersPrimedWhileKeyframesPourInSeeTimeOnlyRise) {
+  FrameBus bus;
+  bus.SetHistory(8);
+  std::atomic<bool> producing{true};
+  std::thread producer([&] {
+    std::int64_t pts = 0;
+    while (producing.load()) {
+      bus.Publish(std::make_shared<encode::EncodedFrame>(
+          encode::EncodedFrame{{0, 0, 0, 1, 0x65}, pts++, 1, true}));
+    }
+  });
+  int backward = 0;
+  int subscriptions = 0;
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  while (std::chrono::steady_clock::now() < until || subscriptions < 2000) {
+    auto reader = bus.Subscribe(64, 4);
+    ++subscriptions;
+    std::int64_t last = -1;
+    for (int i = 0; i < 8; ++i) {
+      const auto frame = reader->Pop(100);
+      if (!frame) break;
+      if (frame->pts_100ns <= last) ++backward;
+      last = frame->pts_100ns;
+    }
+    bus.Unsubscribe(reader);
+  }
+  producing.store(false);
+  producer.join();
+  EXPECT_EQ(backward, 0) << "in " << subscriptions << " subscriptions";
+}
+
 }  // namespace
 }  // namespace mirell::daemon

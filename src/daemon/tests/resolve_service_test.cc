@@ -163,21 +163,62 @@ TEST_F(ResolveServiceTest, PartialLineThenCloseIsMalformed) {
   EXPECT_TRUE(urls().empty());
 }
 
-TEST_F(ResolveServiceTest, SilentClientHoldsTheServiceAndStop) {
+// Any program of the user can open the endpoint and say nothing (a browser's preconnect does):
+// it is closed once the read limit passes, and the request behind it is answered.
+TEST_F(ResolveServiceTest, SilentClientIsClosedAtTheLimitAndTheNextIsServed) {
   StartPassing();
   TcpClient silent(port_);
-  std::this_thread::sleep_for(50ms);  // The service is now reading from the silent client.
+  const auto started = std::chrono::steady_clock::now();
+  auto waiting =
+      std::async(std::launch::async, [this] { return ExchangeOnce(port_, "RESOLVE later\n"); });
+  ASSERT_EQ(waiting.wait_for(kRequestReadLimit + 3s), std::future_status::ready);
+  EXPECT_EQ(waiting.get(), "PASS\n");
+  EXPECT_GE(std::chrono::steady_clock::now() - started, kRequestReadLimit - 100ms);
+  EXPECT_EQ(urls(), std::vector<std::string>{"later"});
 
-  auto waiting = std::async(std::launch::async, [this] { return ExchangeOnce(port_, "RESOLVE later\n"); });
-  EXPECT_EQ(waiting.wait_for(300ms), std::future_status::timeout);
-  auto stopping = std::async(std::launch::async, [this] { service_->Stop(); });
-  EXPECT_EQ(stopping.wait_for(300ms), std::future_status::timeout);
+  EXPECT_EQ(silent.ReadToEnd(1s), "");
+  EXPECT_TRUE(silent.closed_by_peer());
+  EXPECT_NE(log().find("no request line within 2000 ms (bytes=0); closed"), std::string::npos)
+      << log();
+  EXPECT_EQ(log().find("malformed request"), std::string::npos) << log();
+}
 
-  silent.Close();
-  EXPECT_EQ(stopping.wait_for(5s), std::future_status::ready);
-  // The waiting client was never served: the service stopped before its turn.
-  EXPECT_EQ(waiting.get(), "");
+TEST_F(ResolveServiceTest, HalfALineThenSilenceIsClosedAtTheLimit) {
+  StartPassing();
+  TcpClient client(port_);
+  client.Send("RESOLVE https://mirell.example/s/AB");
+  EXPECT_EQ(client.ReadToEnd(kRequestReadLimit + 3s), "");
+  EXPECT_TRUE(client.closed_by_peer());
   EXPECT_TRUE(urls().empty());
+  EXPECT_NE(log().find("no request line within 2000 ms (bytes=35); closed"), std::string::npos)
+      << log();
+}
+
+TEST_F(ResolveServiceTest, StopIsNotHeldByASilentClient) {
+  StartPassing();
+  TcpClient silent(port_);
+  // Wait until the service is reading from the silent client: a request behind it is queued.
+  auto queued = std::async(std::launch::async, [this] { return ExchangeOnce(port_, "RESOLVE q\n"); });
+  EXPECT_EQ(queued.wait_for(200ms), std::future_status::timeout);
+
+  const auto started = std::chrono::steady_clock::now();
+  service_->Stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 1s);
+  EXPECT_EQ(queued.get(), "");
+  EXPECT_TRUE(urls().empty());
+  EXPECT_EQ(log().find("malformed request"), std::string::npos) << log();
+}
+
+// Served connections leave TIME_WAIT entries behind; a restart on the same port must still bind.
+TEST_F(ResolveServiceTest, StartsAgainAtOnceOnTheSamePortAfterServing) {
+  StartPassing();
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(ExchangeOnce(port_, "RESOLVE x\n"), "PASS\n");
+  const std::string same = "127.0.0.1:" + std::to_string(port_);
+  service_->Stop();
+  ResolveService again(same, [](const std::string&) { return ResolveResult{}; });
+  ASSERT_NO_THROW(again.Start());
+  EXPECT_EQ(again.endpoint(), same);
+  EXPECT_EQ(ExchangeOnce(port_, "RESOLVE again\n"), "PASS\n");
 }
 
 TEST_F(ResolveServiceTest, FailedWithEmptyReasonAnswersBareErr) {

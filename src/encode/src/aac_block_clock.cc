@@ -6,13 +6,13 @@
 #include <cstdlib>
 
 #include "mirell/base/logging.h"
+#include "mirell/base/media_time.h"
 #include "mirell/encode/aac_encoder.h"
 
 namespace mirell::encode {
 namespace {
 
 constexpr std::array<std::uint32_t, 4> kOfferedBytesPerSecond = {12000, 16000, 20000, 24000};
-constexpr std::int64_t kTicksPerSecond = 10'000'000;
 constexpr std::int64_t kResyncTicks = 1'000'000;  // 100 ms
 
 }  // namespace

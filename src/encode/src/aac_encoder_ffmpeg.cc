@@ -12,12 +12,12 @@ extern "C" {
 #include "ffmpeg_handles.h"
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/media_time.h"
 #include "mirell/encode/aac_encoder.h"
 
 namespace mirell::encode {
 namespace {
 
-constexpr std::int64_t kTicksPerSecond = 10'000'000;
 
 // The two-byte AAC-LC AudioSpecificConfig. libavcodec appends an explicit "no SBR" extension
 // (sync word 0x2B7) to it; players that only know plain AAC-LC configs are safer without it, and

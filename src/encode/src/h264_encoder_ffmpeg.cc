@@ -13,13 +13,13 @@ extern "C" {
 #include "ffmpeg_handles.h"
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/media_time.h"
 #include "mirell/encode/h264_encoder.h"
 #include "mirell/media/nal.h"
 
 namespace mirell::encode {
 namespace {
 
-constexpr std::int64_t kTicksPerSecond = 10'000'000;
 constexpr const char* kRenderNode = "/dev/dri/renderD128";
 // x264's speed and quality trade-off for live sharing on ordinary machines.
 constexpr const char* kX264Preset = "veryfast";

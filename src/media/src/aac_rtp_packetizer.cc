@@ -15,7 +15,7 @@ constexpr std::uint32_t kAacLcObjectType = 2;
 }  // namespace
 
 AacRtpPacketizer::AacRtpPacketizer(AacRtpPacketizerConfig config) : config_(config) {
-  MIRELL_CHECK(config_.max_payload_size > kRtpHeaderBytes + kAuHeaderSectionBytes,
+  MIRELL_CHECK(config_.max_payload_size > kRtpHeaderSize + kAuHeaderSectionBytes,
                "max_payload_size {} leaves no room for an AAC payload", config_.max_payload_size);
   const RtpStreamIdentity identity = DrawRtpIdentity(config_.ssrc, config_.initial_sequence);
   config_.ssrc = identity.ssrc;
@@ -28,14 +28,14 @@ void AacRtpPacketizer::Packetize(ByteSpan access_unit, std::uint32_t rtp_timesta
   MIRELL_CHECK(access_unit.size() <= kMaxAuSize,
                "AAC access unit of {} bytes does not fit a {}-bit size field", access_unit.size(),
                kAuSizeLengthBits);
-  const std::size_t room = config_.max_payload_size - kRtpHeaderBytes - kAuHeaderSectionBytes;
+  const std::size_t room = config_.max_payload_size - kRtpHeaderSize - kAuHeaderSectionBytes;
   // Every fragment carries the size of the whole unit, the AU-Index being 0.
   const auto au_header = static_cast<std::uint16_t>(access_unit.size() << kAuIndexLengthBits);
   for (std::size_t offset = 0; offset < access_unit.size();) {
     const std::size_t chunk = std::min(access_unit.size() - offset, room);
     const bool end = offset + chunk == access_unit.size();
     Bytes packet;
-    packet.reserve(chunk + kRtpHeaderBytes + kAuHeaderSectionBytes);
+    packet.reserve(chunk + kRtpHeaderSize + kAuHeaderSectionBytes);
     AppendRtpHeader(packet, config_.payload_type, end, next_sequence_++, rtp_timestamp, config_.ssrc);
     packet.push_back(0x00);  // AU-headers-length: 16 bits.
     packet.push_back(0x10);

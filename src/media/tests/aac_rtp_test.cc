@@ -24,7 +24,7 @@ std::string CheckText(const std::function<void()>& action) {
 
 TEST(AacRtpPacketizer, PayloadSize16FailsAnd17CarriesOneByte) {
   EXPECT_EQ(CheckText([] { AacRtpPacketizer p(Config(16)); }),
-            "check failed: config_.max_payload_size > kRtpHeaderBytes + kAuHeaderSectionBytes - "
+            "check failed: config_.max_payload_size > kRtpHeaderSize + kAuHeaderSectionBytes - "
             "max_payload_size 16 leaves no room for an AAC payload");
   AacRtpPacketizer packetizer(Config(17));
   std::vector<Bytes> packets;

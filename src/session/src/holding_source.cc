@@ -4,17 +4,12 @@
 #include <exception>
 
 #include "mirell/base/logging.h"
+#include "mirell/base/media_time.h"
 #include "mirell/encode/aac_encoder.h"
 #include "mirell/encode/h264_encoder.h"
 #include "mirell/session/holding_card.h"
 
 namespace mirell::session {
-namespace {
-
-constexpr std::int64_t kTicksPerSecond = 10'000'000;
-
-}  // namespace
-
 HoldingClip::HoldingClip(HoldingClipConfig config) : config_(std::move(config)) {
   builder_ = std::thread([this] { Build(); });
 }
@@ -51,6 +46,18 @@ void HoldingClip::MarkReady() {
 }
 
 void HoldingClip::Build() {
+  // Nothing may leave the builder's thread: the card is cosmetic, and watches play without it.
+  try {
+    BuildClip();
+  } catch (const std::exception& error) {
+    LOG_ERROR("could not build the holding card: {}; viewers wait without it", error.what());
+  }
+  MarkReady();
+}
+
+void HoldingClip::BuildClip() {
+  // The card first: without a surface to draw on there is nothing to encode.
+  HoldingCard card(config_.width, config_.height, config_.title);
   std::unique_ptr<encode::H264Encoder> encoder;
   try {
     encode::H264EncoderConfig video;
@@ -65,48 +72,38 @@ void HoldingClip::Build() {
     encoder = encode::CreateH264Encoder(video);
   } catch (const std::exception& error) {
     LOG_WARN("h264 unavailable: {}", error.what());
-    MarkReady();
     return;
   }
 
-  // A failed check here leaves the thread and ends the process, deliberately: the card's surface
-  // is a resource the program cannot do without.
-  HoldingCard card(config_.width, config_.height, config_.title);
   const std::uint64_t total = static_cast<std::uint64_t>(config_.fps) * config_.seconds;
   const std::int64_t frame_duration = kTicksPerSecond / config_.fps;
   std::vector<encode::EncodedFrame> frames;
   try {
-    // A hardware encoder may hold frames back; the phase wraps so the picture stays seamless.
-    for (std::uint64_t i = 0; frames.size() < total && i < 4 * total; ++i) {
-      const auto picture = card.Render(static_cast<double>(i % total) / static_cast<double>(total));
+    // Exactly one loop of pictures; an encoder that holds frames back gives them up at Drain.
+    for (std::uint64_t i = 0; i < total; ++i) {
+      const auto picture = card.Render(static_cast<double>(i) / static_cast<double>(total));
       encoder->Encode(picture, static_cast<std::int64_t>(i) * frame_duration, frames);
     }
+    encoder->Drain(frames);
   } catch (const std::exception& error) {
     LOG_WARN("encode failed ({})", error.what());
-  }
-  try {
-    encoder->Drain(frames);
-  } catch (const std::exception&) {
-    // What there is will do.
   }
   while (!frames.empty() && !frames.front().keyframe) frames.erase(frames.begin());
   const auto header = encoder->sequence_header();
   std::vector<std::uint8_t> sequence_header(header.begin(), header.end());
   if (frames.empty() || sequence_header.empty()) {
     LOG_WARN("card empty, no parameter sets");
-    MarkReady();
     return;
   }
   BuildAudio();
   bool have_silence = false;
+  const std::size_t count = frames.size();
   {
     std::lock_guard lock(mutex_);
     frames_ = std::move(frames);
     sequence_header_ = std::move(sequence_header);
     have_silence = !silence_.empty();
   }
-  const std::size_t count = Frames().size();
-  MarkReady();
   LOG_INFO("card frames={} silence={}", count, have_silence);
 }
 
@@ -119,7 +116,7 @@ void HoldingClip::BuildAudio() {
     return;
   }
   const std::vector<float> zeros(static_cast<std::size_t>(config_.channels) * encode::kAacFrameSamples, 0.0f);
-  const std::int64_t block_100ns = 10'240'000'000 / config_.sample_rate;
+  const std::int64_t block_100ns = static_cast<std::int64_t>(encode::kAacFrameSamples) * kTicksPerSecond / config_.sample_rate;
   std::vector<encode::EncodedAudioFrame> units;
   try {
     for (std::uint32_t i = 0; i < config_.sample_rate / encode::kAacFrameSamples + 2; ++i) {
@@ -144,7 +141,8 @@ HoldingSource::HoldingSource(daemon::FrameBus& frames, daemon::AudioBus& audio, 
       clip_(clip.Frames()),
       silence_(clip.Silence()),
       frame_duration_(kTicksPerSecond / clip.config().fps),
-      audio_duration_(10'240'000'000 / clip.config().sample_rate) {}
+      audio_duration_(static_cast<std::int64_t>(encode::kAacFrameSamples) * kTicksPerSecond /
+                      clip.config().sample_rate) {}
 
 HoldingSource::~HoldingSource() { Stop(); }
 
@@ -160,6 +158,14 @@ void HoldingSource::Stop() {
 }
 
 void HoldingSource::Run() {
+  try {
+    Play();
+  } catch (const std::exception& error) {
+    LOG_ERROR("the holding card stopped: {}", error.what());
+  }
+}
+
+void HoldingSource::Play() {
   const auto interval = std::chrono::nanoseconds(frame_duration_ * 100);
   auto deadline = std::chrono::steady_clock::now();
   std::uint64_t index = 0;

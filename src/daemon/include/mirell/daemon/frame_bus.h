@@ -3,8 +3,8 @@
 // resumes at a later keyframe. A short history lets a late reader start primed with a keyframe
 // that is already behind us.
 //
-// Lock order: the video bus never holds its own lock and a subscription's at once; frames are
-// offered outside the bus's lock.
+// Lock order: the bus's lock before a subscription's, taken together only to prime a new reader;
+// frames are offered outside the bus's lock.
 #pragma once
 
 #include <condition_variable>

@@ -7,15 +7,20 @@
 //   "PASS\n"                 not ours; the stub runs the real resolver
 //   "ERR " + reason + "\n"   ours, but it could not be resolved
 //   "ERR unknown verb\n"     the line does not begin with "RESOLVE "
-// A connection that ends with no complete line gets nothing. Requests are served strictly one at
-// a time on one thread; the resolver must return promptly.
+// A connection that ends with no complete line gets nothing, and so does one whose line has not
+// arrived within kRequestReadLimit of its acceptance: any program of the user can open the
+// endpoint, and a client that connects and stays silent must not hold the service or its Stop.
+// Requests are served strictly one at a time on one thread; the resolver must return promptly.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace mirell::daemon {
@@ -36,6 +41,15 @@ struct ResolveResult {
 };
 
 using Resolver = std::function<ResolveResult(const std::string& url)>;
+
+// The longest a connection may take to deliver its request line.
+inline constexpr std::chrono::milliseconds kRequestReadLimit{2000};
+// The most bytes of a request, newline included.
+inline constexpr std::size_t kRequestLimit = 4096;
+
+// One request line as it arrived (without its newline), read as the protocol says: the URL
+// behind "RESOLVE ", or nullopt when the line begins with anything else.
+std::optional<std::string> ParseResolveRequest(std::string_view line);
 
 class ResolveService {
  public:

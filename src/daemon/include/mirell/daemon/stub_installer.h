@@ -43,7 +43,8 @@ class StubInstaller {
  public:
   // Fails a check when no Tools directory is given or found.
   explicit StubInstaller(StubInstallerConfig config);
-  // Stops the watchdog and restores if this object installed the stub.
+  // Stops the watchdog and restores if this object installed the stub. Never throws: a restore
+  // that fails is logged at error and its marker stays for the next start.
   ~StubInstaller();
   StubInstaller(const StubInstaller&) = delete;
   StubInstaller& operator=(const StubInstaller&) = delete;

@@ -13,7 +13,6 @@
 
 namespace mirell::media {
 
-inline constexpr std::size_t kRtpHeaderBytes = 12;
 inline constexpr std::size_t kAuHeaderSectionBytes = 4;  // AU-headers-length and one AU-header.
 inline constexpr std::size_t kMaxAuSize = 8191;           // All ones in the 13-bit AU-size.
 inline constexpr int kAuSizeLengthBits = 13;             // sizelength in the SDP.

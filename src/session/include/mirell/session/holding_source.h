@@ -38,7 +38,8 @@ class HoldingClip {
   HoldingClip(const HoldingClip&) = delete;
   HoldingClip& operator=(const HoldingClip&) = delete;
 
-  // True once the build has ended, for better or worse; false when `ms` passed first.
+  // True once the build has ended, for better or worse; false when `ms` passed first. A card that
+  // cannot be drawn or encoded leaves the clip empty (logged), never the process.
   bool WaitReady(int ms) const;
   std::vector<std::uint8_t> SequenceHeader() const;
   std::vector<encode::EncodedFrame> Frames() const;
@@ -47,6 +48,7 @@ class HoldingClip {
 
  private:
   void Build();
+  void BuildClip();
   void BuildAudio();
   void MarkReady();
 
@@ -70,6 +72,8 @@ class HoldingSource {
 
   // Starts playing; nothing when the clip has no frames or it already plays.
   void Start();
+  // True from a Start that played until Stop.
+  bool playing() const { return running_.load(); }
   // Stops and joins, unless called on the source's own thread.
   void Stop();
 
@@ -80,6 +84,7 @@ class HoldingSource {
 
  private:
   void Run();
+  void Play();
 
   daemon::FrameBus& frames_bus_;
   daemon::AudioBus& audio_bus_;
