@@ -1,0 +1,70 @@
+#include "http_answers.h"
+
+#include <nlohmann/json.hpp>
+
+namespace mirell::signal {
+namespace {
+
+// Self-contained: no scripts, fonts, pictures or styles from elsewhere.
+constexpr std::string_view kSharePage = R"(<!DOCTYPE html>
+<html lang="en">
+<head>
+<meta charset="utf-8">
+<meta name="viewport" content="width=device-width, initial-scale=1">
+<title>A Mirell share link</title>
+<style>
+body { margin: 0; background: #14121a; color: #e6e3ee; font: 17px/1.5 system-ui, sans-serif; }
+main { max-width: 36em; margin: 12vh auto; padding: 0 1.5em; }
+h1 { font-weight: 600; font-size: 1.6em; color: #c9b8ff; }
+code { background: #24202e; padding: 0.1em 0.35em; border-radius: 4px; }
+</style>
+</head>
+<body>
+<main>
+<h1>This is a Mirell share link</h1>
+<p>Someone is sharing their screen or a window, with its sound, through Mirell. The link is
+meant for a video player inside VRChat: paste it there, and the picture and sound play in the
+world, live.</p>
+<p>To watch, you need Mirell running on your own computer beside VRChat. Mirell is a small tray
+program that shows a screen or a window to friends inside VRChat: peer to peer, with nobody
+let in unasked, and nothing to set up.</p>
+<p>Nothing plays in a web browser. If you have Mirell, copy this page's address into a
+VRChat video player.</p>
+</main>
+</body>
+</html>
+)";
+
+HttpAnswer Text(unsigned status, std::string body) {
+  HttpAnswer answer;
+  answer.status = status;
+  answer.body = std::move(body);
+  return answer;
+}
+
+}  // namespace
+
+HttpAnswer AnswerHttp(std::string_view method, std::string_view target,
+                      const std::optional<LatestRelease>& latest) {
+  const std::string_view path = target.substr(0, target.find('?'));
+  if (method != "GET" && method != "HEAD") return Text(405, "method not allowed\n");
+  if (path.starts_with("/s/") && path.size() > 3) {
+    HttpAnswer answer;
+    answer.status = 200;
+    answer.content_type = "text/html; charset=utf-8";
+    answer.body = std::string(kSharePage);
+    return answer;
+  }
+  if (path == "/latest") {
+    if (!latest) return Text(404, "no release is published here\n");
+    HttpAnswer answer;
+    answer.status = 200;
+    answer.content_type = "application/json";
+    answer.body = nlohmann::json{{"version", latest->version}, {"url", latest->url}}.dump();
+    return answer;
+  }
+  if (path == kSignalPath) return Text(426, "this is a WebSocket endpoint\n");
+  return Text(404, "not found\n");
+}
+
+}  // namespace mirell::signal

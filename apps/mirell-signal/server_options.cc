@@ -1,0 +1,108 @@
+#include "server_options.h"
+
+#include <charconv>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+namespace mirell::signal {
+namespace {
+
+// A mistake on the command line: a sentence for the person who typed it.
+template <typename... Arguments>
+void Require(bool condition, fmt::format_string<Arguments...> format, Arguments&&... arguments) {
+  if (!condition) throw std::invalid_argument(fmt::format(format, std::forward<Arguments>(arguments)...));
+}
+
+std::size_t Count(std::string_view option, std::string_view text) {
+  std::size_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  const bool whole = error == std::errc() && end == text.data() + text.size() && value > 0;
+  Require(whole, "{} wants a positive whole number, not '{}'", option, text);
+  return value;
+}
+
+}  // namespace
+
+ServerOptions ParseServerOptions(std::span<const char* const> arguments) {
+  ServerOptions options;
+  ServerConfig& config = options.config;
+  std::string latest_version;
+  std::string latest_url;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const std::string_view option = arguments[i];
+    if (option == "--help" || option == "-h") {
+      options.help = true;
+      continue;
+    }
+    Require(option.starts_with("--"), "unexpected argument '{}' (see --help)", option);
+    Require(i + 1 < arguments.size(), "{} needs a value", option);
+    const std::string_view value = arguments[++i];
+    if (option == "--listen") {
+      config.listen = value;
+    } else if (option == "--tls-cert") {
+      config.tls_cert = value;
+    } else if (option == "--tls-key") {
+      config.tls_key = value;
+    } else if (option == "--latest-version") {
+      latest_version = value;
+    } else if (option == "--latest-url") {
+      latest_url = value;
+    } else if (option == "--max-connections") {
+      config.max_connections = Count(option, value);
+    } else if (option == "--max-message-bytes") {
+      config.max_message_bytes = Count(option, value);
+    } else if (option == "--max-viewers-per-token") {
+      config.hub.max_viewers_per_token = Count(option, value);
+    } else if (option == "--max-tokens-per-connection") {
+      config.hub.max_tokens_per_connection = Count(option, value);
+    } else if (option == "--messages-per-second") {
+      config.hub.messages_per_second = static_cast<double>(Count(option, value));
+      config.hub.message_burst = 3 * config.hub.messages_per_second;
+    } else if (option == "--idle-seconds") {
+      config.idle = std::chrono::seconds(Count(option, value));
+      config.hub.register_within = config.idle;
+    } else if (option == "--grace-seconds") {
+      config.hub.grace = std::chrono::seconds(Count(option, value));
+    } else {
+      Require(false, "unknown option '{}' (see --help)", option);
+    }
+  }
+  Require(latest_version.empty() == latest_url.empty(),
+               "--latest-version and --latest-url go together");
+  if (!latest_version.empty()) config.latest = LatestRelease{latest_version, latest_url};
+  return options;
+}
+
+std::string ServerUsage() {
+  return R"(mirell-signal: the signal server that Mirell's sharers and viewers meet through.
+
+Usage: mirell-signal [options]
+
+  --listen ADDRESS:PORT        where to listen (default 127.0.0.1:8080; port 0 picks one)
+  --tls-cert FILE --tls-key FILE
+                               serve wss:// and https:// with this PEM certificate chain and
+                               key; without them it serves plain ws:// and http://, for use
+                               behind a reverse proxy that ends TLS
+  --latest-version V --latest-url URL
+                               what GET /latest answers (404 without them)
+  --max-connections N          open connections at most (default 4096)
+  --max-message-bytes N        largest WebSocket message (default 65536)
+  --max-viewers-per-token N    viewers of one share at most (default 64)
+  --max-tokens-per-connection N
+                               shares one host connection may hold (default 4)
+  --messages-per-second N      sustained messages per connection (default 20, bursts of 3x)
+  --idle-seconds N             a connection that has not registered, or a silent one that
+                               does not answer a ping, is ended after N s (default 10 / 60)
+  --grace-seconds N            how long viewers wait for a host that went away (default 30)
+  --help                       this text
+
+Paths: GET /signal (WebSocket), GET /s/<token> (a page for a person without Mirell),
+GET /latest. The log threshold comes from MIRELL_LOG (trace, debug, info, warn, error).
+SIGINT and SIGTERM end it cleanly.
+)";
+}
+
+}  // namespace mirell::signal

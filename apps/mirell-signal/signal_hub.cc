@@ -1,0 +1,306 @@
+#include "signal_hub.h"
+
+#include <algorithm>
+#include <cctype>
+#include <nlohmann/json.hpp>
+
+#include "mirell/base/logging.h"
+#include "mirell/transport/signal_client.h"
+
+namespace mirell::signal {
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr std::size_t kMaxTokenLength = 64;
+constexpr std::size_t kMaxSecretLength = 256;
+constexpr std::size_t kMaxNameLength = 256;
+constexpr std::size_t kPeerIdLength = 16;
+
+std::string Dump(const Json& message) {
+  return message.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+bool ValidToken(const std::string& token) {
+  return !token.empty() && token.size() <= kMaxTokenLength &&
+         std::all_of(token.begin(), token.end(), [](unsigned char c) { return std::isalnum(c) != 0; });
+}
+
+// A string field, "" when absent; throws for another type (answered as malformed).
+std::string StringField(const Json& message, const char* key) {
+  return message.value(key, std::string());
+}
+
+}  // namespace
+
+bool SameSecret(std::string_view a, std::string_view b) {
+  const std::size_t length = std::max(a.size(), b.size());
+  unsigned difference = a.size() == b.size() ? 0u : 1u;
+  for (std::size_t i = 0; i < length; ++i) {
+    const auto x = static_cast<unsigned char>(i < a.size() ? a[i] : 0);
+    const auto y = static_cast<unsigned char>(i < b.size() ? b[i] : 0);
+    difference |= static_cast<unsigned>(x ^ y);
+  }
+  return difference == 0;
+}
+
+SignalHub::SignalHub(Router& router, HubLimits limits) : router_(router), limits_(limits) {}
+
+void SignalHub::Opened(ConnectionId id, Clock::time_point now) {
+  now_ = now;
+  Connection connection;
+  connection.opened = now;
+  connection.allowance = limits_.message_burst;
+  connection.refilled = now;
+  connections_[id] = std::move(connection);
+}
+
+void SignalHub::ReceivedBinary(ConnectionId id) { Refuse(id, "text frames only"); }
+
+void SignalHub::Received(ConnectionId id, std::string_view text, Clock::time_point now) {
+  now_ = now;
+  const auto found = connections_.find(id);
+  if (found == connections_.end()) return;
+  Connection& connection = found->second;
+  if (!Allowed(connection, now)) return Refuse(id, "too many messages");
+  const Json message = Json::parse(text, nullptr, false);
+  if (message.is_discarded() || !message.is_object()) return Refuse(id, "malformed message");
+  try {
+    const std::string type = StringField(message, "type");
+    if (type == "host") return Host(id, connection, std::string(text));
+    if (type == "join") return Join(id, connection, std::string(text));
+    if (connection.role == Role::kNone) return Refuse(id, "register first");
+    if (type == "offer" && connection.role == Role::kHost) return Offer(id, connection, std::string(text));
+    if (type == "deny" && connection.role == Role::kHost) return Deny(id, connection, std::string(text));
+    if (type == "answer" && connection.role == Role::kViewer) return Answer(connection, std::string(text));
+    LOG_DEBUG("connection {}: ignoring a {} message", id, type.substr(0, 32));
+  } catch (const Json::exception&) {
+    Refuse(id, "malformed message");
+  }
+}
+
+void SignalHub::Host(ConnectionId id, Connection& connection, const std::string& text) {
+  const Json message = Json::parse(text);
+  const std::string token_name = StringField(message, "token");
+  const std::string secret = StringField(message, "secret");
+  if (connection.role == Role::kViewer) return Refuse(id, "a viewer cannot host");
+  if (!ValidToken(token_name)) return Refuse(id, "bad token");
+  if (secret.empty() || secret.size() > kMaxSecretLength) return Refuse(id, "bad secret");
+  const auto media = message.find("media");
+  if (media != message.end() && !media->is_object()) return Refuse(id, "malformed message");
+  const bool already_ours =
+      std::find(connection.tokens.begin(), connection.tokens.end(), token_name) != connection.tokens.end();
+  if (!already_ours && connection.tokens.size() >= limits_.max_tokens_per_connection) {
+    return Refuse(id, "too many tokens on one connection");
+  }
+
+  auto existing = tokens_.find(token_name);
+  // A token that only viewers have asked for so far has no secret yet: its first host sets it.
+  if (existing != tokens_.end() && !existing->second.secret.empty() &&
+      !SameSecret(existing->second.secret, secret)) {
+    LOG_INFO("connection {}: refused a host for a token held under another secret", id);
+    return Refuse(id, "token taken");
+  }
+  Token& token = existing != tokens_.end() ? existing->second : tokens_[token_name];
+  token.secret = secret;
+  token.media = media != message.end() ? Dump(*media) : std::string();
+  if (token.host && *token.host != id) {
+    // The same host from a new connection (it restarted, or its network changed).
+    const ConnectionId old = *token.host;
+    const auto old_connection = connections_.find(old);
+    if (old_connection != connections_.end()) {
+      auto& old_tokens = old_connection->second.tokens;
+      old_tokens.erase(std::remove(old_tokens.begin(), old_tokens.end(), token_name), old_tokens.end());
+    }
+    router_.Disconnect(old);
+    LOG_INFO("connection {} took over a token from connection {}", id, old);
+  }
+  token.host = id;
+  connection.role = Role::kHost;
+  if (!already_ours) connection.tokens.push_back(token_name);
+  router_.Deliver(id, R"({"type":"hosting"})");
+  LOG_INFO("connection {} hosts a token with {} viewers waiting", id, token.viewers.size());
+  for (const auto& peer : token.viewers) Announce(token, peer);
+}
+
+void SignalHub::Join(ConnectionId id, Connection& connection, const std::string& text) {
+  const Json message = Json::parse(text);
+  const std::string token_name = StringField(message, "token");
+  const std::string identity = StringField(message, "identity");
+  const std::string display_name = StringField(message, "displayName");
+  if (connection.role != Role::kNone) return Refuse(id, "one token per viewer connection");
+  if (!ValidToken(token_name)) return Refuse(id, "bad token");
+  if (identity.size() > kMaxNameLength || display_name.size() > kMaxNameLength) {
+    return Refuse(id, "name too long");
+  }
+  auto found = tokens_.find(token_name);
+  if (found != tokens_.end() && found->second.viewers.size() >= limits_.max_viewers_per_token) {
+    return Refuse(id, "too many viewers");
+  }
+  Token& token = found != tokens_.end() ? found->second : tokens_[token_name];
+  if (found == tokens_.end()) token.hostless_since = now_;
+
+  const std::string peer = transport::RandomCrockford(kPeerIdLength);
+  Viewer viewer;
+  viewer.connection = id;
+  viewer.identity = identity;
+  viewer.display_name = identity.empty() ? std::string() : display_name;
+  viewers_[peer] = std::move(viewer);
+  token.viewers.push_back(peer);
+  connection.role = Role::kViewer;
+  connection.tokens = {token_name};
+  connection.peer = peer;
+  if (token.host) {
+    Announce(token, peer);
+  } else {
+    LOG_DEBUG("connection {} waits for a host", id);
+  }
+}
+
+void SignalHub::Announce(Token& token, const std::string& peer) {
+  const auto found = viewers_.find(peer);
+  if (found == viewers_.end() || !token.host) return;
+  Viewer& viewer = found->second;
+  if (!viewer.joined) {
+    Json joined = {{"type", "joined"}};
+    if (!token.media.empty()) joined["media"] = Json::parse(token.media);
+    router_.Deliver(viewer.connection, Dump(joined));
+    viewer.joined = true;
+  }
+  Json announcement = {{"type", "peer"}, {"peer", peer}};
+  if (!viewer.identity.empty()) {
+    announcement["identity"] = viewer.identity;
+    if (!viewer.display_name.empty()) announcement["displayName"] = viewer.display_name;
+  }
+  router_.Deliver(*token.host, Dump(announcement));
+}
+
+SignalHub::Token* SignalHub::TokenOfPeerHostedBy(ConnectionId host, const std::string& peer) {
+  const auto viewer = viewers_.find(peer);
+  if (viewer == viewers_.end()) return nullptr;
+  const auto connection = connections_.find(viewer->second.connection);
+  if (connection == connections_.end() || connection->second.tokens.empty()) return nullptr;
+  const auto token = tokens_.find(connection->second.tokens.front());
+  if (token == tokens_.end() || token->second.host != host) return nullptr;
+  return &token->second;
+}
+
+void SignalHub::Offer(ConnectionId id, const Connection&, const std::string& text) {
+  const Json message = Json::parse(text);
+  const std::string peer = StringField(message, "peer");
+  const std::string sdp = StringField(message, "sdp");
+  if (TokenOfPeerHostedBy(id, peer) == nullptr) {
+    LOG_DEBUG("connection {}: an offer for a peer that is not its viewer", id);
+    return;
+  }
+  router_.Deliver(viewers_[peer].connection, Dump({{"type", "offer"}, {"sdp", sdp}}));
+  ++relayed_;
+}
+
+void SignalHub::Answer(const Connection& connection, const std::string& text) {
+  const Json message = Json::parse(text);
+  const std::string sdp = StringField(message, "sdp");
+  const auto token = tokens_.find(connection.tokens.front());
+  if (token == tokens_.end() || !token->second.host) return;  // The host is away; lost.
+  router_.Deliver(*token->second.host,
+                  Dump({{"type", "answer"}, {"peer", connection.peer}, {"sdp", sdp}}));
+  ++relayed_;
+}
+
+void SignalHub::Deny(ConnectionId id, const Connection&, const std::string& text) {
+  const Json message = Json::parse(text);
+  const std::string peer = StringField(message, "peer");
+  if (TokenOfPeerHostedBy(id, peer) == nullptr) return;
+  const ConnectionId viewer = viewers_[peer].connection;
+  router_.Deliver(viewer, R"({"reason":"the host said no","type":"error"})");
+  router_.Disconnect(viewer);
+  DropViewer(peer, false);
+}
+
+void SignalHub::DropViewer(const std::string& peer, bool tell_host) {
+  const auto viewer = viewers_.find(peer);
+  if (viewer == viewers_.end()) return;
+  const auto connection = connections_.find(viewer->second.connection);
+  if (connection != connections_.end() && !connection->second.tokens.empty()) {
+    const auto token = tokens_.find(connection->second.tokens.front());
+    if (token != tokens_.end()) {
+      auto& list = token->second.viewers;
+      list.erase(std::remove(list.begin(), list.end(), peer), list.end());
+      if (tell_host && token->second.host && viewer->second.joined) {
+        router_.Deliver(*token->second.host, Dump({{"type", "peer-gone"}, {"peer", peer}}));
+      }
+    }
+    connection->second.tokens.clear();
+    connection->second.peer.clear();
+  }
+  viewers_.erase(viewer);
+}
+
+void SignalHub::Closed(ConnectionId id) {
+  const auto found = connections_.find(id);
+  if (found == connections_.end()) return;
+  const Connection& connection = found->second;
+  if (connection.role == Role::kViewer && !connection.peer.empty()) {
+    DropViewer(std::string(connection.peer), true);
+  } else if (connection.role == Role::kHost) {
+    // Its tokens stay reserved, with their viewers, for the grace period.
+    for (const auto& name : connection.tokens) {
+      const auto token = tokens_.find(name);
+      if (token == tokens_.end() || token->second.host != id) continue;
+      token->second.host.reset();
+      token->second.hostless_since = now_;
+    }
+  }
+  connections_.erase(id);
+}
+
+void SignalHub::Sweep(Clock::time_point now) {
+  now_ = now;
+  std::vector<ConnectionId> silent;
+  for (const auto& [id, connection] : connections_) {
+    if (connection.role == Role::kNone && now - connection.opened >= limits_.register_within) {
+      silent.push_back(id);
+    }
+  }
+  for (const auto id : silent) Refuse(id, "no registration");
+
+  for (auto token = tokens_.begin(); token != tokens_.end();) {
+    if (token->second.host || now - token->second.hostless_since < limits_.grace) {
+      ++token;
+      continue;
+    }
+    for (const auto& peer : std::vector<std::string>(token->second.viewers)) {
+      const auto viewer = viewers_.find(peer);
+      if (viewer == viewers_.end()) continue;
+      const ConnectionId connection = viewer->second.connection;
+      router_.Deliver(connection, R"({"reason":"the host is not there","type":"error"})");
+      router_.Disconnect(connection);
+      DropViewer(peer, false);
+    }
+    token = tokens_.erase(token);
+  }
+}
+
+bool SignalHub::Allowed(Connection& connection, Clock::time_point now) {
+  const double seconds = std::chrono::duration<double>(now - connection.refilled).count();
+  connection.refilled = now;
+  connection.allowance =
+      std::min(limits_.message_burst, connection.allowance + seconds * limits_.messages_per_second);
+  if (connection.allowance < 1) return false;
+  connection.allowance -= 1;
+  return true;
+}
+
+void SignalHub::Refuse(ConnectionId id, std::string_view reason) {
+  LOG_DEBUG("connection {}: refused ({})", id, reason);
+  router_.Deliver(id, Dump({{"type", "error"}, {"reason", reason}}));
+  router_.Disconnect(id);
+  // Forget it now: nothing more it sends counts. Its Closed comes later and finds nothing.
+  Closed(id);
+}
+
+HubStatistics SignalHub::statistics() const {
+  return {connections_.size(), tokens_.size(), viewers_.size(), relayed_};
+}
+
+}  // namespace mirell::signal

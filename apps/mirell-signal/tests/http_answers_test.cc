@@ -1,0 +1,42 @@
+#include "http_answers.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+namespace mirell::signal {
+namespace {
+
+TEST(HttpAnswers, TheSharePageIsTheSameForAnyTokenAndSelfContained) {
+  const auto live = AnswerHttp("GET", "/s/ABCDEFGHJKMN", std::nullopt);
+  const auto dead = AnswerHttp("GET", "/s/ZZZZZZZZZZZZ?x=1", std::nullopt);
+  EXPECT_EQ(live.status, 200u);
+  EXPECT_EQ(live.content_type, "text/html; charset=utf-8");
+  EXPECT_EQ(live.body, dead.body);
+  EXPECT_NE(live.body.find("VRChat"), std::string::npos);
+  EXPECT_NE(live.body.find("Mirell"), std::string::npos);
+  EXPECT_EQ(live.body.find("ABCDEFGHJKMN"), std::string::npos);
+  for (const char* external : {"http://", "https://", "src=", "href=", "@import", "url("}) {
+    EXPECT_EQ(live.body.find(external), std::string::npos) << external;
+  }
+  EXPECT_EQ(AnswerHttp("GET", "/s/", std::nullopt).status, 404u);
+}
+
+TEST(HttpAnswers, LatestAnswersJsonOnlyWhenConfigured) {
+  EXPECT_EQ(AnswerHttp("GET", "/latest", std::nullopt).status, 404u);
+  const auto answer = AnswerHttp("GET", "/latest", LatestRelease{"0.2.0", "https://x.example/get"});
+  EXPECT_EQ(answer.status, 200u);
+  EXPECT_EQ(answer.content_type, "application/json");
+  EXPECT_EQ(nlohmann::json::parse(answer.body),
+            nlohmann::json::parse(R"({"version":"0.2.0","url":"https://x.example/get"})"));
+}
+
+TEST(HttpAnswers, OtherPathsAndMethods) {
+  EXPECT_EQ(AnswerHttp("GET", "/", std::nullopt).status, 404u);
+  EXPECT_EQ(AnswerHttp("GET", "/signal", std::nullopt).status, 426u);
+  EXPECT_EQ(AnswerHttp("POST", "/s/ABC", std::nullopt).status, 405u);
+  EXPECT_EQ(AnswerHttp("HEAD", "/s/ABC", std::nullopt).status, 200u);
+}
+
+}  // namespace
+}  // namespace mirell::signal

@@ -1,0 +1,66 @@
+#include "server_options.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include <stdexcept>
+
+namespace mirell::signal {
+namespace {
+
+ServerOptions Parse(std::vector<const char*> arguments) {
+  return ParseServerOptions(std::span<const char* const>(arguments.data(), arguments.size()));
+}
+
+TEST(ServerOptions, DefaultsAndEveryOption) {
+  const auto defaults = Parse({});
+  EXPECT_EQ(defaults.config.listen, "127.0.0.1:8080");
+  EXPECT_FALSE(defaults.config.latest.has_value());
+  EXPECT_FALSE(defaults.help);
+
+  const auto options = Parse({"--listen", "0.0.0.0:443", "--tls-cert", "c.pem", "--tls-key", "k.pem",
+                              "--latest-version", "0.2", "--latest-url", "https://x/y",
+                              "--max-connections", "10", "--max-message-bytes", "2048",
+                              "--max-viewers-per-token", "3", "--max-tokens-per-connection", "2",
+                              "--messages-per-second", "5", "--idle-seconds", "4", "--grace-seconds", "2"});
+  const auto& config = options.config;
+  EXPECT_EQ(config.listen, "0.0.0.0:443");
+  EXPECT_EQ(config.tls_cert, "c.pem");
+  EXPECT_EQ(config.tls_key, "k.pem");
+  ASSERT_TRUE(config.latest.has_value());
+  EXPECT_EQ(config.latest->version, "0.2");
+  EXPECT_EQ(config.latest->url, "https://x/y");
+  EXPECT_EQ(config.max_connections, 10u);
+  EXPECT_EQ(config.max_message_bytes, 2048u);
+  EXPECT_EQ(config.hub.max_viewers_per_token, 3u);
+  EXPECT_EQ(config.hub.max_tokens_per_connection, 2u);
+  EXPECT_EQ(config.hub.messages_per_second, 5.0);
+  EXPECT_EQ(config.hub.message_burst, 15.0);
+  EXPECT_EQ(config.idle, std::chrono::seconds(4));
+  EXPECT_EQ(config.hub.register_within, std::chrono::seconds(4));
+  EXPECT_EQ(config.hub.grace, std::chrono::seconds(2));
+  EXPECT_TRUE(Parse({"--help"}).help);
+}
+
+TEST(ServerOptions, MistakesAreNamed) {
+  const auto message = [](std::vector<const char*> arguments) {
+    try {
+      Parse(std::move(arguments));
+    } catch (const std::invalid_argument& error) {
+      return std::string(error.what());
+    }
+    return std::string("accepted");
+  };
+  EXPECT_NE(message({"--bogus", "1"}).find("unknown option '--bogus'"), std::string::npos);
+  EXPECT_NE(message({"--listen"}).find("--listen needs a value"), std::string::npos);
+  EXPECT_NE(message({"--max-connections", "ten"}).find("--max-connections wants a positive whole number, not 'ten'"),
+            std::string::npos);
+  EXPECT_NE(message({"--grace-seconds", "0"}).find("positive whole number"), std::string::npos);
+  EXPECT_NE(message({"--latest-version", "1"}).find("--latest-version and --latest-url go together"),
+            std::string::npos);
+  EXPECT_NE(message({"stray"}).find("unexpected argument 'stray'"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace mirell::signal

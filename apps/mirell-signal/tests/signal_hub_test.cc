@@ -1,0 +1,300 @@
+// The hub's protocol rules with a router that records, and time that the test moves.
+#include "signal_hub.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <vector>
+
+namespace mirell::signal {
+namespace {
+
+using Json = nlohmann::json;
+using namespace std::chrono_literals;
+
+class RecordingRouter final : public Router {
+ public:
+  void Deliver(ConnectionId to, std::string text) override {
+    if (disconnected_.count(to) == 0) inbox_[to].push_back(Json::parse(text));
+  }
+  void Disconnect(ConnectionId who) override { disconnected_.insert(who); }
+
+  // Everything delivered to `id` since the last call.
+  std::vector<Json> Take(ConnectionId id) {
+    auto messages = std::move(inbox_[id]);
+    inbox_[id].clear();
+    return messages;
+  }
+  bool Disconnected(ConnectionId id) const { return disconnected_.count(id) != 0; }
+
+ private:
+  std::map<ConnectionId, std::vector<Json>> inbox_;
+  std::set<ConnectionId> disconnected_;
+};
+
+class SignalHubTest : public ::testing::Test {
+ protected:
+  SignalHubTest() { limits_.grace = 30s; }
+
+  SignalHub& hub() {
+    if (!hub_) hub_.emplace(router_, limits_);
+    return *hub_;
+  }
+  ConnectionId Open() {
+    const ConnectionId id = next_++;
+    hub().Opened(id, now_);
+    return id;
+  }
+  void Say(ConnectionId id, const Json& message) { hub().Received(id, message.dump(), now_); }
+  ConnectionId Host(const std::string& token = "TOKEN1", const std::string& secret = "s3cret") {
+    const ConnectionId id = Open();
+    Say(id, {{"type", "host"}, {"token", token}, {"secret", secret},
+             {"media", {{"width", 1280}, {"height", 720}}}});
+    return id;
+  }
+  ConnectionId Join(const std::string& token = "TOKEN1", const std::string& identity = "") {
+    const ConnectionId id = Open();
+    Json join = {{"type", "join"}, {"token", token}};
+    if (!identity.empty()) join["identity"] = identity, join["displayName"] = "Name of " + identity;
+    Say(id, join);
+    return id;
+  }
+  // The peer id in the single "peer" message the host got.
+  std::string PeerAnnouncedTo(ConnectionId host) {
+    const auto messages = router_.Take(host);
+    EXPECT_EQ(messages.size(), 1u);
+    if (messages.empty()) return {};
+    EXPECT_EQ(messages[0]["type"], "peer");
+    return messages[0]["peer"];
+  }
+  Json Only(ConnectionId id) {
+    const auto messages = router_.Take(id);
+    EXPECT_EQ(messages.size(), 1u) << Json(messages).dump();
+    return messages.empty() ? Json() : messages[0];
+  }
+
+  HubLimits limits_;
+  RecordingRouter router_;
+  std::optional<SignalHub> hub_;
+  Clock::time_point now_ = Clock::time_point() + 1h;
+  ConnectionId next_ = 1;
+};
+
+TEST_F(SignalHubTest, TheWholeExchange) {
+  const auto host = Host();
+  EXPECT_EQ(Only(host), Json::parse(R"({"type":"hosting"})"));
+  const auto viewer = Join("TOKEN1", "usr_1");
+  EXPECT_EQ(Only(viewer), Json::parse(R"({"type":"joined","media":{"width":1280,"height":720}})"));
+  const auto messages = router_.Take(host);
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_EQ(messages[0]["identity"], "usr_1");
+  EXPECT_EQ(messages[0]["displayName"], "Name of usr_1");
+  const std::string peer = messages[0]["peer"];
+  EXPECT_EQ(peer.size(), 16u);
+
+  Say(host, {{"type", "offer"}, {"peer", peer}, {"sdp", "v=0 offer"}});
+  EXPECT_EQ(Only(viewer), Json::parse(R"({"type":"offer","sdp":"v=0 offer"})"));
+  Say(viewer, {{"type", "answer"}, {"sdp", "v=0 answer"}});
+  EXPECT_EQ(Only(host), (Json{{"type", "answer"}, {"peer", peer}, {"sdp", "v=0 answer"}}));
+  hub().Closed(viewer);
+  EXPECT_EQ(Only(host), (Json{{"type", "peer-gone"}, {"peer", peer}}));
+  EXPECT_EQ(hub().statistics().relayed, 2u);
+  EXPECT_EQ(hub().statistics().viewers, 0u);
+}
+
+TEST_F(SignalHubTest, AViewerWithoutIdentityIsAnnouncedWithoutNames) {
+  const auto host = Host();
+  router_.Take(host);
+  const auto viewer = Open();
+  Say(viewer, {{"type", "join"}, {"token", "TOKEN1"}, {"displayName", "Mallory"}});
+  const auto announced = Only(host);
+  EXPECT_FALSE(announced.contains("identity"));
+  EXPECT_FALSE(announced.contains("displayName"));
+}
+
+TEST_F(SignalHubTest, AnotherSecretIsRefusedAndTheSameOneTakesTheTokenOver) {
+  const auto host = Host("TOKEN1", "right");
+  router_.Take(host);
+  const auto viewer = Join();
+  const std::string peer = PeerAnnouncedTo(host);
+
+  const auto thief = Host("TOKEN1", "wrong");
+  EXPECT_EQ(Only(thief)["type"], "error");
+  EXPECT_TRUE(router_.Disconnected(thief));
+  EXPECT_FALSE(router_.Disconnected(host));
+
+  const auto again = Host("TOKEN1", "right");
+  const auto messages = router_.Take(again);
+  ASSERT_EQ(messages.size(), 2u);
+  EXPECT_EQ(messages[0]["type"], "hosting");
+  EXPECT_EQ(messages[1], (Json{{"type", "peer"}, {"peer", peer}})) << "waiting viewers announced again";
+  EXPECT_TRUE(router_.Disconnected(host)) << "the old connection is closed";
+  EXPECT_TRUE(router_.Take(viewer).size() == 1u) << "the viewer was told joined once, at its join";
+  hub().Closed(host);  // The old connection's end changes nothing for the new one.
+  Say(again, {{"type", "offer"}, {"peer", peer}, {"sdp", "x"}});
+  EXPECT_EQ(Only(viewer)["type"], "offer");
+}
+
+TEST_F(SignalHubTest, ViewersWaitForAHostThatRestartsWithinTheGrace) {
+  const auto viewer = Join();
+  EXPECT_TRUE(router_.Take(viewer).empty()) << "no joined without a host";
+  now_ += 20s;
+  hub().Sweep(now_);
+  EXPECT_FALSE(router_.Disconnected(viewer));
+  const auto host = Host();
+  EXPECT_EQ(Only(viewer)["type"], "joined");
+  const auto messages = router_.Take(host);
+  ASSERT_EQ(messages.size(), 2u);
+  EXPECT_EQ(messages[1]["type"], "peer");
+
+  // The host goes away: its viewer waits again, then is told when the grace runs out.
+  hub().Closed(host);
+  now_ += 29s;
+  hub().Sweep(now_);
+  EXPECT_FALSE(router_.Disconnected(viewer));
+  now_ += 2s;
+  hub().Sweep(now_);
+  EXPECT_EQ(Only(viewer), Json::parse(R"({"type":"error","reason":"the host is not there"})"));
+  EXPECT_TRUE(router_.Disconnected(viewer));
+  EXPECT_EQ(hub().statistics().tokens, 0u);
+}
+
+TEST_F(SignalHubTest, DenyEndsThatViewerOnly) {
+  const auto host = Host();
+  router_.Take(host);
+  const auto first = Join();
+  const std::string first_peer = PeerAnnouncedTo(host);
+  const auto second = Join();
+  PeerAnnouncedTo(host);
+  Say(host, {{"type", "deny"}, {"peer", first_peer}});
+  const auto messages = router_.Take(first);
+  ASSERT_EQ(messages.size(), 2u);
+  EXPECT_EQ(messages[1], Json::parse(R"({"type":"error","reason":"the host said no"})"));
+  EXPECT_TRUE(router_.Disconnected(first));
+  EXPECT_FALSE(router_.Disconnected(second));
+  hub().Closed(first);
+  EXPECT_TRUE(router_.Take(host).empty()) << "no peer-gone for a viewer the host sent away";
+}
+
+TEST_F(SignalHubTest, AHostCannotReachAnotherHostsViewers) {
+  const auto host = Host("TOKEN1");
+  const auto other = Host("TOKEN2", "other");
+  router_.Take(host);
+  router_.Take(other);
+  const auto viewer = Join("TOKEN1");
+  router_.Take(viewer);
+  const std::string peer = PeerAnnouncedTo(host);
+  Say(other, {{"type", "offer"}, {"peer", peer}, {"sdp", "spoof"}});
+  Say(other, {{"type", "deny"}, {"peer", peer}});
+  EXPECT_TRUE(router_.Take(viewer).empty());
+  EXPECT_FALSE(router_.Disconnected(viewer));
+}
+
+TEST_F(SignalHubTest, MalformedMessagesAreAnsweredWithErrorAndClosed) {
+  for (const std::string text : {"not json", "[1]", "{\"type\":5}", "{\"type\":\"host\",\"token\":7}",
+                                 "{\"type\":\"join\",\"token\":\"T\",\"identity\":[]}",
+                                 "{\"type\":\"host\",\"token\":\"T\",\"secret\":\"s\",\"media\":3}"}) {
+    const auto id = Open();
+    hub().Received(id, text, now_);
+    EXPECT_EQ(Only(id), Json::parse(R"({"type":"error","reason":"malformed message"})")) << text;
+    EXPECT_TRUE(router_.Disconnected(id)) << text;
+  }
+  const auto binary = Open();
+  hub().ReceivedBinary(binary);
+  EXPECT_TRUE(router_.Disconnected(binary));
+}
+
+TEST_F(SignalHubTest, BadTokensAndRolesAreRefused) {
+  const auto spaced = Open();
+  Say(spaced, {{"type", "host"}, {"token", "has space"}, {"secret", "s"}});
+  EXPECT_EQ(Only(spaced)["reason"], "bad token");
+  const auto long_token = Open();
+  Say(long_token, {{"type", "join"}, {"token", std::string(65, 'A')}});
+  EXPECT_EQ(Only(long_token)["reason"], "bad token");
+  const auto no_secret = Open();
+  Say(no_secret, {{"type", "host"}, {"token", "T"}});
+  EXPECT_EQ(Only(no_secret)["reason"], "bad secret");
+  const auto early = Open();
+  Say(early, {{"type", "answer"}, {"sdp", "x"}});
+  EXPECT_EQ(Only(early)["reason"], "register first");
+  const auto twice = Join("A");
+  Say(twice, {{"type", "join"}, {"token", "B"}});
+  EXPECT_EQ(Only(twice)["reason"], "one token per viewer connection");
+}
+
+TEST_F(SignalHubTest, ViewersPerTokenAreCapped) {
+  limits_.max_viewers_per_token = 3;
+  const auto host = Host();
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(router_.Disconnected(Join()));
+  const auto fourth = Join();
+  EXPECT_EQ(Only(fourth)["reason"], "too many viewers");
+  EXPECT_TRUE(router_.Disconnected(fourth));
+  EXPECT_EQ(router_.Take(host).size(), 4u) << "hosting and three peers";
+}
+
+TEST_F(SignalHubTest, TokensPerConnectionAreCapped) {
+  limits_.max_tokens_per_connection = 2;
+  const auto host = Open();
+  Say(host, {{"type", "host"}, {"token", "A"}, {"secret", "s"}});
+  Say(host, {{"type", "host"}, {"token", "B"}, {"secret", "s"}});
+  Say(host, {{"type", "host"}, {"token", "A"}, {"secret", "s"}});  // Again: not a new token.
+  EXPECT_FALSE(router_.Disconnected(host));
+  Say(host, {{"type", "host"}, {"token", "C"}, {"secret", "s"}});
+  EXPECT_EQ(router_.Take(host).back()["reason"], "too many tokens on one connection");
+  EXPECT_TRUE(router_.Disconnected(host));
+}
+
+TEST_F(SignalHubTest, MessagesBeyondTheRateAreRefused) {
+  limits_.messages_per_second = 10;
+  limits_.message_burst = 20;
+  const auto viewer = Join();
+  for (int i = 1; i < 20; ++i) Say(viewer, {{"type", "answer"}, {"sdp", "x"}});
+  EXPECT_FALSE(router_.Disconnected(viewer)) << "the burst is allowed";
+  Say(viewer, {{"type", "answer"}, {"sdp", "x"}});
+  EXPECT_TRUE(router_.Disconnected(viewer));
+  EXPECT_EQ(router_.Take(viewer).back()["reason"], "too many messages");
+
+  // At the sustained rate a connection goes on for ever.
+  const auto steady = Join();
+  for (int i = 0; i < 200; ++i) {
+    now_ += 100ms;
+    Say(steady, {{"type", "answer"}, {"sdp", "x"}});
+  }
+  EXPECT_FALSE(router_.Disconnected(steady));
+}
+
+TEST_F(SignalHubTest, AConnectionThatDoesNotRegisterIsEnded) {
+  limits_.register_within = 10s;
+  const auto silent = Open();
+  const auto host = Host();
+  now_ += 9s;
+  hub().Sweep(now_);
+  EXPECT_FALSE(router_.Disconnected(silent));
+  now_ += 1s;
+  hub().Sweep(now_);
+  EXPECT_EQ(Only(silent)["reason"], "no registration");
+  EXPECT_TRUE(router_.Disconnected(silent));
+  EXPECT_FALSE(router_.Disconnected(host));
+}
+
+TEST_F(SignalHubTest, UnknownTypesAreIgnored) {
+  const auto host = Host();
+  router_.Take(host);
+  Say(host, {{"type", "ping"}});
+  EXPECT_TRUE(router_.Take(host).empty());
+  EXPECT_FALSE(router_.Disconnected(host));
+}
+
+TEST(SameSecret, ComparesWholeTexts) {
+  EXPECT_TRUE(SameSecret("abc", "abc"));
+  EXPECT_TRUE(SameSecret("", ""));
+  EXPECT_FALSE(SameSecret("abc", "abd"));
+  EXPECT_FALSE(SameSecret("abc", "abcd"));
+  EXPECT_FALSE(SameSecret("abc", "ab"));
+  EXPECT_FALSE(SameSecret(std::string("a\0", 2), "a"));
+}
+
+}  // namespace
+}  // namespace mirell::signal

@@ -1,0 +1,348 @@
+// Our signal client against our signal server over real sockets, plain and TLS (with a CA and
+// certificates made at test time by the openssl command), the HTTP answers, and the server as a
+// process.
+#include "signal_server.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+#include "mirell/base/logging.h"
+#include "mirell/testsupport/subprocess.h"
+#include "mirell/testsupport/tcp_client.h"
+#include "mirell/transport/signal_client.h"
+
+namespace mirell::signal {
+namespace {
+
+using namespace std::chrono_literals;
+using transport::PeerIdentity;
+using transport::SignalClient;
+using transport::SignalConfig;
+
+// A value that a handler sets and the test waits for.
+template <typename T>
+class Latch {
+ public:
+  void Set(T value) {
+    {
+      std::lock_guard lock(mutex_);
+      value_ = std::move(value);
+    }
+    changed_.notify_all();
+  }
+  std::optional<T> Wait(std::chrono::milliseconds timeout = 10s) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, timeout, [&] { return value_.has_value(); });
+    return value_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::optional<T> value_;
+};
+
+SignalConfig HostConfig(const std::string& url) {
+  SignalConfig config;
+  config.url = url;
+  config.token = "TESTTOKEN123";
+  config.secret = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
+  config.media = transport::StreamMedia{1280, 720, 30, 6000, 48000, 2, 128, "1190"};
+  return config;
+}
+
+SignalConfig ViewerConfig(const std::string& url) {
+  SignalConfig config;
+  config.url = url;
+  config.token = "TESTTOKEN123";
+  config.identity = "usr_viewer";
+  config.display_name = "Viewer";
+  return config;
+}
+
+TEST(SignalServer, AHostAndAViewerMeetThroughIt) {
+  ServerConfig config;
+  config.listen = "127.0.0.1:0";
+  SignalServer server(config);
+  server.Start();
+  const std::string url = "ws://" + server.address() + "/signal";
+
+  auto host = transport::CreateHostSignalClient(HostConfig(url));
+  Latch<std::string> peer_seen;
+  Latch<std::string> answer_seen;
+  Latch<std::string> gone_seen;
+  Latch<bool> host_ready;
+  host->OnReady([&] { host_ready.Set(true); });
+  host->OnPeer([&](const std::string& peer, const PeerIdentity& who) {
+    peer_seen.Set(peer + " " + who.identity + " " + who.display_name);
+    host->SendOffer(peer, "v=0 offer");
+  });
+  host->OnAnswer([&](const std::string& peer, const std::string& sdp) { answer_seen.Set(peer + " " + sdp); });
+  host->OnPeerGone([&](const std::string& peer) { gone_seen.Set(peer); });
+  host->Start();
+  ASSERT_TRUE(host_ready.Wait());
+
+  auto viewer = transport::CreateViewerSignalClient(ViewerConfig(url));
+  Latch<transport::StreamMedia> media_seen;
+  viewer->OnMedia([&](const transport::StreamMedia& media) { media_seen.Set(media); });
+  viewer->OnOffer([&](const std::string& sdp) { viewer->SendAnswer("answer to " + sdp); });
+  viewer->Start();
+
+  const auto media = media_seen.Wait();
+  ASSERT_TRUE(media.has_value());
+  EXPECT_EQ(media->width, 1280u);
+  EXPECT_EQ(media->audio_config, "1190");
+  const auto peer = peer_seen.Wait();
+  ASSERT_TRUE(peer.has_value());
+  const std::string peer_id = peer->substr(0, peer->find(' '));
+  EXPECT_EQ(*peer, peer_id + " usr_viewer Viewer");
+  EXPECT_EQ(answer_seen.Wait(), peer_id + " answer to v=0 offer");
+
+  viewer->Stop();
+  EXPECT_EQ(gone_seen.Wait(), peer_id);
+  const auto statistics = server.statistics();
+  EXPECT_EQ(statistics.relayed, 2u);
+  EXPECT_EQ(statistics.viewers, 0u);
+  host->Stop();
+  server.Stop();
+}
+
+TEST(SignalServer, AWrongSecretIsRefusedAndTheClientStopsTrying) {
+  ServerConfig config;
+  config.listen = "127.0.0.1:0";
+  SignalServer server(config);
+  server.Start();
+  const std::string url = "ws://" + server.address() + "/signal";
+  auto owner = transport::CreateHostSignalClient(HostConfig(url));
+  Latch<bool> ready;
+  owner->OnReady([&] { ready.Set(true); });
+  owner->Start();
+  ASSERT_TRUE(ready.Wait());
+
+  auto other_config = HostConfig(url);
+  other_config.secret = "ANOTHERSECRETANOTHERSECRETANOTHE";
+  auto other = transport::CreateHostSignalClient(other_config);
+  Latch<std::string> refused;
+  other->OnRefused([&](const std::string& reason) { refused.Set(reason); });
+  other->Start();
+  EXPECT_EQ(refused.Wait(), "token taken");
+  std::this_thread::sleep_for(700ms);
+  EXPECT_EQ(other->reconnects(), 0u);
+  EXPECT_TRUE(owner->connected());
+}
+
+TEST(SignalServer, AnOversizedMessageEndsItsConnection) {
+  ServerConfig config;
+  config.listen = "127.0.0.1:0";
+  config.max_message_bytes = 4096;
+  SignalServer server(config);
+  server.Start();
+  auto viewer = transport::CreateViewerSignalClient(ViewerConfig("ws://" + server.address() + "/signal"));
+  viewer->Start();
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while (server.statistics().viewers == 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(10ms);
+  }
+  ASSERT_EQ(server.statistics().viewers, 1u);
+  // The viewer waits for a host; its answer is larger than the server takes.
+  while (!viewer->SendAnswer(std::string(8192, 'x')) && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(10ms);
+  }
+  while (viewer->reconnects() == 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_GE(viewer->reconnects(), 1u) << "the server should have ended the connection";
+}
+
+TEST(SignalServer, PlainRequestsGetThePageTheReleaseOrAStatus) {
+  ServerConfig config;
+  config.listen = "127.0.0.1:0";
+  config.latest = LatestRelease{"0.2.0", "https://mirell.example/download"};
+  SignalServer server(config);
+  server.Start();
+  const std::string page =
+      testsupport::ExchangeOnce(server.port(), "GET /s/ABCDEFGHJKMN HTTP/1.1\r\nHost: x\r\n\r\n");
+  EXPECT_EQ(page.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << page;
+  EXPECT_NE(page.find("Content-Type: text/html; charset=utf-8\r\n"), std::string::npos);
+  EXPECT_NE(page.find("VRChat video player"), std::string::npos);
+  const std::string latest = testsupport::ExchangeOnce(server.port(), "GET /latest HTTP/1.1\r\nHost: x\r\n\r\n");
+  EXPECT_NE(latest.find("Content-Type: application/json"), std::string::npos);
+  EXPECT_NE(latest.find(R"({"url":"https://mirell.example/download","version":"0.2.0"})"), std::string::npos) << latest;
+  EXPECT_EQ(testsupport::ExchangeOnce(server.port(), "GET /nothing HTTP/1.1\r\nHost: x\r\n\r\n")
+                .rfind("HTTP/1.1 404 Not Found\r\n", 0),
+            0u);
+}
+
+TEST(SignalServer, ConnectionsBeyondTheLimitAreClosedAtOnce) {
+  ServerConfig config;
+  config.listen = "127.0.0.1:0";
+  config.max_connections = 3;
+  SignalServer server(config);
+  server.Start();
+  std::vector<std::unique_ptr<testsupport::TcpClient>> held;
+  for (int i = 0; i < 3; ++i) held.push_back(std::make_unique<testsupport::TcpClient>(server.port()));
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while (server.open_connections() < 3 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(10ms);
+  }
+  ASSERT_EQ(server.open_connections(), 3u);
+  testsupport::TcpClient extra(server.port());
+  extra.Send("GET /s/A HTTP/1.1\r\nHost: x\r\n\r\n");
+  EXPECT_EQ(extra.ReadToEnd(2s), "");
+  EXPECT_TRUE(extra.closed_by_peer());
+  held.clear();
+  while (server.open_connections() >= 3 && std::chrono::steady_clock::now() < deadline + 5s) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_NE(testsupport::ExchangeOnce(server.port(), "GET /s/A HTTP/1.1\r\nHost: x\r\n\r\n").find("200 OK"),
+            std::string::npos);
+}
+
+// A CA, and server certificates for "localhost" and for another name, made with openssl.
+class TestCertificates {
+ public:
+  TestCertificates() {
+    const auto run = [](const std::vector<std::string>& argv) {
+      const auto result = testsupport::RunProcess(argv);
+      ASSERT_EQ(result.exit_code, 0) << result.err;
+    };
+    const auto at = [this](const char* name) { return (dir_.path() / name).string(); };
+    run({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=Mirell Test CA",
+         "-keyout", at("ca.key"), "-out", at("ca.pem")});
+    for (const auto& [name, san] : {std::pair<std::string, std::string>{"localhost", "DNS:localhost,IP:127.0.0.1"},
+                                    {"other", "DNS:other.example"}}) {
+      run({"openssl", "req", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=" + name, "-keyout",
+           at((name + ".key").c_str()), "-out", at((name + ".csr").c_str())});
+      std::ofstream(at((name + ".ext").c_str())) << "subjectAltName=" << san << "\n";
+      run({"openssl", "x509", "-req", "-in", at((name + ".csr").c_str()), "-CA", at("ca.pem"), "-CAkey",
+           at("ca.key"), "-CAcreateserial", "-days", "2", "-extfile", at((name + ".ext").c_str()), "-out",
+           at((name + ".pem").c_str())});
+    }
+  }
+  std::string Path(const std::string& name) const { return (dir_.path() / name).string(); }
+
+ private:
+  testsupport::TempDir dir_;
+};
+
+class SignalServerTls : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (!testsupport::HaveProgram("openssl")) return;
+    certificates_ = new TestCertificates();
+  }
+  static void TearDownTestSuite() {
+    delete certificates_;
+    certificates_ = nullptr;
+    unsetenv("SSL_CERT_FILE");
+  }
+  void SetUp() override {
+    if (certificates_ == nullptr) GTEST_SKIP() << "needs the openssl command";
+    ASSERT_TRUE(SetLogFile(log_dir_.path() / "log"));
+    SetLogLevel(LogLevel::kDebug);
+  }
+  void TearDown() override { SetLogLevel(LogLevel::kInfo); }
+
+  std::unique_ptr<SignalServer> StartServer(const std::string& name) {
+    ServerConfig config;
+    config.listen = "127.0.0.1:0";
+    if (!name.empty()) {
+      config.tls_cert = certificates_->Path(name + ".pem");
+      config.tls_key = certificates_->Path(name + ".key");
+    }
+    auto server = std::make_unique<SignalServer>(config);
+    server->Start();
+    return server;
+  }
+
+  // Whether a host registers through `url` within a few seconds.
+  static bool Registers(const std::string& url) {
+    auto host = transport::CreateHostSignalClient(HostConfig(url));
+    Latch<bool> ready;
+    host->OnReady([&] { ready.Set(true); });
+    host->Start();
+    return ready.Wait(3s).has_value();
+  }
+  std::string log() { return testsupport::ReadFileText(log_dir_.path() / "log"); }
+
+  static TestCertificates* certificates_;
+  testsupport::TempDir log_dir_;
+};
+
+TestCertificates* SignalServerTls::certificates_ = nullptr;
+
+TEST_F(SignalServerTls, ACertificateOfATrustedCaForTheHostIsAccepted) {
+  setenv("SSL_CERT_FILE", certificates_->Path("ca.pem").c_str(), 1);
+  const auto server = StartServer("localhost");
+  EXPECT_TRUE(Registers("wss://localhost:" + std::to_string(server->port()) + "/signal")) << log();
+  EXPECT_TRUE(Registers("wss://127.0.0.1:" + std::to_string(server->port()) + "/signal")) << log();
+  const std::string page = testsupport::ExchangeOnce(server->port(), "GET /s/A HTTP/1.1\r\n\r\n", 1s);
+  EXPECT_EQ(page.find("200 OK"), std::string::npos) << "plain HTTP on a TLS port";
+}
+
+TEST_F(SignalServerTls, ACertificateForAnotherNameIsRefused) {
+  setenv("SSL_CERT_FILE", certificates_->Path("ca.pem").c_str(), 1);
+  const auto server = StartServer("other");
+  EXPECT_FALSE(Registers("wss://localhost:" + std::to_string(server->port()) + "/signal"));
+  EXPECT_NE(log().find("socket error: "), std::string::npos);
+}
+
+TEST_F(SignalServerTls, ACertificateOfAnUntrustedCaIsRefused) {
+  // The system's store, which does not hold the test CA.
+  unsetenv("SSL_CERT_FILE");
+  const auto server = StartServer("localhost");
+  EXPECT_FALSE(Registers("wss://localhost:" + std::to_string(server->port()) + "/signal"));
+}
+
+TEST_F(SignalServerTls, APlainServerIsRefusedForAWssUrl) {
+  setenv("SSL_CERT_FILE", certificates_->Path("ca.pem").c_str(), 1);
+  const auto server = StartServer("");
+  EXPECT_FALSE(Registers("wss://localhost:" + std::to_string(server->port()) + "/signal"));
+  EXPECT_TRUE(Registers("ws://localhost:" + std::to_string(server->port()) + "/signal"));
+}
+
+TEST(SignalServerProcess, HelpMistakesAndACleanStopOnSignals) {
+  const auto help = testsupport::RunProcess({MIRELL_SIGNAL_BINARY, "--help"});
+  EXPECT_EQ(help.exit_code, 0);
+  EXPECT_NE(help.out.find("--listen ADDRESS:PORT"), std::string::npos);
+  const auto wrong = testsupport::RunProcess({MIRELL_SIGNAL_BINARY, "--listen"});
+  EXPECT_EQ(wrong.exit_code, 2);
+  EXPECT_NE(wrong.err.find("--listen needs a value"), std::string::npos) << wrong.err;
+
+  for (const int stop : {SIGTERM, SIGINT}) {
+    testsupport::ProcessOptions options;
+    options.environment["MIRELL_LOG"] = std::nullopt;
+    const std::uint16_t port = testsupport::FreeLoopbackPort();
+    testsupport::ChildProcess process(
+        {MIRELL_SIGNAL_BINARY, "--listen", "127.0.0.1:" + std::to_string(port)}, options);
+    // Listening means the stop signals are already taken by the server's own wait.
+    bool listening = false;
+    for (int i = 0; i < 500 && !listening; ++i) {
+      try {
+        testsupport::TcpClient probe(port);
+        listening = true;
+      } catch (const std::runtime_error&) {
+        std::this_thread::sleep_for(10ms);
+      }
+    }
+    ASSERT_TRUE(listening);
+    process.Signal(stop);
+    const auto result = process.Wait(10s);
+    EXPECT_FALSE(result.timed_out);
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    EXPECT_NE(result.err.find("listening on 127.0.0.1:"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("stopping on signal " + std::to_string(stop)), std::string::npos);
+  }
+  const auto taken = testsupport::RunProcess({MIRELL_SIGNAL_BINARY, "--listen", "256.0.0.1:80"});
+  EXPECT_EQ(taken.exit_code, 1);
+  EXPECT_NE(taken.err.find("could not start: "), std::string::npos) << taken.err;
+}
+
+}  // namespace
+}  // namespace mirell::signal

@@ -1,0 +1,107 @@
+// The one WebSocket connection that a share or a watched token holds to the signal server. A host
+// registers its token and learns of viewers; a viewer joins a token. Session descriptions pass
+// through it as JSON text frames; it carries no media and never reads an SDP.
+//
+// The protocol, one JSON object per text frame, selected by "type":
+//   client -> server  "host" {token, secret, media?}   "join" {token, identity?, displayName?}
+//                     "offer" {peer, sdp}  "answer" {sdp}  "deny" {peer}
+//   server -> client  "hosting"  "joined" {media?}  "peer" {peer, identity, displayName}
+//                     "peer-gone" {peer}  "offer" {sdp}  "answer" {peer, sdp}  "error" {reason}
+// Unknown keys are ignored; a binary frame is dropped.
+//
+// Each client runs a thread of its own that opens the socket, registers on every open, and
+// reopens it when it falls: at once after a registered socket, else after 500 ms more each time,
+// at most 10 s, for as long as the client lives. An "error" from the server ends the retries.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace mirell::transport {
+
+// What a host advertises and what a viewer is told in "joined". 0 or empty: not said.
+struct StreamMedia {
+  std::uint32_t width = 0;
+  std::uint32_t height = 0;
+  std::uint32_t fps = 0;
+  std::uint32_t video_kbps = 0;
+  std::uint32_t sample_rate = 0;
+  std::uint32_t channels = 0;
+  std::uint32_t audio_kbps = 0;
+  std::string audio_config;  // Lower-case hexadecimal AudioSpecificConfig.
+};
+
+// Who a viewer says they are; both may be empty.
+struct PeerIdentity {
+  std::string identity;
+  std::string display_name;
+};
+
+struct ShareCredentials {
+  std::string token;   // 12 characters of the alphabet below.
+  std::string secret;  // 32 characters; never logged.
+};
+
+struct SignalConfig {
+  std::string url;  // "ws://" or "wss://" URL of the signal server.
+  std::string token;
+  std::string secret;        // Host only.
+  std::string identity;      // Viewer only; may be empty.
+  std::string display_name;  // Viewer only; sent only with an identity.
+  std::optional<StreamMedia> media;  // Host only.
+};
+
+// Handlers run on the socket's I/O thread, with no lock of the client held, so they may call the
+// Send operations; they must not destroy the client (mark, and let a poll do it). Set them all
+// before Start. An empty handler drops its message.
+class SignalClient {
+ public:
+  virtual ~SignalClient() = default;
+
+  // The server accepted the registration ("hosting" or "joined"); again after every reconnect.
+  virtual void OnReady(std::function<void()> handler) = 0;
+  // The server sent "error"; the client will not reconnect.
+  virtual void OnRefused(std::function<void(const std::string& reason)> handler) = 0;
+  // Host: a viewer arrived. An identity-less viewer has an empty display name too.
+  virtual void OnPeer(
+      std::function<void(const std::string& peer, const PeerIdentity& identity)> handler) = 0;
+  // Host: a viewer left.
+  virtual void OnPeerGone(std::function<void(const std::string& peer)> handler) = 0;
+  // Host: a viewer's answer.
+  virtual void OnAnswer(
+      std::function<void(const std::string& peer, const std::string& sdp)> handler) = 0;
+  // Host. Each Send returns whether the frame went to an open socket; nothing is queued for a
+  // socket that is down. Any thread.
+  virtual bool SendOffer(const std::string& peer, const std::string& sdp) = 0;
+  virtual bool SendDeny(const std::string& peer) = 0;
+  // Viewer: the host's media, told before OnReady.
+  virtual void OnMedia(std::function<void(const StreamMedia& media)> handler) = 0;
+  // Viewer: the host's offer.
+  virtual void OnOffer(std::function<void(const std::string& sdp)> handler) = 0;
+  // Viewer.
+  virtual bool SendAnswer(const std::string& sdp) = 0;
+
+  // Starts the client's thread; a second call does nothing.
+  virtual void Start() = 0;
+  // Ends the thread and closes the socket; a second call does nothing. Never from a handler.
+  virtual void Stop() = 0;
+  // True from "hosting"/"joined" until that socket ends.
+  virtual bool connected() const = 0;
+  // How many connection attempts have ended.
+  virtual std::uint64_t reconnects() const = 0;
+};
+
+// Fail a check when the token (or, for a host, the secret) is empty.
+std::unique_ptr<SignalClient> CreateHostSignalClient(const SignalConfig& config);
+std::unique_ptr<SignalClient> CreateViewerSignalClient(const SignalConfig& config);
+
+// `length` characters of "0123456789ABCDEFGHJKMNPQRSTVWXYZ" from the system's CSPRNG; fails a
+// check when the system cannot give random bytes.
+std::string RandomCrockford(std::size_t length);
+// A fresh token (12 characters, 60 bits) and secret (32 characters, 160 bits).
+ShareCredentials GenerateShareCredentials();
+
+}  // namespace mirell::transport

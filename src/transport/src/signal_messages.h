@@ -1,0 +1,46 @@
+// The signal protocol's messages as JSON text: what the client writes and how it reads what the
+// server sends. Platform-free, so that the reading can be fuzzed on its own.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "mirell/transport/signal_client.h"
+
+namespace mirell::transport {
+
+// "host" with token, secret and, when set, media (audioConfig only when non-empty).
+std::string MakeHostMessage(const SignalConfig& config);
+// "join" with token; identity when non-empty, and displayName only beside an identity.
+std::string MakeJoinMessage(const SignalConfig& config);
+std::string MakeOfferMessage(const std::string& peer, const std::string& sdp);
+std::string MakeAnswerMessage(const std::string& sdp);
+std::string MakeDenyMessage(const std::string& peer);
+
+struct ServerMessage {
+  enum class Kind { kUnparseable, kHosting, kJoined, kPeer, kPeerGone, kOffer, kAnswer, kError, kOther };
+  Kind kind = Kind::kUnparseable;
+  std::string type;                  // As sent; "" when absent.
+  std::optional<StreamMedia> media;  // "joined" with a media object.
+  std::string peer;
+  std::string sdp;
+  std::string reason;
+  PeerIdentity identity;
+};
+
+// Reads one text frame. Text that is no JSON gives kUnparseable. A root that is no object, or a
+// field of the wrong type, throws the JSON library's type error (nlohmann::json::exception),
+// which the socket's message callback logs. Missing fields take the protocol's defaults: "" for
+// strings, "unknown" for an error's reason; a name without an identity is dropped.
+ServerMessage ParseServerMessage(std::string_view text);
+
+// The media object's numbers: a non-negative integer is taken modulo 2^32, anything else is 0.
+StreamMedia ReadStreamMedia(std::string_view media_json);
+
+// The wait before the next connection attempt: none after a registered socket, else 500 ms more
+// than the last, at most 10 s.
+std::int64_t NextReconnectDelayMs(std::int64_t delay_ms, bool registered);
+
+}  // namespace mirell::transport

@@ -1,0 +1,68 @@
+#include "web_socket_url.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+
+namespace mirell::transport {
+namespace {
+
+bool StartsWithNoCase(std::string_view text, std::string_view prefix) {
+  return text.size() >= prefix.size() &&
+         std::equal(prefix.begin(), prefix.end(), text.begin(), [](char wanted, char given) {
+           return std::tolower(static_cast<unsigned char>(given)) == wanted;
+         });
+}
+
+bool ValidPort(std::string_view text) {
+  unsigned value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  return error == std::errc{} && end == text.data() + text.size() && value >= 1 && value <= 65535;
+}
+
+}  // namespace
+
+std::optional<WebSocketUrl> ParseWebSocketUrl(std::string_view url) {
+  WebSocketUrl parts;
+  if (StartsWithNoCase(url, "wss://")) {
+    parts.secure = true;
+    url.remove_prefix(6);
+  } else if (StartsWithNoCase(url, "ws://")) {
+    url.remove_prefix(5);
+  } else {
+    return std::nullopt;
+  }
+  const auto authority_end = url.find_first_of("/?#");
+  const std::string_view authority = url.substr(0, authority_end);
+  std::string_view rest = authority_end == std::string_view::npos ? std::string_view()
+                                                                  : url.substr(authority_end);
+  rest = rest.substr(0, rest.find('#'));
+  if (authority.empty() || authority.find('@') != std::string_view::npos) return std::nullopt;
+
+  std::string_view host = authority;
+  std::string_view port;
+  if (authority.front() == '[') {
+    const auto close = authority.find(']');
+    if (close == std::string_view::npos) return std::nullopt;
+    host = authority.substr(1, close - 1);
+    const auto after = authority.substr(close + 1);
+    if (!after.empty()) {
+      if (after.front() != ':') return std::nullopt;
+      port = after.substr(1);
+      if (!ValidPort(port)) return std::nullopt;
+    }
+  } else if (const auto colon = authority.rfind(':'); colon != std::string_view::npos) {
+    host = authority.substr(0, colon);
+    port = authority.substr(colon + 1);
+    if (!ValidPort(port)) return std::nullopt;
+  }
+  if (host.empty()) return std::nullopt;
+  parts.host = std::string(host);
+  parts.port = port.empty() ? (parts.secure ? "443" : "80") : std::string(port);
+  parts.host_header = std::string(authority);
+  parts.target = rest.empty() ? "/" : std::string(rest);
+  if (parts.target.front() == '?') parts.target.insert(0, "/");
+  return parts;
+}
+
+}  // namespace mirell::transport

@@ -1,0 +1,137 @@
+// The signal protocol's messages as the client writes and reads them.
+#include "signal_messages.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+namespace mirell::transport {
+namespace {
+
+using Json = nlohmann::json;
+using Kind = ServerMessage::Kind;
+
+TEST(SignalMessages, AViewerWithoutIdentitySendsNeitherIdentityNorName) {
+  SignalConfig config;
+  config.token = "ABCDEFGHJKMN";
+  config.display_name = "Someone";
+  EXPECT_EQ(Json::parse(MakeJoinMessage(config)), Json::parse(R"({"type":"join","token":"ABCDEFGHJKMN"})"));
+  config.identity = "usr_1";
+  EXPECT_EQ(Json::parse(MakeJoinMessage(config)),
+            Json::parse(R"({"type":"join","token":"ABCDEFGHJKMN","identity":"usr_1","displayName":"Someone"})"));
+  config.display_name.clear();
+  EXPECT_EQ(Json::parse(MakeJoinMessage(config)),
+            Json::parse(R"({"type":"join","token":"ABCDEFGHJKMN","identity":"usr_1"})"));
+}
+
+TEST(SignalMessages, AHostWithoutMediaSendsOnlyTokenAndSecret) {
+  SignalConfig config;
+  config.token = "T";
+  config.secret = "S";
+  EXPECT_EQ(MakeHostMessage(config), R"({"secret":"S","token":"T","type":"host"})");
+  config.media = StreamMedia{1280, 720, 30, 6000, 48000, 2, 128, ""};
+  const Json with_media = Json::parse(MakeHostMessage(config));
+  EXPECT_EQ(with_media["media"], Json::parse(R"({"width":1280,"height":720,"fps":30,"videoKbps":6000,
+                                                 "sampleRate":48000,"channels":2,"audioKbps":128})"));
+  config.media->audio_config = "1190";
+  EXPECT_EQ(Json::parse(MakeHostMessage(config))["media"]["audioConfig"], "1190");
+}
+
+TEST(SignalMessages, SendsAreCompactUtf8) {
+  EXPECT_EQ(MakeOfferMessage("p1", "v=0\r\n"), R"({"peer":"p1","sdp":"v=0\r\n","type":"offer"})");
+  EXPECT_EQ(MakeAnswerMessage("ä"), "{\"sdp\":\"\xC3\xA4\",\"type\":\"answer\"}");
+  EXPECT_EQ(MakeDenyMessage("p2"), R"({"peer":"p2","type":"deny"})");
+}
+
+TEST(SignalMessages, JoinedWithAMediaObjectTellsTheMedia) {
+  const auto message = ParseServerMessage(
+      R"({"type":"joined","media":{"width":1920,"height":1080,"fps":60,"videoKbps":8000,
+          "sampleRate":44100,"channels":1,"audioKbps":96,"audioConfig":"1208","extra":true}})");
+  EXPECT_EQ(message.kind, Kind::kJoined);
+  ASSERT_TRUE(message.media.has_value());
+  EXPECT_EQ(message.media->width, 1920u);
+  EXPECT_EQ(message.media->height, 1080u);
+  EXPECT_EQ(message.media->fps, 60u);
+  EXPECT_EQ(message.media->video_kbps, 8000u);
+  EXPECT_EQ(message.media->sample_rate, 44100u);
+  EXPECT_EQ(message.media->channels, 1u);
+  EXPECT_EQ(message.media->audio_kbps, 96u);
+  EXPECT_EQ(message.media->audio_config, "1208");
+}
+
+TEST(SignalMessages, JoinedWithMediaAStringOrMissingHasNoMedia) {
+  EXPECT_FALSE(ParseServerMessage(R"({"type":"joined","media":"big"})").media.has_value());
+  EXPECT_FALSE(ParseServerMessage(R"({"type":"joined"})").media.has_value());
+  EXPECT_EQ(ParseServerMessage(R"({"type":"joined"})").kind, Kind::kJoined);
+}
+
+TEST(SignalMessages, NumbersThatAreNoUnsignedIntegersAreZero) {
+  const auto media = ReadStreamMedia(
+      R"({"width":-1,"height":"720","fps":29.97,"videoKbps":null,"sampleRate":4294967296,
+          "channels":4294967298,"audioConfig":12})");
+  EXPECT_EQ(media.width, 0u);
+  EXPECT_EQ(media.height, 0u);
+  EXPECT_EQ(media.fps, 0u);
+  EXPECT_EQ(media.video_kbps, 0u);
+  EXPECT_EQ(media.sample_rate, 0u) << "truncated to 32 bits";
+  EXPECT_EQ(media.channels, 2u) << "truncated to 32 bits";
+  EXPECT_EQ(media.audio_kbps, 0u) << "missing";
+  EXPECT_EQ(media.audio_config, "") << "not a string";
+}
+
+TEST(SignalMessages, APeerNameWithoutIdentityIsDropped) {
+  const auto message = ParseServerMessage(R"({"type":"peer","peer":"p7","displayName":"Mallory"})");
+  EXPECT_EQ(message.kind, Kind::kPeer);
+  EXPECT_EQ(message.peer, "p7");
+  EXPECT_EQ(message.identity.identity, "");
+  EXPECT_EQ(message.identity.display_name, "");
+  const auto named = ParseServerMessage(
+      R"({"type":"peer","peer":"p8","identity":"usr_2","displayName":"Alice"})");
+  EXPECT_EQ(named.identity.identity, "usr_2");
+  EXPECT_EQ(named.identity.display_name, "Alice");
+}
+
+TEST(SignalMessages, MissingFieldsTakeTheirDefaults) {
+  EXPECT_EQ(ParseServerMessage(R"({"type":"error"})").reason, "unknown");
+  EXPECT_EQ(ParseServerMessage(R"({"type":"error","reason":"full"})").reason, "full");
+  const auto answer = ParseServerMessage(R"({"type":"answer"})");
+  EXPECT_EQ(answer.kind, Kind::kAnswer);
+  EXPECT_EQ(answer.peer, "");
+  EXPECT_EQ(answer.sdp, "");
+  EXPECT_EQ(ParseServerMessage(R"({"type":"offer","sdp":"v=0"})").sdp, "v=0");
+  EXPECT_EQ(ParseServerMessage(R"({"type":"peer-gone","peer":"p"})").kind, Kind::kPeerGone);
+  EXPECT_EQ(ParseServerMessage(R"({"type":"hosting"})").kind, Kind::kHosting);
+  const auto other = ParseServerMessage(R"({"type":"welcome"})");
+  EXPECT_EQ(other.kind, Kind::kOther);
+  EXPECT_EQ(other.type, "welcome");
+  EXPECT_EQ(ParseServerMessage(R"({})").kind, Kind::kOther);
+}
+
+TEST(SignalMessages, TextThatIsNoJsonIsUnparseable) {
+  EXPECT_EQ(ParseServerMessage("{\"type\":").kind, Kind::kUnparseable);
+  EXPECT_EQ(ParseServerMessage("").kind, Kind::kUnparseable);
+}
+
+TEST(SignalMessages, ARootThatIsNoObjectOrAFieldOfAnotherTypeThrows) {
+  EXPECT_THROW(ParseServerMessage("[1,2]"), nlohmann::json::exception);
+  EXPECT_THROW(ParseServerMessage("7"), nlohmann::json::exception);
+  EXPECT_THROW(ParseServerMessage(R"({"type":5})"), nlohmann::json::exception);
+  EXPECT_THROW(ParseServerMessage(R"({"type":"peer","peer":12})"), nlohmann::json::exception);
+  EXPECT_THROW(ParseServerMessage(R"({"type":"error","reason":null})"), nlohmann::json::exception);
+}
+
+TEST(ReconnectDelay, GrowsBy500UpToTenSecondsAndResetsAfterARegistration) {
+  std::int64_t delay = 0;
+  for (int attempt = 1; attempt <= 11; ++attempt) delay = NextReconnectDelayMs(delay, false);
+  EXPECT_EQ(delay, 5500) << "after eleven failed attempts";
+  for (int attempt = 12; attempt <= 19; ++attempt) delay = NextReconnectDelayMs(delay, false);
+  EXPECT_EQ(delay, 9500);
+  for (int attempt = 20; attempt <= 40; ++attempt) {
+    delay = NextReconnectDelayMs(delay, false);
+    EXPECT_EQ(delay, 10'000) << attempt;
+  }
+  EXPECT_EQ(NextReconnectDelayMs(delay, true), 0);
+}
+
+}  // namespace
+}  // namespace mirell::transport
