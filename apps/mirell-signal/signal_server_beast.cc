@@ -7,9 +7,8 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <boost/beast/ssl.hpp>
-#include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
+#include <boost/beast/websocket.hpp>
 
 #include <atomic>
 #include <deque>
@@ -258,7 +257,7 @@ struct SignalServer::Impl {
   }
 
   void Secure(tcp::socket socket) {
-    auto stream = std::make_shared<beast::ssl_stream<beast::tcp_stream>>(std::move(socket), *tls);
+    auto stream = std::make_shared<net::ssl::stream<beast::tcp_stream>>(std::move(socket), *tls);
     beast::get_lowest_layer(*stream).expires_after(core.config.request_limit);
     stream->async_handshake(net::ssl::stream_base::server, [this, stream](beast::error_code error) {
       if (error) {
@@ -268,7 +267,7 @@ struct SignalServer::Impl {
         core.connections.fetch_sub(1);
         return;
       }
-      std::make_shared<HttpSession<beast::ssl_stream<beast::tcp_stream>>>(std::move(*stream), core)->Run();
+      std::make_shared<HttpSession<net::ssl::stream<beast::tcp_stream>>>(std::move(*stream), core)->Run();
     });
   }
 

@@ -53,8 +53,25 @@ std::optional<std::string> ScanServiceOptions(Arguments arguments, DaemonConfig&
         {"--no-stub", false, [&](const char*) { config.install_stub = false; }},
         {"--rtsp-port", true, [&](const char* value) { config.rtsp_port = ParsePortOption(value); }},
         {"--pipe", true, [&](const char* value) { config.pipe_name = value; }},
-        {"--signal", true, [&](const char* value) { config.signal_url = value; }}});
+        {"--signal", true, [&](const char* value) {
+           config.signal_url = value;
+           // One option points at a whole deployment: its share links live on the same host.
+           const std::string prefix = DeriveSharePrefix(config.signal_url);
+           if (!prefix.empty()) config.share_prefix = prefix;
+         }}});
   return update_url;
+}
+
+std::string DeriveSharePrefix(const std::string& signal_url) {
+  const auto slashes = signal_url.find("://");
+  if (slashes == std::string::npos) return {};
+  const std::string scheme = signal_url.substr(0, slashes);
+  if (scheme != "ws" && scheme != "wss") return {};
+  const auto authority_start = slashes + 3;
+  const auto authority_end = signal_url.find_first_of("/?#", authority_start);
+  const std::string authority = signal_url.substr(authority_start, authority_end - authority_start);
+  if (authority.empty() || authority.find('@') != std::string::npos) return {};
+  return authority + "/s/";
 }
 
 std::string DeriveUpdateUrl(const std::string& signal_url) {

@@ -26,12 +26,17 @@ struct StartOptions {
 StartOptions ScanStartOptions(Arguments arguments, const DaemonConfig& defaults);
 
 // Second scan: "--update-url", "--no-stub", "--rtsp-port", "--pipe", "--signal", written into
-// `config`. Returns the update URL when "--update-url" was given at all, even empty.
+// `config`; "--signal" also moves the share prefix to the signal server's host (see
+// DeriveSharePrefix). Returns the update URL when "--update-url" was given at all, even empty.
 std::optional<std::string> ScanServiceOptions(Arguments arguments, DaemonConfig& config);
 
 // The update endpoint of a signal server: "https://" + host + "/latest" for a "wss://" URL with
 // a path behind its host; empty (no update check) for anything else.
 std::string DeriveUpdateUrl(const std::string& signal_url);
+
+// The share links of the deployment a signal server belongs to: "ws[s]://host[:port]/..." gives
+// "host[:port]/s/". Empty for a URL of another form (the built-in prefix then stays).
+std::string DeriveSharePrefix(const std::string& signal_url);
 
 // "--rtsp-port"'s value: atoi, kept in 16 bits, so 70000 is 4464 and text is 0.
 std::uint16_t ParsePortOption(const char* text);

@@ -89,6 +89,29 @@ TEST(ServiceOptions, ReadsEveryOption) {
   EXPECT_EQ(update_url, std::optional<std::string>("https://u.example/latest"));
 }
 
+TEST(ServiceOptions, TheSignalUrlMovesTheSharePrefixToItsHost) {
+  DaemonConfig config;
+  ScanServiceOptions(Args({"--signal", "wss://signal.example.org:8443/signal"}).span(), config);
+  EXPECT_EQ(config.share_prefix, "signal.example.org:8443/s/");
+  EXPECT_EQ(DeriveUpdateUrl(config.signal_url), "https://signal.example.org:8443/latest");
+  DaemonConfig plain;
+  ScanServiceOptions(Args({"--signal", "ws://127.0.0.1:8080/signal"}).span(), plain);
+  EXPECT_EQ(plain.share_prefix, "127.0.0.1:8080/s/");
+  DaemonConfig untouched;
+  ScanServiceOptions(Args({}).span(), untouched);
+  EXPECT_EQ(untouched.share_prefix, "mirell.example/s/");
+}
+
+TEST(ServiceOptions, ASignalUrlOfAnotherFormKeepsTheBuiltInPrefix) {
+  for (const char* url : {"https://host/signal", "host/signal", "wss:///signal", "wss://u@host/x", ""}) {
+    DaemonConfig config;
+    ScanServiceOptions(Args({"--signal", url}).span(), config);
+    EXPECT_EQ(config.share_prefix, "mirell.example/s/") << url;
+    EXPECT_EQ(config.signal_url, url);
+  }
+  EXPECT_EQ(DeriveSharePrefix("wss://h?x"), "h/s/");
+}
+
 TEST(ServiceOptions, EmptyUpdateUrlIsGivenAndStopsTheDerivation) {
   DaemonConfig config;
   const auto update_url = ScanServiceOptions(Args({"--update-url", ""}).span(), config);

@@ -183,6 +183,24 @@ TEST_F(UiProcess, StartsAgainAtOnceOnTheSamePortsAfterStopOrKill) {
   }
 }
 
+// "--signal" points the whole program at a self-hosted deployment, share links included.
+TEST(UiSignalOption, LinksOfTheConfiguredHostResolveAndTheBuiltInOnesPass) {
+  testsupport::TempDir home;
+  InstalledUi ui;
+  const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
+  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
+  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port),
+                        "--signal", "ws://127.0.0.1:8080/signal"},
+                       Headless(home.path()));
+  ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "listening " + pipe)) << ui.Log(rtsp_port, pipe);
+  EXPECT_EQ(ExchangeOnce(pipe_port, "RESOLVE http://127.0.0.1:8080/s/ABCDEFGHJKMN\n"),
+            "OK rtspt://127.0.0.1:" + std::to_string(rtsp_port) + "/s/ABCDEFGHJKMN\n");
+  EXPECT_EQ(ExchangeOnce(pipe_port, "RESOLVE https://mirell.example/s/ABCDEFGHJKMN\n"), "PASS\n");
+  process.Signal(SIGTERM);
+  EXPECT_EQ(process.Wait(20s).exit_code, 0);
+}
+
 // "--rtsp-port 0" binds any free port; the resolver answers the port bound, not 0.
 TEST(UiRtspPort, PortZeroIsAnsweredWithThePortBound) {
   testsupport::TempDir home;

@@ -7,6 +7,7 @@
 #include "mirell/testsupport/subprocess.h"
 
 #include "daemon_host.h"
+#include "options.h"
 #include "mirell/testsupport/tcp_client.h"
 
 namespace mirell::ui {
@@ -59,6 +60,23 @@ TEST(DaemonHostResolve, ShareLinkGetsTheLoopbackAddressAndOthersPass) {
   EXPECT_EQ(other.status, daemon::ResolveStatus::kNotOurs);
   EXPECT_EQ(other.url, "");
   EXPECT_EQ(host.Resolve("https://mirell.example/s/").status, daemon::ResolveStatus::kNotOurs);
+}
+
+// A deployment of one's own: links of the configured host resolve, the built-in host's do not.
+TEST(DaemonHostResolve, TheConfiguredSignalHostsLinksAreOursAndTheDefaultOnesAreNot) {
+  DaemonConfig config;
+  config.rtsp_port = testsupport::FreeLoopbackPort();
+  config.pipe_name = "127.0.0.1:0";
+  config.install_stub = false;
+  const char* arguments[] = {"--signal", "wss://share.example.net:8443/signal"};
+  ScanServiceOptions(Arguments(arguments, 2), config);
+  DaemonHost host(config);
+  host.Start();
+  EXPECT_EQ(host.Resolve("https://share.example.net:8443/s/ABCDEFGHJKMN").status,
+            daemon::ResolveStatus::kResolved);
+  EXPECT_EQ(host.Resolve("https://mirell.example/s/ABCDEFGHJKMN").status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(host.Resolve("https://share.example.net/s/ABCDEFGHJKMN").status, daemon::ResolveStatus::kNotOurs)
+      << "another port is another deployment";
 }
 
 TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {

@@ -7,9 +7,8 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/beast/core.hpp>
-#include <boost/beast/ssl.hpp>
-#include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
+#include <boost/beast/websocket.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -42,7 +41,7 @@ constexpr std::size_t kMaxMessageBytes = 1 << 20;
 constexpr std::size_t kMaxQueuedBytes = 4 << 20;
 
 using PlainStream = websocket::stream<beast::tcp_stream>;
-using SecureStream = websocket::stream<beast::ssl_stream<beast::tcp_stream>>;
+using SecureStream = websocket::stream<net::ssl::stream<beast::tcp_stream>>;
 
 // Everything the I/O thread touches; shared by the handle and the thread, so that a handle
 // destroyed on its own I/O thread (from a callback) leaves the thread a living object.
