@@ -1,5 +1,6 @@
 // mirell-signal: the signal server, self-hostable. Runs until SIGINT or SIGTERM.
 #include <signal.h>
+#include <sys/resource.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +27,13 @@ int main(int argc, char** argv) {
   if (options.help) {
     std::fputs(signal::ServerUsage().c_str(), stdout);
     return 0;
+  }
+
+  // Each connection holds a descriptor: allow as many as the system lets this user have.
+  rlimit descriptors{};
+  if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0 && descriptors.rlim_cur < descriptors.rlim_max) {
+    descriptors.rlim_cur = descriptors.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &descriptors);
   }
 
   // The stop signals are taken by sigwait below, on this thread, and by no other.

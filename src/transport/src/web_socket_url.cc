@@ -60,8 +60,7 @@ std::optional<WebSocketUrl> ParseWebSocketUrl(std::string_view url) {
   parts.host = std::string(host);
   parts.port = port.empty() ? (parts.secure ? "443" : "80") : std::string(port);
   parts.host_header = std::string(authority);
-  parts.target = rest.empty() ? "/" : std::string(rest);
-  if (parts.target.front() == '?') parts.target.insert(0, "/");
+  parts.target = rest.empty() || rest.front() == '?' ? "/" + std::string(rest) : std::string(rest);
   return parts;
 }
 
