@@ -66,7 +66,10 @@ class Core : public std::enable_shared_from_this<Core> {
 
   bool Send(const std::string& text) {
     if (!open_.load()) return false;
-    net::post(io_, [self = shared_from_this(), text] { self->Queue(text); });
+    // Weak: a post that never runs (the loop has ended) must not keep the core alive in a cycle.
+    net::post(io_, [weak = weak_from_this(), text] {
+      if (auto self = weak.lock()) self->Queue(text);
+    });
     return true;
   }
 
@@ -74,7 +77,9 @@ class Core : public std::enable_shared_from_this<Core> {
 
   void ForceClose() {
     closing_.store(true);
-    net::post(io_, [self = shared_from_this()] { self->CloseNow(); });
+    net::post(io_, [weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->CloseNow();
+    });
   }
 
   void ClearHandlers() {
