@@ -29,11 +29,11 @@ using transport::SignalConfig;
 template <typename T>
 class Latch {
  public:
+  // Notified under the lock: a waiter that returns and destroys the latch cannot do so while a
+  // handler's thread is still inside notify_all.
   void Set(T value) {
-    {
-      std::lock_guard lock(mutex_);
-      value_ = std::move(value);
-    }
+    std::lock_guard lock(mutex_);
+    value_ = std::move(value);
     changed_.notify_all();
   }
   std::optional<T> Wait(std::chrono::milliseconds timeout = 10s) {

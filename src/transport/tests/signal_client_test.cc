@@ -29,11 +29,10 @@ using testing::FakeSignalServer;
 // Records what the handlers saw, for waiting on from the test's thread.
 class Events {
  public:
+  // Notified under the lock, so that a test that has seen the event may end at once.
   void Add(std::string event) {
-    {
-      std::lock_guard lock(mutex_);
-      events_.push_back(std::move(event));
-    }
+    std::lock_guard lock(mutex_);
+    events_.push_back(std::move(event));
     changed_.notify_all();
   }
   bool WaitFor(const std::string& event, std::chrono::milliseconds timeout = 5s) {
