@@ -1,0 +1,17 @@
+// Knobs of the peer link that only tests turn. Process-wide; links made afterwards use them.
+#pragma once
+
+#include <chrono>
+
+namespace mirell::transport {
+
+// How long a connected peer may stay silent (no RTCP, no media) before its link reports it failed.
+// webrtcbin by itself notices a vanished peer only after a minute or more.
+inline constexpr std::chrono::milliseconds kDefaultPeerLivenessBound{10000};
+void SetPeerLivenessBound(std::chrono::milliseconds bound);
+
+// Drops every `every`-th first transmission of a video packet as it leaves for the network, as a
+// lossy path would (0: none). Retransmissions and RTCP are never dropped.
+void SetOutgoingVideoLoss(unsigned every);
+
+}  // namespace mirell::transport

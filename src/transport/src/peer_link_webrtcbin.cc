@@ -1,0 +1,804 @@
+// The peer link on GStreamer's webrtcbin. Each link is one pipeline: on the host an appsrc per
+// track into a send-only transceiver, on the viewer an appsink per track that webrtcbin opens.
+// Packets pass through unchanged; webrtcbin adds SRTP, RTCP, NACK retransmission and PLI.
+//
+// No GLib main loop runs: messages on the bus are logged and dropped by a sync handler, and
+// webrtcbin's signals arrive on its own threads. Offers and answers are made by waiting on their
+// promises from the caller's thread. webrtcbin notices a vanished peer only after a minute or
+// more, so the link keeps its own liveness: a connected peer silent for the liveness bound (no
+// RTCP, no media) is reported failed.
+#include <gst/app/gstappsink.h>
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+#include <gst/sdp/sdp.h>
+#define GST_USE_UNSTABLE_API
+#include <gst/webrtc/nice/nice.h>
+#include <gst/webrtc/webrtc.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "gst_runtime.h"
+#include "mirell/base/logging.h"
+#include "mirell/transport/peer_link.h"
+#include "peer_link_testing.h"
+#include "peer_media_format.h"
+
+namespace mirell::transport {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr guint kReceiveLatencyMs = 50;       // 0 drops packets that come a little late.
+constexpr guint kRtcpBandwidthBits = 100000;  // Room for prompt NACKs and PLIs.
+constexpr guint kAppSrcMaxBytes = 4u << 20;   // A stalled link drops its oldest packets past this.
+
+std::atomic<std::int64_t> liveness_bound_ms{kDefaultPeerLivenessBound.count()};
+std::atomic<unsigned> outgoing_video_loss{0};
+
+std::int64_t NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
+      .count();
+}
+
+// A reply of a promise, kept with its promise; throws with the reply's error text.
+class PromiseReply {
+ public:
+  explicit PromiseReply(GstPromise* promise, const char* what) : promise_(promise) {
+    if (gst_promise_wait(promise_) != GST_PROMISE_RESULT_REPLIED) {
+      gst_promise_unref(promise_);
+      throw std::runtime_error(std::string(what) + ": no reply from webrtcbin");
+    }
+    const GstStructure* reply = gst_promise_get_reply(promise_);
+    if (reply != nullptr && gst_structure_has_field(reply, "error")) {
+      GError* error = nullptr;
+      gst_structure_get(reply, "error", G_TYPE_ERROR, &error, nullptr);
+      std::string text = std::string(what) + ": " + (error ? error->message : "failed");
+      if (error) g_error_free(error);
+      gst_promise_unref(promise_);
+      throw std::runtime_error(text);
+    }
+  }
+  ~PromiseReply() { gst_promise_unref(promise_); }
+  PromiseReply(const PromiseReply&) = delete;
+  PromiseReply& operator=(const PromiseReply&) = delete;
+
+  const GstStructure* get() const { return gst_promise_get_reply(promise_); }
+
+ private:
+  GstPromise* promise_;
+};
+
+std::string DescriptionText(const GstWebRTCSessionDescription* description) {
+  gchar* text = gst_sdp_message_as_text(description->sdp);
+  std::string result = text ? text : "";
+  g_free(text);
+  return result;
+}
+
+PeerState MapConnectionState(GstWebRTCPeerConnectionState state) {
+  switch (state) {
+    case GST_WEBRTC_PEER_CONNECTION_STATE_NEW:
+    case GST_WEBRTC_PEER_CONNECTION_STATE_CONNECTING:
+      return PeerState::kConnecting;
+    case GST_WEBRTC_PEER_CONNECTION_STATE_CONNECTED:
+      return PeerState::kConnected;
+    case GST_WEBRTC_PEER_CONNECTION_STATE_CLOSED:
+      return PeerState::kClosed;
+    default:
+      return PeerState::kFailed;
+  }
+}
+
+bool HasProperty(gpointer object, const char* name) {
+  return g_object_class_find_property(G_OBJECT_GET_CLASS(object), name) != nullptr;
+}
+
+const char* FactoryName(GstElement* element) {
+  GstElementFactory* factory = gst_element_get_factory(element);
+  return factory ? GST_OBJECT_NAME(factory) : "";
+}
+
+GstCaps* TrackCaps(bool video, const OfferMedia& media) {
+  if (video) {
+    return gst_caps_new_simple(
+        "application/x-rtp", "media", G_TYPE_STRING, "video", "encoding-name", G_TYPE_STRING,
+        "H264", "payload", G_TYPE_INT, static_cast<int>(media.video_payload_type), "clock-rate",
+        G_TYPE_INT, 90000, "ssrc", G_TYPE_UINT, kVideoSsrc, "profile-level-id", G_TYPE_STRING,
+        "42e01f", "packetization-mode", G_TYPE_STRING, "1", "level-asymmetry-allowed",
+        G_TYPE_STRING, "1", "a-mid", G_TYPE_STRING, std::string(kVideoMid).c_str(), nullptr);
+  }
+  GstCaps* caps = gst_caps_new_simple(
+      "application/x-rtp", "media", G_TYPE_STRING, "audio", "encoding-name", G_TYPE_STRING,
+      "MPEG4-GENERIC", "payload", G_TYPE_INT, static_cast<int>(media.audio_payload_type),
+      "clock-rate", G_TYPE_INT, static_cast<int>(media.sample_rate), "encoding-params",
+      G_TYPE_STRING, std::to_string(media.channels).c_str(), "ssrc", G_TYPE_UINT, kAudioSsrc,
+      "a-mid", G_TYPE_STRING, std::string(kAudioMid).c_str(), nullptr);
+  // Every format parameter as a string field, as the SDP carries it.
+  std::string parameters = AudioFormatParameters(media);
+  GstStructure* structure = gst_caps_get_structure(caps, 0);
+  std::size_t at = 0;
+  while (at < parameters.size()) {
+    std::size_t end = parameters.find(';', at);
+    if (end == std::string::npos) end = parameters.size();
+    std::string pair = parameters.substr(at, end - at);
+    std::size_t equals = pair.find('=');
+    if (equals != std::string::npos) {
+      gst_structure_set(structure, pair.substr(0, equals).c_str(), G_TYPE_STRING,
+                        pair.substr(equals + 1).c_str(), nullptr);
+    }
+    at = end + 1;
+  }
+  return caps;
+}
+
+class Link final : public PeerLink {
+ public:
+  Link(const PeerConfig& config, bool offerer);
+  ~Link() override;
+  Link(const Link&) = delete;
+  Link& operator=(const Link&) = delete;
+
+  void AddTracksAndOffer(const OfferMedia& media);
+  // The answerer's pipeline runs from the start, ready for the offer.
+  void Start();
+
+  void OnLocalDescription(std::function<void(const std::string&)> handler) override;
+  void OnState(std::function<void(PeerState)> handler) override;
+  void OnVideo(std::function<void(ByteSpan)> handler) override;
+  void OnAudio(std::function<void(ByteSpan)> handler) override;
+  void OnKeyframeRequest(std::function<void()> handler) override;
+  void SetRemoteDescription(const std::string& sdp) override;
+  bool SendVideo(ByteSpan packet) override { return Send(video_src_, packet); }
+  bool SendAudio(ByteSpan packet) override { return Send(audio_src_, packet); }
+  bool RequestKeyframe() override;
+  PeerState state() const override { return state_.load(); }
+  std::uint32_t audio_sample_rate() const override { return audio_sample_rate_.load(); }
+  std::uint32_t audio_channels() const override { return audio_channels_.load(); }
+  void Close() override;
+
+ private:
+  struct Receiver {
+    Link* link;
+    bool video;
+  };
+
+  void ConfigureIce(const PeerConfig& config);
+  GstElement* AddSendTrack(bool video, const OfferMedia& media);
+  void SetLocalDescription(GstWebRTCSessionDescription* description);
+  bool Send(GstElement* source, ByteSpan packet);
+  void Transition(PeerState next);
+  void LogSelectedPair();
+  void Watch();
+
+  // webrtcbin's signals and the pads' callbacks.
+  static void OnConnectionState(GstElement* webrtc, GParamSpec*, gpointer self);
+  static void OnGatheringState(GstElement* webrtc, GParamSpec*, gpointer self);
+  static void OnPadAdded(GstElement* webrtc, GstPad* pad, gpointer self);
+  static void OnNewTransceiver(GstElement* webrtc, GstWebRTCRTPTransceiver* transceiver,
+                               gpointer self);
+  static void OnDeepElementAdded(GstBin*, GstBin*, GstElement* element, gpointer self);
+  static void OnSourceActive(GstElement*, guint, gpointer self);
+  static GstPadProbeReturn OnUpstreamEvent(GstPad*, GstPadProbeInfo* info, gpointer self);
+  static GstPadProbeReturn OnOutgoing(GstPad*, GstPadProbeInfo* info, gpointer self);
+  bool DropOutgoing(GstBuffer* buffer);
+  static GstFlowReturn OnSample(GstAppSink* sink, gpointer receiver);
+  static GstBusSyncReply OnBusMessage(GstBus*, GstMessage* message, gpointer);
+
+  GstElement* pipeline_ = nullptr;
+  GstElement* webrtc_ = nullptr;
+  GstElement* video_src_ = nullptr;  // Offerer only; owned by the pipeline.
+  GstElement* audio_src_ = nullptr;
+  const bool offerer_;
+  std::atomic<PeerState> state_{PeerState::kConnecting};
+  std::atomic<bool> closed_{false};
+  std::atomic<std::uint32_t> audio_sample_rate_{0};
+  std::atomic<std::uint32_t> audio_channels_{0};
+  std::atomic<std::int64_t> last_heard_ms_{0};
+  std::atomic<std::uint8_t> video_payload_type_{96};
+  std::atomic<unsigned> loss_every_{0};
+  std::atomic<std::uint64_t> outgoing_video_{0};
+  Receiver video_receiver_{this, true};
+  Receiver audio_receiver_{this, false};
+
+  mutable std::mutex lock_;  // Guards the next seven.
+  std::optional<std::string> local_description_;
+  std::function<void(const std::string&)> on_local_description_;
+  std::function<void(PeerState)> on_state_;
+  std::function<void(ByteSpan)> on_video_;
+  std::function<void(ByteSpan)> on_audio_;
+  std::function<void()> on_keyframe_request_;
+  GstPad* video_receive_pad_ = nullptr;  // A reference; the viewer's keyframe requests go up it.
+  GstWebRTCRTPTransceiver* first_transceiver_ = nullptr;  // A reference; for the selected pair.
+
+  std::mutex watch_mutex_;
+  std::condition_variable watch_wake_;
+  bool watch_stop_ = false;
+  std::thread watch_;
+};
+
+Link::Link(const PeerConfig& config, bool offerer) : offerer_(offerer) {
+  EnsureGstreamer();
+  pipeline_ = gst_pipeline_new(nullptr);
+  webrtc_ = gst_element_factory_make("webrtcbin", nullptr);
+  if (pipeline_ == nullptr || webrtc_ == nullptr) {
+    if (webrtc_) gst_object_unref(webrtc_);
+    if (pipeline_) gst_object_unref(pipeline_);
+    throw std::runtime_error("webrtcbin could not be made");
+  }
+  g_object_set(webrtc_, "bundle-policy", GST_WEBRTC_BUNDLE_POLICY_MAX_BUNDLE, nullptr);
+  if (!offerer_) g_object_set(webrtc_, "latency", kReceiveLatencyMs, nullptr);
+  gst_bin_add(GST_BIN(pipeline_), webrtc_);
+
+  GstBus* bus = gst_element_get_bus(pipeline_);
+  gst_bus_set_sync_handler(bus, &Link::OnBusMessage, nullptr, nullptr);
+  gst_object_unref(bus);
+
+  ConfigureIce(config);
+
+  g_signal_connect(webrtc_, "notify::connection-state", G_CALLBACK(&Link::OnConnectionState), this);
+  g_signal_connect(webrtc_, "notify::ice-gathering-state", G_CALLBACK(&Link::OnGatheringState),
+                   this);
+  g_signal_connect(webrtc_, "pad-added", G_CALLBACK(&Link::OnPadAdded), this);
+  g_signal_connect(webrtc_, "on-new-transceiver", G_CALLBACK(&Link::OnNewTransceiver), this);
+  g_signal_connect(webrtc_, "deep-element-added", G_CALLBACK(&Link::OnDeepElementAdded), this);
+
+  loss_every_ = outgoing_video_loss.load();
+  watch_ = std::thread([this] { Watch(); });
+}
+
+Link::~Link() {
+  Close();
+  if (webrtc_) g_signal_handlers_disconnect_by_data(webrtc_, this);
+  gst_object_unref(pipeline_);
+}
+
+void Link::ConfigureIce(const PeerConfig& config) {
+  if (config.ice_policy == 1) {
+    LOG_INFO("ice policy=host");
+    return;
+  }
+  bool have_stun = false;
+  for (const IceServer& server : config.ice_servers) {
+    std::string description = IceServerDescription(server);
+    try {
+      IceServerUri uri = ToIceServerUri(server);
+      if (uri.turn) {
+        gboolean added = FALSE;
+        g_signal_emit_by_name(webrtc_, "add-turn-server", uri.uri.c_str(), &added);
+        if (!added) throw std::invalid_argument("the ICE agent refused it");
+      } else {
+        // webrtcbin takes a single STUN server.
+        if (have_stun) throw std::invalid_argument("only the first STUN server is used");
+        g_object_set(webrtc_, "stun-server", uri.uri.c_str(), nullptr);
+        have_stun = true;
+      }
+      LOG_INFO("ice server {}", description);
+    } catch (const std::exception& error) {
+      LOG_WARN("ignoring ice server {}: {}", description, error.what());
+    }
+  }
+  if (config.ice_policy == 2) {
+    g_object_set(webrtc_, "ice-transport-policy", GST_WEBRTC_ICE_TRANSPORT_POLICY_RELAY, nullptr);
+    LOG_INFO("ice policy=relay");
+  }
+}
+
+GstElement* Link::AddSendTrack(bool video, const OfferMedia& media) {
+  GstCaps* caps = TrackCaps(video, media);
+  GstElement* source = gst_element_factory_make("appsrc", video ? "video_src" : "audio_src");
+  if (source == nullptr) {
+    gst_caps_unref(caps);
+    throw std::runtime_error("appsrc could not be made");
+  }
+  g_object_set(source, "caps", caps, "is-live", TRUE, "format", GST_FORMAT_TIME, "do-timestamp",
+               TRUE, "max-bytes", static_cast<guint64>(kAppSrcMaxBytes), nullptr);
+  if (HasProperty(source, "leaky-type")) gst_util_set_object_arg(G_OBJECT(source), "leaky-type", "downstream");
+  gst_bin_add(GST_BIN(pipeline_), source);
+
+  GstPad* source_pad = gst_element_get_static_pad(source, "src");
+  GstPad* sink_pad = gst_element_request_pad_simple(webrtc_, "sink_%u");
+  if (sink_pad == nullptr || gst_pad_link(source_pad, sink_pad) != GST_PAD_LINK_OK) {
+    gst_object_unref(source_pad);
+    if (sink_pad) gst_object_unref(sink_pad);
+    gst_caps_unref(caps);
+    throw std::runtime_error("a track could not be linked into webrtcbin");
+  }
+  if (video) {
+    gst_pad_add_probe(source_pad, GST_PAD_PROBE_TYPE_EVENT_UPSTREAM, &Link::OnUpstreamEvent, this,
+                      nullptr);
+  }
+  GstWebRTCRTPTransceiver* transceiver = nullptr;
+  g_object_get(sink_pad, "transceiver", &transceiver, nullptr);
+  if (transceiver == nullptr) {
+    gst_object_unref(source_pad);
+    gst_object_unref(sink_pad);
+    gst_caps_unref(caps);
+    throw std::runtime_error("webrtcbin made no transceiver for a track");
+  }
+  g_object_set(transceiver, "direction", GST_WEBRTC_RTP_TRANSCEIVER_DIRECTION_SENDONLY,
+               "codec-preferences", caps, "do-nack", TRUE, nullptr);
+  {
+    std::lock_guard hold(lock_);
+    if (first_transceiver_ == nullptr) {
+      first_transceiver_ = transceiver;
+      transceiver = nullptr;
+    }
+  }
+  if (transceiver) gst_object_unref(transceiver);
+  gst_object_unref(source_pad);
+  gst_object_unref(sink_pad);
+  gst_caps_unref(caps);
+  return source;
+}
+
+void Link::AddTracksAndOffer(const OfferMedia& media) {
+  video_payload_type_ = media.video_payload_type;
+  video_src_ = AddSendTrack(true, media);
+  if (media.has_audio) {
+    audio_src_ = AddSendTrack(false, media);
+    audio_sample_rate_ = media.sample_rate;
+    audio_channels_ = media.channels;
+  }
+  Start();
+  GstWebRTCSessionDescription* offer = nullptr;
+  {
+    GstPromise* promise = gst_promise_new();
+    g_signal_emit_by_name(webrtc_, "create-offer", nullptr, promise);
+    PromiseReply reply(promise, "create-offer");
+    if (reply.get() == nullptr ||
+        !gst_structure_get(reply.get(), "offer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &offer,
+                           nullptr)) {
+      throw std::runtime_error("create-offer: no offer in the reply");
+    }
+  }
+  SetLocalDescription(offer);
+}
+
+void Link::Start() {
+  if (gst_element_set_state(pipeline_, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+    throw std::runtime_error("the link's pipeline did not start");
+  }
+}
+
+void Link::SetLocalDescription(GstWebRTCSessionDescription* description) {
+  GstPromise* promise = gst_promise_new();
+  g_signal_emit_by_name(webrtc_, "set-local-description", description, promise);
+  gst_webrtc_session_description_free(description);
+  PromiseReply reply(promise, "set-local-description");
+}
+
+void Link::OnLocalDescription(std::function<void(const std::string&)> handler) {
+  std::optional<std::string> known;
+  {
+    std::lock_guard hold(lock_);
+    on_local_description_ = handler;
+    known = local_description_;
+  }
+  if (known && handler) handler(*known);
+}
+
+void Link::OnState(std::function<void(PeerState)> handler) {
+  std::lock_guard hold(lock_);
+  on_state_ = std::move(handler);
+}
+
+void Link::OnVideo(std::function<void(ByteSpan)> handler) {
+  std::lock_guard hold(lock_);
+  on_video_ = std::move(handler);
+}
+
+void Link::OnAudio(std::function<void(ByteSpan)> handler) {
+  std::lock_guard hold(lock_);
+  on_audio_ = std::move(handler);
+}
+
+void Link::OnKeyframeRequest(std::function<void()> handler) {
+  std::lock_guard hold(lock_);
+  on_keyframe_request_ = std::move(handler);
+}
+
+void Link::SetRemoteDescription(const std::string& sdp) {
+  if (closed_) throw std::runtime_error("the link is closed");
+  GstSDPMessage* message = nullptr;
+  gst_sdp_message_new(&message);
+  if (gst_sdp_message_parse_buffer(reinterpret_cast<const guint8*>(sdp.data()),
+                                   static_cast<guint>(sdp.size()), message) != GST_SDP_OK ||
+      gst_sdp_message_medias_len(message) == 0) {
+    gst_sdp_message_free(message);
+    throw std::runtime_error("the remote description is not a session description");
+  }
+  std::optional<RemoteAudioFormat> audio;
+  try {
+    audio = ReadRemoteAudioFormat(sdp);
+  } catch (...) {
+    gst_sdp_message_free(message);
+    throw;
+  }
+  if (audio) {
+    audio_sample_rate_ = audio->sample_rate;
+    audio_channels_ = audio->channels;
+  }
+  GstWebRTCSessionDescription* description = gst_webrtc_session_description_new(
+      offerer_ ? GST_WEBRTC_SDP_TYPE_ANSWER : GST_WEBRTC_SDP_TYPE_OFFER, message);
+
+  {
+    GstPromise* promise = gst_promise_new();
+    g_signal_emit_by_name(webrtc_, "set-remote-description", description, promise);
+    gst_webrtc_session_description_free(description);
+    PromiseReply reply(promise, "set-remote-description");
+  }
+  if (offerer_) return;
+
+  // webrtcbin does not answer by itself: make the answer and apply it; gathering then runs to
+  // completion and delivers it through OnLocalDescription.
+  GstWebRTCSessionDescription* answer = nullptr;
+  {
+    GstPromise* promise = gst_promise_new();
+    g_signal_emit_by_name(webrtc_, "create-answer", nullptr, promise);
+    PromiseReply reply(promise, "create-answer");
+    if (reply.get() == nullptr ||
+        !gst_structure_get(reply.get(), "answer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &answer,
+                           nullptr)) {
+      throw std::runtime_error("create-answer: no answer in the reply");
+    }
+  }
+  SetLocalDescription(answer);
+}
+
+bool Link::Send(GstElement* source, ByteSpan packet) {
+  if (source == nullptr || packet.empty() || closed_ || state_ != PeerState::kConnected) {
+    return false;
+  }
+  GstBuffer* buffer = gst_buffer_new_memdup(packet.data(), packet.size());
+  if (buffer == nullptr) return false;
+  GstFlowReturn result = gst_app_src_push_buffer(GST_APP_SRC(source), buffer);
+  if (result != GST_FLOW_OK) {
+    LOG_DEBUG("send failed: {}", gst_flow_get_name(result));
+    return false;
+  }
+  return true;
+}
+
+bool Link::RequestKeyframe() {
+  GstPad* pad = nullptr;
+  {
+    std::lock_guard hold(lock_);
+    if (video_receive_pad_) pad = GST_PAD(gst_object_ref(video_receive_pad_));
+  }
+  if (pad == nullptr || closed_ || state_ != PeerState::kConnected) {
+    if (pad) gst_object_unref(pad);
+    return false;
+  }
+  // The force-key-unit event travels up into webrtcbin, whose RTP session sends a PLI.
+  GstStructure* structure = gst_structure_new(
+      "GstForceKeyUnit", "running-time", GST_TYPE_CLOCK_TIME, GST_CLOCK_TIME_NONE, "all-headers",
+      G_TYPE_BOOLEAN, TRUE, "count", G_TYPE_UINT, 0u, nullptr);
+  gboolean sent = gst_pad_send_event(pad, gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM, structure));
+  gst_object_unref(pad);
+  if (!sent) LOG_DEBUG("keyframe request failed: webrtcbin did not take the event");
+  return sent;
+}
+
+void Link::Close() {
+  if (closed_.exchange(true)) return;
+  {
+    std::lock_guard hold(lock_);
+    on_local_description_ = nullptr;
+    on_state_ = nullptr;
+    on_video_ = nullptr;
+    on_audio_ = nullptr;
+    on_keyframe_request_ = nullptr;
+  }
+  {
+    std::lock_guard hold(watch_mutex_);
+    watch_stop_ = true;
+  }
+  watch_wake_.notify_all();
+  if (watch_.joinable()) watch_.join();
+  // Joins every streaming thread and webrtcbin's own; the pipeline goes with the link.
+  gst_element_set_state(pipeline_, GST_STATE_NULL);
+  std::lock_guard hold(lock_);
+  if (video_receive_pad_) gst_object_unref(std::exchange(video_receive_pad_, nullptr));
+  if (first_transceiver_) gst_object_unref(std::exchange(first_transceiver_, nullptr));
+}
+
+void Link::Transition(PeerState next) {
+  PeerState current = state_.load();
+  do {
+    if (current == next || current == PeerState::kClosed) return;
+    if (current == PeerState::kFailed && next != PeerState::kClosed) return;
+    if (current == PeerState::kConnected && next == PeerState::kConnecting) return;
+  } while (!state_.compare_exchange_weak(current, next));
+  if (closed_) return;
+  LOG_INFO("{}", PeerStateWord(next));
+  if (next == PeerState::kConnected) {
+    last_heard_ms_ = NowMs();
+    LogSelectedPair();
+  }
+  std::function<void(PeerState)> handler;
+  {
+    std::lock_guard hold(lock_);
+    handler = on_state_;
+  }
+  if (handler) handler(next);
+}
+
+void Link::LogSelectedPair() {
+  GstWebRTCRTPTransceiver* transceiver = nullptr;
+  {
+    std::lock_guard hold(lock_);
+    if (first_transceiver_) {
+      transceiver = GST_WEBRTC_RTP_TRANSCEIVER(gst_object_ref(first_transceiver_));
+    }
+  }
+  if (transceiver == nullptr) return;
+  GstWebRTCRTPReceiver* receiver = nullptr;
+  GstWebRTCDTLSTransport* dtls = nullptr;
+  GstWebRTCICETransport* ice_transport = nullptr;
+  GstWebRTCICE* ice = nullptr;
+  g_object_get(transceiver, "receiver", &receiver, nullptr);
+  if (receiver) g_object_get(receiver, "transport", &dtls, nullptr);
+  if (dtls) g_object_get(dtls, "transport", &ice_transport, nullptr);
+  g_object_get(webrtc_, "ice-agent", &ice, nullptr);
+  if (ice && ice_transport && GST_IS_WEBRTC_NICE_TRANSPORT(ice_transport)) {
+    GstWebRTCICEStream* stream =
+        GST_WEBRTC_ICE_STREAM(GST_WEBRTC_NICE_TRANSPORT(ice_transport)->stream);
+    GstWebRTCICECandidateStats* local = nullptr;
+    GstWebRTCICECandidateStats* remote = nullptr;
+    if (stream && gst_webrtc_ice_get_selected_pair(ice, stream, &local, &remote) && local && remote) {
+      LOG_INFO("connected {} -> {}", CandidateTypeWord(local->type ? local->type : ""),
+               CandidateTypeWord(remote->type ? remote->type : ""));
+    }
+    if (local) gst_webrtc_ice_candidate_stats_free(local);
+    if (remote) gst_webrtc_ice_candidate_stats_free(remote);
+  }
+  if (ice) gst_object_unref(ice);
+  if (ice_transport) gst_object_unref(ice_transport);
+  if (dtls) gst_object_unref(dtls);
+  if (receiver) gst_object_unref(receiver);
+  gst_object_unref(transceiver);
+}
+
+void Link::Watch() {
+  std::unique_lock hold(watch_mutex_);
+  while (!watch_stop_) {
+    watch_wake_.wait_for(hold, std::chrono::milliseconds(250));
+    if (watch_stop_ || state_ != PeerState::kConnected) continue;
+    std::int64_t silent = NowMs() - last_heard_ms_.load();
+    if (silent >= liveness_bound_ms.load()) {
+      LOG_WARN("peer silent for {} ms, counted as gone", silent);
+      hold.unlock();
+      Transition(PeerState::kFailed);
+      hold.lock();
+    }
+  }
+}
+
+void Link::OnConnectionState(GstElement* webrtc, GParamSpec*, gpointer self) {
+  auto* link = static_cast<Link*>(self);
+  if (link->closed_) return;
+  GstWebRTCPeerConnectionState state = GST_WEBRTC_PEER_CONNECTION_STATE_NEW;
+  g_object_get(webrtc, "connection-state", &state, nullptr);
+  link->Transition(MapConnectionState(state));
+}
+
+void Link::OnGatheringState(GstElement* webrtc, GParamSpec*, gpointer self) {
+  auto* link = static_cast<Link*>(self);
+  if (link->closed_) return;
+  GstWebRTCICEGatheringState state = GST_WEBRTC_ICE_GATHERING_STATE_NEW;
+  g_object_get(webrtc, "ice-gathering-state", &state, nullptr);
+  if (state != GST_WEBRTC_ICE_GATHERING_STATE_COMPLETE) return;
+  GstWebRTCSessionDescription* description = nullptr;
+  g_object_get(webrtc, "local-description", &description, nullptr);
+  if (description == nullptr) {
+    LOG_WARN("ice gathered, no local description");
+    return;
+  }
+  std::string text = DescriptionText(description);
+  const char* type = gst_webrtc_sdp_type_to_string(description->type);
+  gst_webrtc_session_description_free(description);
+  LOG_DEBUG("gathering complete - local description is an {} with {} candidates", type,
+            CountCandidates(text));
+  std::function<void(const std::string&)> handler;
+  {
+    std::lock_guard hold(link->lock_);
+    link->local_description_ = text;
+    handler = link->on_local_description_;
+  }
+  if (handler) handler(text);
+}
+
+void Link::OnPadAdded(GstElement*, GstPad* pad, gpointer self) {
+  auto* link = static_cast<Link*>(self);
+  if (GST_PAD_DIRECTION(pad) != GST_PAD_SRC || link->closed_) return;
+  std::string mid;
+  GstWebRTCRTPTransceiver* transceiver = nullptr;
+  g_object_get(pad, "transceiver", &transceiver, nullptr);
+  if (transceiver) {
+    gchar* text = nullptr;
+    g_object_get(transceiver, "mid", &text, nullptr);
+    if (text) mid = text;
+    g_free(text);
+    gst_object_unref(transceiver);
+  }
+  bool video = mid == kVideoMid;
+  LOG_INFO("remote track '{}'", mid);
+
+  GstElement* sink = gst_element_factory_make("appsink", nullptr);
+  if (sink == nullptr) {
+    LOG_WARN("remote track '{}' dropped: appsink could not be made", mid);
+    return;
+  }
+  g_object_set(sink, "sync", FALSE, "async", FALSE, "enable-last-sample", FALSE, nullptr);
+  GstAppSinkCallbacks callbacks{};
+  callbacks.new_sample = &Link::OnSample;
+  gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks,
+                             video ? &link->video_receiver_ : &link->audio_receiver_, nullptr);
+  gst_bin_add(GST_BIN(link->pipeline_), sink);
+  GstPad* sink_pad = gst_element_get_static_pad(sink, "sink");
+  if (gst_pad_link(pad, sink_pad) != GST_PAD_LINK_OK) {
+    LOG_WARN("remote track '{}' could not be linked", mid);
+  }
+  gst_object_unref(sink_pad);
+  gst_element_sync_state_with_parent(sink);
+  if (video) {
+    std::lock_guard hold(link->lock_);
+    if (link->video_receive_pad_ == nullptr) link->video_receive_pad_ = GST_PAD(gst_object_ref(pad));
+  }
+}
+
+void Link::OnNewTransceiver(GstElement*, GstWebRTCRTPTransceiver* transceiver, gpointer self) {
+  auto* link = static_cast<Link*>(self);
+  // Off by default; without it the answer offers no NACK and lost packets stay lost.
+  g_object_set(transceiver, "do-nack", TRUE, nullptr);
+  std::lock_guard hold(link->lock_);
+  if (link->first_transceiver_ == nullptr) {
+    link->first_transceiver_ = GST_WEBRTC_RTP_TRANSCEIVER(gst_object_ref(transceiver));
+  }
+}
+
+void Link::OnDeepElementAdded(GstBin*, GstBin*, GstElement* element, gpointer self) {
+  std::string_view factory = FactoryName(element);
+  if (factory == "rtprtxsend") {
+    g_object_set(element, "max-size-packets", kNackStorePackets, nullptr);
+  } else if (factory == "rtpsession") {
+    // Without the bandwidth most NACKs expire unsent; without probation 0 the first packets of a
+    // source are held back and the first retransmission is lost.
+    g_object_set(element, "rtcp-rr-bandwidth", kRtcpBandwidthBits, "rtcp-rs-bandwidth",
+                 kRtcpBandwidthBits, "probation", 0u, nullptr);
+    g_signal_connect(element, "on-ssrc-active", G_CALLBACK(&Link::OnSourceActive), self);
+  } else if (factory == "nicesink") {
+    if (static_cast<Link*>(self)->loss_every_ > 0) {
+      GstPad* pad = gst_element_get_static_pad(element, "sink");
+      gst_pad_add_probe(pad,
+                        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER |
+                                                     GST_PAD_PROBE_TYPE_BUFFER_LIST),
+                        &Link::OnOutgoing, self, nullptr);
+      gst_object_unref(pad);
+    }
+  } else if (factory == "rtpjitterbuffer") {
+    if (HasProperty(element, "faststart-min-packets")) {
+      g_object_set(element, "faststart-min-packets", 1u, nullptr);
+    }
+  }
+}
+
+void Link::OnSourceActive(GstElement*, guint, gpointer self) {
+  static_cast<Link*>(self)->last_heard_ms_ = NowMs();
+}
+
+GstPadProbeReturn Link::OnUpstreamEvent(GstPad*, GstPadProbeInfo* info, gpointer self) {
+  auto* link = static_cast<Link*>(self);
+  GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+  if (event == nullptr || GST_EVENT_TYPE(event) != GST_EVENT_CUSTOM_UPSTREAM) return GST_PAD_PROBE_OK;
+  const GstStructure* structure = gst_event_get_structure(event);
+  if (structure == nullptr || !gst_structure_has_name(structure, "GstForceKeyUnit")) {
+    return GST_PAD_PROBE_OK;
+  }
+  std::function<void()> handler;
+  {
+    std::lock_guard hold(link->lock_);
+    handler = link->on_keyframe_request_;
+  }
+  if (handler && !link->closed_) {
+    LOG_DEBUG("remote asked for a keyframe");
+    handler();
+  }
+  return GST_PAD_PROBE_OK;
+}
+
+bool Link::DropOutgoing(GstBuffer* buffer) {
+  // SRTP leaves the RTP header in the clear: the payload type tells a first transmission of video
+  // from its retransmission (another payload type) and from RTCP (200 and up).
+  std::uint8_t header[2] = {0, 0};
+  if (gst_buffer_extract(buffer, 0, header, 2) != 2 || (header[0] & 0xC0) != 0x80) return false;
+  if ((header[1] & 0x7F) != video_payload_type_.load() || header[1] >= 200) return false;
+  return ++outgoing_video_ % loss_every_.load() == 0;
+}
+
+GstPadProbeReturn Link::OnOutgoing(GstPad*, GstPadProbeInfo* info, gpointer self) {
+  auto* link = static_cast<Link*>(self);
+  if (GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER) {
+    return link->DropOutgoing(GST_PAD_PROBE_INFO_BUFFER(info)) ? GST_PAD_PROBE_DROP
+                                                               : GST_PAD_PROBE_OK;
+  }
+  GstBufferList* list = gst_buffer_list_make_writable(GST_PAD_PROBE_INFO_BUFFER_LIST(info));
+  GST_PAD_PROBE_INFO_DATA(info) = list;
+  gst_buffer_list_foreach(
+      list,
+      [](GstBuffer** buffer, guint, gpointer data) -> gboolean {
+        if (static_cast<Link*>(data)->DropOutgoing(*buffer)) {
+          gst_buffer_unref(*buffer);
+          *buffer = nullptr;
+        }
+        return TRUE;
+      },
+      link);
+  return GST_PAD_PROBE_OK;
+}
+
+GstFlowReturn Link::OnSample(GstAppSink* sink, gpointer receiver_data) {
+  auto* receiver = static_cast<Receiver*>(receiver_data);
+  Link* link = receiver->link;
+  GstSample* sample = gst_app_sink_pull_sample(sink);
+  if (sample == nullptr) return GST_FLOW_EOS;
+  link->last_heard_ms_ = NowMs();
+  GstBuffer* buffer = gst_sample_get_buffer(sample);
+  GstMapInfo map;
+  if (buffer != nullptr && gst_buffer_map(buffer, &map, GST_MAP_READ)) {
+    // The buffer stays mapped for the handler: the one copy is the one GStreamer already made.
+    std::function<void(ByteSpan)> handler;
+    {
+      std::lock_guard hold(link->lock_);
+      handler = receiver->video ? link->on_video_ : link->on_audio_;
+    }
+    if (handler && !link->closed_) handler(ByteSpan(map.data, map.size));
+    gst_buffer_unmap(buffer, &map);
+  }
+  gst_sample_unref(sample);
+  return GST_FLOW_OK;
+}
+
+GstBusSyncReply Link::OnBusMessage(GstBus*, GstMessage* message, gpointer) {
+  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR || GST_MESSAGE_TYPE(message) == GST_MESSAGE_WARNING) {
+    GError* error = nullptr;
+    gchar* debug = nullptr;
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+      gst_message_parse_error(message, &error, &debug);
+    } else {
+      gst_message_parse_warning(message, &error, &debug);
+    }
+    LOG_WARN("rtc: {} ({})", error ? error->message : "?", debug ? debug : "");
+    if (error) g_error_free(error);
+    g_free(debug);
+  }
+  return GST_BUS_DROP;
+}
+
+}  // namespace
+
+void SetPeerLivenessBound(std::chrono::milliseconds bound) { liveness_bound_ms = bound.count(); }
+
+void SetOutgoingVideoLoss(unsigned every) { outgoing_video_loss = every; }
+
+std::unique_ptr<PeerLink> CreateOfferer(const PeerConfig& config, const OfferMedia& media) {
+  auto link = std::make_unique<Link>(config, true);
+  link->AddTracksAndOffer(media);
+  return link;
+}
+
+std::unique_ptr<PeerLink> CreateAnswerer(const PeerConfig& config) {
+  auto link = std::make_unique<Link>(config, false);
+  link->Start();
+  return link;
+}
+
+}  // namespace mirell::transport
