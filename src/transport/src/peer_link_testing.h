@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 
 namespace mirell::transport {
 
@@ -13,5 +14,7 @@ void SetPeerLivenessBound(std::chrono::milliseconds bound);
 // Drops every `every`-th first transmission of a video packet as it leaves for the network, as a
 // lossy path would (0: none). Retransmissions and RTCP are never dropped.
 void SetOutgoingVideoLoss(unsigned every);
+// How many packets that loss has dropped in this process.
+std::uint64_t OutgoingVideoDropped();
 
 }  // namespace mirell::transport

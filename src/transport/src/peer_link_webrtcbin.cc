@@ -38,10 +38,14 @@ using Clock = std::chrono::steady_clock;
 
 constexpr guint kReceiveLatencyMs = 50;       // 0 drops packets that come a little late.
 constexpr guint kRtcpBandwidthBits = 100000;  // Room for prompt NACKs and PLIs.
+// RTCP at least this often, so that the liveness bound sees a live peer many times over (RTP's
+// own minimum is 5 s).
+constexpr guint64 kRtcpMinInterval = 500 * GST_MSECOND;
 constexpr guint kAppSrcMaxBytes = 4u << 20;   // A stalled link drops its oldest packets past this.
 
 std::atomic<std::int64_t> liveness_bound_ms{kDefaultPeerLivenessBound.count()};
 std::atomic<unsigned> outgoing_video_loss{0};
+std::atomic<std::uint64_t> outgoing_video_dropped{0};
 
 std::int64_t NowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
@@ -204,6 +208,7 @@ class Link final : public PeerLink {
   std::atomic<std::int64_t> last_heard_ms_{0};
   std::atomic<std::uint8_t> video_payload_type_{96};
   std::atomic<unsigned> loss_every_{0};
+  std::int64_t liveness_bound_ms_ = 0;  // Set before the watch starts.
   std::atomic<std::uint64_t> outgoing_video_{0};
   Receiver video_receiver_{this, true};
   Receiver audio_receiver_{this, false};
@@ -251,6 +256,7 @@ Link::Link(const PeerConfig& config, bool offerer) : offerer_(offerer) {
   g_signal_connect(webrtc_, "deep-element-added", G_CALLBACK(&Link::OnDeepElementAdded), this);
 
   loss_every_ = outgoing_video_loss.load();
+  liveness_bound_ms_ = liveness_bound_ms.load();
   watch_ = std::thread([this] { Watch(); });
 }
 
@@ -573,7 +579,7 @@ void Link::Watch() {
     watch_wake_.wait_for(hold, std::chrono::milliseconds(250));
     if (watch_stop_ || state_ != PeerState::kConnected) continue;
     std::int64_t silent = NowMs() - last_heard_ms_.load();
-    if (silent >= liveness_bound_ms.load()) {
+    if (silent >= liveness_bound_ms_) {
       LOG_WARN("peer silent for {} ms, counted as gone", silent);
       hold.unlock();
       Transition(PeerState::kFailed);
@@ -673,7 +679,8 @@ void Link::OnDeepElementAdded(GstBin*, GstBin*, GstElement* element, gpointer se
     // Without the bandwidth most NACKs expire unsent; without probation 0 the first packets of a
     // source are held back and the first retransmission is lost.
     g_object_set(element, "rtcp-rr-bandwidth", kRtcpBandwidthBits, "rtcp-rs-bandwidth",
-                 kRtcpBandwidthBits, "probation", 0u, nullptr);
+                 kRtcpBandwidthBits, "probation", 0u, "rtcp-min-interval", kRtcpMinInterval,
+                 nullptr);
     g_signal_connect(element, "on-ssrc-active", G_CALLBACK(&Link::OnSourceActive), self);
   } else if (factory == "nicesink") {
     if (static_cast<Link*>(self)->loss_every_ > 0) {
@@ -721,7 +728,9 @@ bool Link::DropOutgoing(GstBuffer* buffer) {
   std::uint8_t header[2] = {0, 0};
   if (gst_buffer_extract(buffer, 0, header, 2) != 2 || (header[0] & 0xC0) != 0x80) return false;
   if ((header[1] & 0x7F) != video_payload_type_.load() || header[1] >= 200) return false;
-  return ++outgoing_video_ % loss_every_.load() == 0;
+  if (++outgoing_video_ % loss_every_.load() != 0) return false;
+  ++outgoing_video_dropped;
+  return true;
 }
 
 GstPadProbeReturn Link::OnOutgoing(GstPad*, GstPadProbeInfo* info, gpointer self) {
@@ -788,6 +797,8 @@ GstBusSyncReply Link::OnBusMessage(GstBus*, GstMessage* message, gpointer) {
 void SetPeerLivenessBound(std::chrono::milliseconds bound) { liveness_bound_ms = bound.count(); }
 
 void SetOutgoingVideoLoss(unsigned every) { outgoing_video_loss = every; }
+
+std::uint64_t OutgoingVideoDropped() { return outgoing_video_dropped.load(); }
 
 std::unique_ptr<PeerLink> CreateOfferer(const PeerConfig& config, const OfferMedia& media) {
   auto link = std::make_unique<Link>(config, true);
