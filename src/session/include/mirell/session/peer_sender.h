@@ -1,0 +1,66 @@
+// One viewer's media: a thread of its own that reads the share's two buses, packetizes each unit
+// with packetizers of its own and hands the packets to the viewer's peer link. The units are
+// shared by every viewer; only packetizing and sending are per viewer, so one encoder serves any
+// number of senders, and a slow viewer loses frames without holding up anybody else.
+//
+// RTP time 0 of both tracks is the first video frame this viewer gets; audio is placed against
+// it on its own clock. A sender never asks for a keyframe: its subscription starts at the next
+// one, and the viewer's own requests reach the encoder through the link.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+#include <vector>
+
+#include "mirell/daemon/audio_bus.h"
+#include "mirell/daemon/frame_bus.h"
+#include "mirell/media/aac_rtp.h"
+#include "mirell/media/h264_rtp.h"
+#include "mirell/transport/peer_link.h"
+
+namespace mirell::session {
+
+class PeerSender {
+ public:
+  // `audio` may be null: video only. `audio_clock` is the audio RTP clock in Hz.
+  PeerSender(transport::PeerLink* link, daemon::FrameBus* frames, daemon::AudioBus* audio,
+             unsigned audio_clock);
+  ~PeerSender();
+  PeerSender(const PeerSender&) = delete;
+  PeerSender& operator=(const PeerSender&) = delete;
+
+  void Start();
+  // Joins the thread and logs the totals; a second call does nothing. Not from the thread itself.
+  void Stop();
+
+  std::uint64_t frames_sent() const { return frames_sent_.load(); }
+  std::uint64_t units_sent() const { return units_sent_.load(); }
+  std::uint64_t bytes_sent() const { return bytes_sent_.load(); }
+
+  // 100-nanosecond units from the base to the audio clock, rounded to nearest.
+  static std::int64_t AudioRtpTime(std::int64_t t, std::int64_t base, unsigned clock);
+  // 100-nanosecond units from the base to 90 kHz, rounded to nearest on either side of it.
+  static std::int64_t VideoRtpTime(std::int64_t t, std::int64_t base);
+
+ private:
+  void Run();
+  void SendAudio(daemon::AudioBus::Subscription& subscription, std::int64_t base);
+  void SendVideo(const encode::EncodedFramePtr& frame, std::int64_t base);
+
+  transport::PeerLink* link_;
+  daemon::FrameBus* frames_;
+  daemon::AudioBus* audio_;
+  unsigned audio_clock_;
+  media::H264RtpPacketizer video_packetizer_;
+  media::AacRtpPacketizer audio_packetizer_;
+  std::atomic<bool> running_{false};
+  std::atomic<std::uint64_t> frames_sent_{0};
+  std::atomic<std::uint64_t> units_sent_{0};
+  std::atomic<std::uint64_t> bytes_sent_{0};
+  std::uint64_t refused_ = 0;  // The sender's thread only.
+  std::vector<media::Bytes> packets_;  // Reused across rounds.
+  std::thread thread_;
+};
+
+}  // namespace mirell::session
