@@ -6,6 +6,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "mirell/base/logging.h"
 #include "mirell/transport/peer_link.h"
@@ -13,12 +14,23 @@
 namespace mirell::transport {
 namespace {
 
+// Warnings that every healthy connection gives: the answerer makes its own transceivers for the
+// offer, and the forward-error-correction it does not use finds no decoder.
+bool IsRoutineWarning(std::string_view text) {
+  for (std::string_view routine : {"did not find compatible transceiver for offer caps",
+                                   "could not send sticky events",
+                                   "failed to match fec decoder with transceiver"}) {
+    if (text.starts_with(routine)) return true;
+  }
+  return false;
+}
+
 void LogFromGstreamer(GstDebugCategory* /*category*/, GstDebugLevel level, const gchar* /*file*/,
                       const gchar* /*function*/, gint /*line*/, GObject* /*object*/,
                       GstDebugMessage* message, gpointer /*data*/) {
   const gchar* text = gst_debug_message_get(message);
   if (text == nullptr) return;
-  if (level == GST_LEVEL_ERROR || level == GST_LEVEL_WARNING) {
+  if ((level == GST_LEVEL_ERROR || level == GST_LEVEL_WARNING) && !IsRoutineWarning(text)) {
     LOG_WARN("rtc: {}", text);
   } else {
     LOG_DEBUG("rtc: {}", text);

@@ -681,6 +681,11 @@ void Link::OnDeepElementAdded(GstBin*, GstBin*, GstElement* element, gpointer se
     g_object_set(element, "rtcp-rr-bandwidth", kRtcpBandwidthBits, "rtcp-rs-bandwidth",
                  kRtcpBandwidthBits, "probation", 0u, "rtcp-min-interval", kRtcpMinInterval,
                  nullptr);
+    // Sender reports by capture time: the send time needs the pipeline's latency, which no
+    // sink of ours ever asks for, and RTP's session warns about every packet without it.
+    if (HasProperty(element, "rtcp-sync-send-time")) {
+      g_object_set(element, "rtcp-sync-send-time", FALSE, nullptr);
+    }
     g_signal_connect(element, "on-ssrc-active", G_CALLBACK(&Link::OnSourceActive), self);
   } else if (factory == "nicesink") {
     if (static_cast<Link*>(self)->loss_every_ > 0) {

@@ -1,0 +1,56 @@
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+#include "mirell/base/logging.h"
+#include "mirell/testsupport/subprocess.h"
+#include "mirell/transport/peer_link.h"
+#include "peer_link_harness.h"
+
+namespace mirell::transport {
+namespace {
+
+using std::chrono::milliseconds;
+
+class TransportLoggingTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    InitialiseTransportLogging();
+    SetLogLevel(LogLevel::kInfo);
+    ASSERT_TRUE(SetLogFile(dir_.path() / "log"));
+  }
+  std::string Log() const { return testsupport::ReadFileText(dir_.path() / "log"); }
+  testsupport::TempDir dir_;
+};
+
+TEST_F(TransportLoggingTest, TheStacksWarningsComeIntoOurLogAndItsChatterDoesNot) {
+  GST_WARNING("a warning from the stack %d", 17);
+  GST_ERROR("an error from the stack");
+  GST_INFO("chatter");
+  std::string log = Log();
+  EXPECT_NE(log.find("warn  "), std::string::npos) << log;
+  EXPECT_NE(log.find("rtc: a warning from the stack 17"), std::string::npos) << log;
+  EXPECT_NE(log.find("rtc: an error from the stack"), std::string::npos) << log;
+  EXPECT_EQ(log.find("chatter"), std::string::npos) << log;
+}
+
+TEST_F(TransportLoggingTest, AHealthyConnectionCarryingMediaLeavesNoWarnings) {
+  {
+    testing::LinkPair pair(PeerConfig{{}, 1}, PeerConfig{{}, 1});
+    ASSERT_TRUE(pair.Connect());
+    for (std::uint16_t i = 0; i < 300; ++i) {
+      ASSERT_TRUE(pair.host->SendVideo(testing::MakeRtpPacket(96, i, i / 10 * 3000u, kVideoSsrc, 1200, i % 10 == 9)));
+      if (i % 10 == 0) {
+        ASSERT_TRUE(pair.host->SendAudio(testing::MakeRtpPacket(97, static_cast<std::uint16_t>(i / 10), i / 10 * 1600u, kAudioSsrc, 300, true)));
+      }
+    }
+    ASSERT_TRUE(pair.viewer_seen->WaitForVideo(300, milliseconds(5000)));
+    pair.host->Close();
+    pair.viewer->Close();
+  }
+  std::string log = Log();
+  EXPECT_EQ(log.find(" warn "), std::string::npos) << log;
+  EXPECT_EQ(log.find("rtc:"), std::string::npos) << log;
+}
+
+}  // namespace
+}  // namespace mirell::transport
