@@ -176,6 +176,9 @@ class Link final : public PeerLink {
 
   void ConfigureIce(const PeerConfig& config);
   GstElement* AddSendTrack(bool video, const OfferMedia& media);
+  // Runs webrtcbin's create-offer or create-answer and waits for the description.
+  GstWebRTCSessionDescription* CreateDescription(const char* action, const char* field);
+  // Applies and frees it.
   void SetLocalDescription(GstWebRTCSessionDescription* description);
   bool Send(GstElement* source, ByteSpan packet);
   void Transition(PeerState next);
@@ -354,18 +357,20 @@ void Link::AddTracksAndOffer(const OfferMedia& media) {
     audio_channels_ = media.channels;
   }
   Start();
-  GstWebRTCSessionDescription* offer = nullptr;
-  {
-    GstPromise* promise = gst_promise_new();
-    g_signal_emit_by_name(webrtc_, "create-offer", nullptr, promise);
-    PromiseReply reply(promise, "create-offer");
-    if (reply.get() == nullptr ||
-        !gst_structure_get(reply.get(), "offer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &offer,
-                           nullptr)) {
-      throw std::runtime_error("create-offer: no offer in the reply");
-    }
+  SetLocalDescription(CreateDescription("create-offer", "offer"));
+}
+
+GstWebRTCSessionDescription* Link::CreateDescription(const char* action, const char* field) {
+  GstPromise* promise = gst_promise_new();
+  g_signal_emit_by_name(webrtc_, action, nullptr, promise);
+  PromiseReply reply(promise, action);
+  GstWebRTCSessionDescription* description = nullptr;
+  if (reply.get() == nullptr ||
+      !gst_structure_get(reply.get(), field, GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &description,
+                         nullptr)) {
+    throw std::runtime_error(std::string(action) + ": no " + field + " in the reply");
   }
-  SetLocalDescription(offer);
+  return description;
 }
 
 void Link::Start() {
@@ -445,18 +450,7 @@ void Link::SetRemoteDescription(const std::string& sdp) {
 
   // webrtcbin does not answer by itself: make the answer and apply it; gathering then runs to
   // completion and delivers it through OnLocalDescription.
-  GstWebRTCSessionDescription* answer = nullptr;
-  {
-    GstPromise* promise = gst_promise_new();
-    g_signal_emit_by_name(webrtc_, "create-answer", nullptr, promise);
-    PromiseReply reply(promise, "create-answer");
-    if (reply.get() == nullptr ||
-        !gst_structure_get(reply.get(), "answer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &answer,
-                           nullptr)) {
-      throw std::runtime_error("create-answer: no answer in the reply");
-    }
-  }
-  SetLocalDescription(answer);
+  SetLocalDescription(CreateDescription("create-answer", "answer"));
 }
 
 bool Link::Send(GstElement* source, ByteSpan packet) {

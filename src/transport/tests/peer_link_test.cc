@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +11,7 @@
 #include "mirell/base/logging.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/transport/peer_link.h"
+#include "interop_support.h"
 #include "peer_link_harness.h"
 #include "peer_link_testing.h"
 
@@ -251,19 +250,6 @@ TEST_F(PeerLinkTest, LostVideoPacketsAreRecoveredByRetransmission) {
 }
 
 
-// A UDP port nothing listens on at the moment.
-int FreeUdpPort() {
-  int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  socklen_t size = sizeof address;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
-
 TEST_F(PeerLinkTest, HostPolicyIgnoresEveryServer) {
   PeerConfig config{{{"stun:127.0.0.1:3478", "", ""}, {"turn:127.0.0.1:3478", "user", "password"}}, 1};
   LinkPair pair(config, config);
@@ -293,7 +279,7 @@ TEST_F(PeerLinkTest, RefusedServersAreSkippedLoggedWithoutPasswordsAndTheLinkCom
 }
 
 TEST_F(PeerLinkTest, AStunServerThatNeverAnswersDoesNotStopAHostConnection) {
-  PeerConfig config{{{fmt::format("stun:127.0.0.1:{}", FreeUdpPort()), "", ""}}, 0};
+  PeerConfig config{{{fmt::format("stun:127.0.0.1:{}", media::testing::FreeUdpPort()), "", ""}}, 0};
   auto started = std::chrono::steady_clock::now();
   LinkPair pair(config, config);
   ASSERT_TRUE(pair.Connect(milliseconds(20000))) << Log();
@@ -306,7 +292,7 @@ TEST_F(PeerLinkTest, AStunServerThatNeverAnswersDoesNotStopAHostConnection) {
 // coturn on loopback, with one long-term credential, for as long as it lives.
 class TurnServer {
  public:
-  TurnServer() : port_(FreeUdpPort()) {
+  TurnServer() : port_(media::testing::FreeUdpPort()) {
     int relay_base = 50000 + static_cast<int>(::getpid() % 500) * 20;
     process_ = std::make_unique<testsupport::ChildProcess>(std::vector<std::string>{
         "turnserver", "-n", "--listening-ip=127.0.0.1", "--relay-ip=127.0.0.1",
