@@ -91,7 +91,8 @@ TEST_F(PeerSenderTest, ALateJoinersFirstFrameIsRtpTimeZeroAndFramesFollowOnTheCl
   frames_.Publish(Frame(kBase + 333333, false));
   ASSERT_TRUE(Eventually([&] { return sender.frames_sent() == 2; }));
   sender.Stop();
-  auto packets = Parse(link_.video());
+  const auto sent = link_.video();
+  auto packets = Parse(sent);
   ASSERT_GE(packets.size(), 2u);
   EXPECT_EQ(packets.front().timestamp, 0u);
   EXPECT_EQ(packets.back().timestamp, 3000u);
@@ -123,7 +124,8 @@ TEST_F(PeerSenderTest, AudioWaitsForTheFirstFrameAndOlderUnitsAreDiscarded) {
   frames_.Publish(Frame(kBase + 666666, false));
   ASSERT_TRUE(Eventually([&] { return sender.frames_sent() == 3; }));
   sender.Stop();
-  auto packets = Parse(link_.audio());
+  const auto sent = link_.audio();  // Parsed views point into it.
+  auto packets = Parse(sent);
   ASSERT_EQ(packets.size(), 1u);
   EXPECT_EQ(packets[0].timestamp, 1024u);
   EXPECT_EQ(packets[0].ssrc, transport::kAudioSsrc);
@@ -140,7 +142,8 @@ TEST_F(PeerSenderTest, AudioBeyondThirtyTwoUnitsBeforeTheFirstFrameIsDroppedByTh
   frames_.Publish(Frame(kBase + 333333, false));
   ASSERT_TRUE(Eventually([&] { return sender.frames_sent() == 2 && sender.units_sent() == 32; }));
   sender.Stop();
-  auto packets = Parse(link_.audio());
+  const auto sent = link_.audio();
+  auto packets = Parse(sent);
   ASSERT_EQ(packets.size(), 32u);
   EXPECT_EQ(packets.front().timestamp, 8u * 1024u);  // The oldest eight went.
 }
@@ -172,7 +175,8 @@ TEST_F(PeerSenderTest, AFrameWhosePacketsAreAllRefusedStillCounts) {
   EXPECT_NE(log.find("video track closed, refused=1"), std::string::npos) << log;
   // The first frame of all was refused, so the line about the first frame never comes.
   EXPECT_EQ(log.find("first frame packets="), std::string::npos) << log;
-  EXPECT_EQ(Parse(link_.video()).front().timestamp, 3000u);
+  const auto sent = link_.video();
+  EXPECT_EQ(Parse(sent).front().timestamp, 3000u);
 }
 
 TEST_F(PeerSenderTest, RefusalsAreLoggedAtOneThirtyAndEveryThreeHundred) {

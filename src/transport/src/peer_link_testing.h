@@ -11,6 +11,11 @@ namespace mirell::transport {
 inline constexpr std::chrono::milliseconds kDefaultPeerLivenessBound{10000};
 void SetPeerLivenessBound(std::chrono::milliseconds bound);
 
+// The viewer's jitter buffer latency; 50 ms by default. A build that runs many times slower
+// (ThreadSanitizer) needs more, or its packets count as late and are dropped.
+inline constexpr unsigned kDefaultReceiveLatencyMs = 50;
+void SetReceiveLatency(unsigned milliseconds);
+
 // Drops every `every`-th first transmission of a video packet as it leaves for the network, as a
 // lossy path would (0: none). Retransmissions and RTCP are never dropped.
 void SetOutgoingVideoLoss(unsigned every);

@@ -36,7 +36,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr guint kReceiveLatencyMs = 50;       // 0 drops packets that come a little late.
 constexpr guint kRtcpBandwidthBits = 100000;  // Room for prompt NACKs and PLIs.
 // RTCP at least this often, so that the liveness bound sees a live peer many times over (RTP's
 // own minimum is 5 s).
@@ -45,6 +44,8 @@ constexpr guint kAppSrcMaxBytes = 4u << 20;   // A stalled link drops its oldest
 
 std::atomic<std::int64_t> liveness_bound_ms{kDefaultPeerLivenessBound.count()};
 std::atomic<unsigned> outgoing_video_loss{0};
+// The viewer's jitter buffer: 0 drops packets that come a little late.
+std::atomic<unsigned> receive_latency_ms{kDefaultReceiveLatencyMs};
 std::atomic<std::uint64_t> outgoing_video_dropped{0};
 
 std::int64_t NowMs() {
@@ -242,7 +243,7 @@ Link::Link(const PeerConfig& config, bool offerer) : offerer_(offerer) {
     throw std::runtime_error("webrtcbin could not be made");
   }
   g_object_set(webrtc_, "bundle-policy", GST_WEBRTC_BUNDLE_POLICY_MAX_BUNDLE, nullptr);
-  if (!offerer_) g_object_set(webrtc_, "latency", kReceiveLatencyMs, nullptr);
+  if (!offerer_) g_object_set(webrtc_, "latency", static_cast<guint>(receive_latency_ms.load()), nullptr);
   gst_bin_add(GST_BIN(pipeline_), webrtc_);
 
   GstBus* bus = gst_element_get_bus(pipeline_);
@@ -796,6 +797,8 @@ GstBusSyncReply Link::OnBusMessage(GstBus*, GstMessage* message, gpointer) {
 void SetPeerLivenessBound(std::chrono::milliseconds bound) { liveness_bound_ms = bound.count(); }
 
 void SetOutgoingVideoLoss(unsigned every) { outgoing_video_loss = every; }
+
+void SetReceiveLatency(unsigned milliseconds) { receive_latency_ms = milliseconds; }
 
 std::uint64_t OutgoingVideoDropped() { return outgoing_video_dropped.load(); }
 

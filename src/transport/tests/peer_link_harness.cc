@@ -1,12 +1,31 @@
 #include "peer_link_harness.h"
 
+#include <gtest/gtest.h>
+
 #include <thread>
 
 #include "mirell/media/rtp.h"
+#include "peer_link_testing.h"
 
 namespace mirell::transport::testing {
+namespace {
 
-LinkObserver::LinkObserver(PeerLink& link) {
+// Under ThreadSanitizer everything runs many times slower: the viewer's jitter buffer needs room
+// for that, or it drops packets as late and the tests of delivery fail for the build's speed.
+class SlowBuildLatency : public ::testing::Environment {
+ public:
+  void SetUp() override {
+#if defined(__SANITIZE_THREAD__)
+    SetReceiveLatency(1000);
+#endif
+  }
+};
+[[maybe_unused]] ::testing::Environment* const slow_build_latency =
+    ::testing::AddGlobalTestEnvironment(new SlowBuildLatency);
+
+}  // namespace
+
+LinkObserver::LinkObserver(PeerLink& link) : link_(link) {
   link.OnState([this](PeerState state) {
     std::lock_guard hold(mutex_);
     states_.push_back(state);

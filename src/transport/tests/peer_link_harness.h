@@ -20,9 +20,13 @@ using Bytes = std::vector<std::uint8_t>;
 using std::chrono::milliseconds;
 
 // Records everything a link hands to its handlers. Set up before the link can deliver anything.
+// It closes the link when it goes, since the link's handlers point into it.
 class LinkObserver {
  public:
   explicit LinkObserver(PeerLink& link);
+  ~LinkObserver() { link_.Close(); }
+  LinkObserver(const LinkObserver&) = delete;
+  LinkObserver& operator=(const LinkObserver&) = delete;
 
   std::optional<std::string> WaitForDescription(milliseconds timeout);
   bool WaitForState(PeerState state, milliseconds timeout);
@@ -43,6 +47,7 @@ class LinkObserver {
   template <typename Predicate>
   bool WaitUntil(milliseconds timeout, Predicate done) const;
 
+  PeerLink& link_;
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
   std::optional<std::string> description_;
