@@ -70,8 +70,12 @@ void InitialiseTransportLogging() {
   std::call_once(logging_once, [] {
     // GStreamer's own default writer goes; ours takes its place. GST_DEBUG, when set, still
     // chooses what GStreamer reports.
+    // GStreamer's macros for these compare a function pointer with a void pointer.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpedantic"
     gst_debug_remove_log_function(gst_debug_log_default);
     gst_debug_add_log_function(LogFromGstreamer, nullptr, nullptr);
+#pragma GCC diagnostic pop
     if (std::getenv("GST_DEBUG") == nullptr) gst_debug_set_default_threshold(GST_LEVEL_WARNING);
   });
   EnsureGstreamer();
