@@ -1,6 +1,8 @@
 #include <gst/gst.h>
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "mirell/base/logging.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/transport/peer_link.h"
@@ -41,6 +43,7 @@ TEST_F(TransportLoggingTest, AHealthyConnectionCarryingMediaLeavesNoWarnings) {
       ASSERT_TRUE(pair.host->SendVideo(testing::MakeRtpPacket(96, i, i / 10 * 3000u, kVideoSsrc, 1200, i % 10 == 9)));
       if (i % 10 == 0) {
         ASSERT_TRUE(pair.host->SendAudio(testing::MakeRtpPacket(97, static_cast<std::uint16_t>(i / 10), i / 10 * 1600u, kAudioSsrc, 300, true)));
+        std::this_thread::sleep_for(milliseconds(10));  // Frame by frame, as a stream goes.
       }
     }
     ASSERT_TRUE(pair.viewer_seen->WaitForVideo(300, milliseconds(5000)));
