@@ -67,3 +67,17 @@ function(mirell_test name)
   endif()
   gtest_discover_tests(${name} PROPERTIES ${properties} DISCOVERY_TIMEOUT 60)
 endfunction()
+
+# mirell_fuzzer(<name> DEPS ... [INCLUDE_PRIVATE_SOURCES])
+# One libFuzzer executable <name>_fuzzer from <name>_fuzzer.cc; only the fuzz preset builds these.
+# INCLUDE_PRIVATE_SOURCES lets it reach the subsystem's private headers in ../src.
+function(mirell_fuzzer name)
+  cmake_parse_arguments(ARG "INCLUDE_PRIVATE_SOURCES" "" "DEPS" ${ARGN})
+  add_executable(${name}_fuzzer ${name}_fuzzer.cc)
+  target_link_libraries(${name}_fuzzer PRIVATE ${ARG_DEPS})
+  if(ARG_INCLUDE_PRIVATE_SOURCES)
+    target_include_directories(${name}_fuzzer PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/../src)
+  endif()
+  mirell_target_defaults(${name}_fuzzer)
+  target_link_options(${name}_fuzzer PRIVATE -fsanitize=fuzzer)
+endfunction()
