@@ -327,14 +327,21 @@ TEST(UiStartFailure, TakenEndpointShowsTheBoxAndExitsWithOne) {
 
 // With VRChat present, the stub goes in at start with the endpoint actually bound, and VRChat's
 // resolver comes back at a clean exit.
-TEST(UiStub, InstalledAtStartAndRestoredAtExit) {
+// A VRChat Tools folder in a temporary home, an installed mirell-ui with a stub beside it, and
+// free ports for its resolve endpoint and RTSP server.
+class UiStub : public ::testing::Test {
+ protected:
   testsupport::TempDir home;
-  const auto tools = MakeVrchatTools(home.path());
+  const std::filesystem::path tools = MakeVrchatTools(home.path());
   InstalledUi ui;
-  MakeTaggedFile(ui.binary().parent_path() / "mirell-stub.exe", 40'000, 'S');
   const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
   const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
   const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
+
+  UiStub() { MakeTaggedFile(ui.binary().parent_path() / "mirell-stub.exe", 40'000, 'S'); }
+};
+
+TEST_F(UiStub, InstalledAtStartAndRestoredAtExit) {
   ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)},
                        Headless(home.path()));
   ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "installed the stub into " + tools.string()))
@@ -356,14 +363,7 @@ TEST(UiStub, InstalledAtStartAndRestoredAtExit) {
 // VRChat's resolver cannot be put back at exit (here the copy's temporary file is blocked by a
 // directory, which even root cannot write over): the failure is logged, the process still ends
 // normally, the marker stays, and the next start restores.
-TEST(UiStub, ARestoreThatFailsAtExitIsLoggedAndTheNextStartRecovers) {
-  testsupport::TempDir home;
-  const auto tools = MakeVrchatTools(home.path());
-  InstalledUi ui;
-  MakeTaggedFile(ui.binary().parent_path() / "mirell-stub.exe", 40'000, 'S');
-  const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
-  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
-  const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
+TEST_F(UiStub, ARestoreThatFailsAtExitIsLoggedAndTheNextStartRecovers) {
   const std::vector<std::string> argv{ui.binary().string(), "--pipe", pipe, "--rtsp-port",
                                       std::to_string(rtsp_port)};
   {
@@ -395,14 +395,7 @@ TEST(UiStub, ARestoreThatFailsAtExitIsLoggedAndTheNextStartRecovers) {
   EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.state"));
 }
 
-TEST(UiStub, NoStubLeavesVrchatAloneAndStillServes) {
-  testsupport::TempDir home;
-  const auto tools = MakeVrchatTools(home.path());
-  InstalledUi ui;
-  MakeTaggedFile(ui.binary().parent_path() / "mirell-stub.exe", 40'000, 'S');
-  const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
-  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
-  const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
+TEST_F(UiStub, NoStubLeavesVrchatAloneAndStillServes) {
   ChildProcess process({ui.binary().string(), "--no-stub", "--pipe", pipe, "--rtsp-port",
                         std::to_string(rtsp_port)},
                        Headless(home.path()));
