@@ -44,7 +44,8 @@ constexpr guint kAppSrcMaxBytes = 4u << 20;   // A stalled link drops its oldest
 
 std::atomic<std::int64_t> liveness_bound_ms{kDefaultPeerLivenessBound.count()};
 std::atomic<unsigned> outgoing_video_loss{0};
-// The viewer's jitter buffer: 0 drops packets that come a little late.
+// The viewer's jitter buffer: 0 drops packets that come a little late; 50 ms left retransmissions
+// too little time on a loaded machine.
 std::atomic<unsigned> receive_latency_ms{kDefaultReceiveLatencyMs};
 std::atomic<std::uint64_t> outgoing_video_dropped{0};
 
