@@ -728,7 +728,7 @@ bool Link::DropOutgoing(GstBuffer* buffer) {
   // from its retransmission (another payload type) and from RTCP (200 and up).
   std::uint8_t header[2] = {0, 0};
   if (gst_buffer_extract(buffer, 0, header, 2) != 2 || (header[0] & 0xC0) != 0x80) return false;
-  if ((header[1] & 0x7F) != video_payload_type_.load() || header[1] >= 200) return false;
+  if ((header[1] & 0x7F) != video_payload_type_.load()) return false;
   if (++outgoing_video_ % loss_every_.load() != 0) return false;
   ++outgoing_video_dropped;
   return true;

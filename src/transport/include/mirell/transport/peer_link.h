@@ -30,8 +30,6 @@ inline constexpr std::string_view kAudioMid = "audio";
 // Four ASCII letters read as a big-endian number: "MRLV" and "MRLA".
 inline constexpr std::uint32_t kVideoSsrc = 0x4D524C56;
 inline constexpr std::uint32_t kAudioSsrc = 0x4D524C41;
-inline constexpr std::string_view kVideoSsrcName = "mirell-video";
-inline constexpr std::string_view kAudioSsrcName = "mirell-audio";
 // The largest RTP packet either track carries, header included.
 inline constexpr std::size_t kMaxRtpPacketSize = 1200;
 // Fixed whatever the encoder makes: a viewer does not decode by it.
