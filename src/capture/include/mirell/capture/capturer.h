@@ -1,0 +1,53 @@
+// Pictures of one window or one monitor, delivered as they change. The platform's capture
+// stands behind ICapturer; frames are BGRA in system memory, valid during the callback only.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "mirell/media/bgra_view.h"
+
+namespace mirell::capture {
+
+enum class CaptureKind : std::uint32_t {
+  kWindow = 0,
+  kMonitor = 1,  // Also any value other than 0.
+};
+
+// What to capture. On X11 a window is its window id and a monitor its index in the monitor list.
+struct CaptureTarget {
+  CaptureKind kind = CaptureKind::kWindow;
+  std::uint32_t window = 0;
+  std::uint32_t monitor = 0;
+  bool show_border = true;  // X11 draws no capture border; kept for the platforms that do.
+  bool show_cursor = true;  // The pointer is drawn into the frames.
+};
+
+struct CapturedFrame {
+  media::BgraView picture;     // Valid during the callback only.
+  std::int64_t timestamp = 0;  // Capture time: the steady clock, in 100 ns units.
+};
+
+class ICapturer {
+ public:
+  using FrameCallback = std::function<void(const CapturedFrame&)>;
+
+  // Stops first; no callback runs once the destructor has begun.
+  virtual ~ICapturer() = default;
+  // Begins delivery on the capturer's own thread. A second Start keeps the first callback.
+  // Throws Error for an empty callback.
+  virtual void Start(FrameCallback on_frame) = 0;
+  // Waits for a callback in progress, so a callback must never call Stop. Idempotent; Stop
+  // before Start does nothing.
+  virtual void Stop() = 0;
+  // The current size of the target; any thread.
+  virtual std::uint32_t width() const = 0;
+  virtual std::uint32_t height() const = 0;
+  // The target's description for log lines: a window's title, or "monitor".
+  virtual const std::string& name() const = 0;
+  // False once the target is gone (a closed window); frames stop then. Any thread.
+  virtual bool alive() const = 0;
+};
+
+}  // namespace mirell::capture
