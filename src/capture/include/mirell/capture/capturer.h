@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "mirell/media/bgra_view.h"
@@ -49,5 +50,14 @@ class ICapturer {
   // False once the target is gone (a closed window); frames stop then. Any thread.
   virtual bool alive() const = 0;
 };
+
+// Whether this session can capture: on Linux, an X display with the Composite, DAMAGE and XFIXES
+// extensions (a Wayland session without XWayland cannot, for now). Any thread.
+bool IsCaptureSupported();
+
+// Opens the target; no frame flows before Start. Throws Error when capture is not supported,
+// for a window that is 0 or no longer exists, a monitor index that is not listed, or a target
+// of zero size.
+std::unique_ptr<ICapturer> CreateCapturer(const CaptureTarget& target);
 
 }  // namespace mirell::capture

@@ -8,11 +8,21 @@
 
 namespace mirell::testsupport {
 
+struct XvfbOptions {
+  int width = 1280;
+  int height = 720;
+  // Starts openbox on the display and waits until it manages windows (the EWMH lists that the
+  // capture targets read exist only under a window manager).
+  bool window_manager = false;
+};
+
 class XvfbDisplay {
  public:
   // Starts Xvfb on the first free display from :90 and waits until it accepts clients. Check
-  // available() before use: false when Xvfb is missing or did not come up.
-  XvfbDisplay();
+  // available() before use: false when Xvfb (or the window manager asked for) is missing or did
+  // not come up.
+  XvfbDisplay() : XvfbDisplay(XvfbOptions{}) {}
+  explicit XvfbDisplay(const XvfbOptions& options);
   ~XvfbDisplay();
   XvfbDisplay(const XvfbDisplay&) = delete;
   XvfbDisplay& operator=(const XvfbDisplay&) = delete;
@@ -22,7 +32,11 @@ class XvfbDisplay {
   const std::string& name() const { return name_; }
 
  private:
+  bool StartWindowManager();
+
   std::unique_ptr<ChildProcess> server_;
+  TempDir window_manager_dir_;
+  std::unique_ptr<ChildProcess> window_manager_;
   std::string name_;
 };
 

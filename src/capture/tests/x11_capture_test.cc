@@ -1,0 +1,500 @@
+// The capture targets and the capturer on a private X server with a window manager, against
+// windows of known colours painted by a process of their own (mirell_test_window).
+#include <gtest/gtest.h>
+#include <xcb/xcb.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "mirell/base/error.h"
+#include "mirell/base/logging.h"
+#include "mirell/capture/capture_targets.h"
+#include "mirell/capture/capturer.h"
+#include "mirell/testsupport/subprocess.h"
+#include "mirell/testsupport/xvfb.h"
+
+namespace mirell::capture {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint32_t kRed = 0xFF0000;
+constexpr std::uint32_t kGreen = 0x00FF00;
+
+template <typename Predicate>
+bool WaitFor(Predicate predicate, std::chrono::milliseconds limit = 5s) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(5ms);
+  }
+  return true;
+}
+
+// One window of the test, in its own process.
+struct TestWindow {
+  std::unique_ptr<testsupport::ChildProcess> process;
+  std::uint32_t id = 0;
+};
+
+// What a capturer delivered, kept under a lock: the callback runs on the capture thread.
+class FrameLog {
+ public:
+  ICapturer::FrameCallback Callback() {
+    return [this](const CapturedFrame& frame) {
+      std::lock_guard lock(mutex_);
+      ++count_;
+      width_ = frame.picture.width;
+      height_ = frame.picture.height;
+      timestamps_.push_back(frame.timestamp);
+      pixels_.clear();
+      for (std::uint32_t y = 0; y < frame.picture.height; ++y) {
+        const std::uint8_t* row = frame.picture.pixels + y * frame.picture.stride;
+        pixels_.insert(pixels_.end(), row, row + frame.picture.width * 4);
+      }
+    };
+  }
+  int count() const {
+    std::lock_guard lock(mutex_);
+    return count_;
+  }
+  std::pair<std::uint32_t, std::uint32_t> size() const {
+    std::lock_guard lock(mutex_);
+    return {width_, height_};
+  }
+  // 0xRRGGBB of the last frame's pixel.
+  std::uint32_t RgbAt(std::uint32_t x, std::uint32_t y) const {
+    std::lock_guard lock(mutex_);
+    const std::uint8_t* p = &pixels_.at((static_cast<std::size_t>(y) * width_ + x) * 4);
+    return (std::uint32_t{p[2]} << 16) | (std::uint32_t{p[1]} << 8) | p[0];
+  }
+  // Pixels of the last frame that are not `rgb`.
+  std::size_t CountOtherThan(std::uint32_t rgb) const {
+    std::lock_guard lock(mutex_);
+    std::size_t other = 0;
+    for (std::size_t i = 0; i + 3 < pixels_.size(); i += 4) {
+      const std::uint32_t value = (std::uint32_t{pixels_[i + 2]} << 16) | (std::uint32_t{pixels_[i + 1]} << 8) | pixels_[i];
+      if (value != rgb) ++other;
+    }
+    return other;
+  }
+  std::vector<std::int64_t> timestamps() const {
+    std::lock_guard lock(mutex_);
+    return timestamps_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  int count_ = 0;
+  std::uint32_t width_ = 0, height_ = 0;
+  std::vector<std::uint8_t> pixels_;
+  std::vector<std::int64_t> timestamps_;
+};
+
+class X11CaptureTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    testsupport::XvfbOptions options;
+    options.width = 2560;
+    options.height = 720;
+    options.window_manager = true;
+    display_ = new testsupport::XvfbDisplay(options);
+  }
+  static void TearDownTestSuite() {
+    delete display_;
+    display_ = nullptr;
+  }
+
+  void SetUp() override {
+    if (!display_->available()) GTEST_SKIP() << "Xvfb or openbox is missing";
+    setenv("DISPLAY", display_->name().c_str(), 1);
+    unsetenv("WAYLAND_DISPLAY");
+    ASSERT_TRUE(SetLogFile(dir_.path() / "log"));
+    saved_level_ = GetLogLevel();
+    SetLogLevel(LogLevel::kInfo);
+  }
+  void TearDown() override { SetLogLevel(saved_level_); }
+
+  TestWindow StartWindow(std::vector<std::string> arguments) {
+    const auto ready = dir_.path() / ("ready-" + std::to_string(++windows_started_));
+    std::vector<std::string> argv{MIRELL_TEST_WINDOW, "--ready-file", ready.string()};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    testsupport::ProcessOptions options;
+    options.environment["DISPLAY"] = display_->name();
+    TestWindow window;
+    window.process = std::make_unique<testsupport::ChildProcess>(argv, options);
+    // Generous: the first window manager on a fresh machine may build its font cache first.
+    EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(ready); }, 30s)) << "the test window never painted";
+    window.id = static_cast<std::uint32_t>(std::stoul("0" + testsupport::ReadFileText(ready)));
+    // The window manager lists a window a moment after it is mapped.
+    WaitFor([&] { return Listed(window.id); }, 2s);
+    return window;
+  }
+
+  static bool Listed(std::uint32_t id) {
+    for (const auto& window : EnumerateWindows()) {
+      if (window.window == id) return true;
+    }
+    return false;
+  }
+
+  void Xdotool(const std::vector<std::string>& arguments) {
+    std::vector<std::string> argv{"xdotool"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    testsupport::ProcessOptions options;
+    options.environment["DISPLAY"] = display_->name();
+    const auto result = testsupport::RunProcess(argv, options);
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+  }
+
+  std::string Log() const { return testsupport::ReadFileText(dir_.path() / "log"); }
+
+  static testsupport::XvfbDisplay* display_;
+  testsupport::TempDir dir_;
+  int windows_started_ = 0;
+  LogLevel saved_level_ = LogLevel::kWarn;
+};
+
+testsupport::XvfbDisplay* X11CaptureTest::display_ = nullptr;
+
+std::string Hex(std::uint32_t rgb) {
+  char text[8];
+  std::snprintf(text, sizeof text, "%06X", rgb);
+  return text;
+}
+
+// --- Capture targets ---
+
+TEST_F(X11CaptureTest, TwoMonitorsWithTheSecondPrimaryListThePrimaryFirst) {
+  testsupport::ProcessOptions options;
+  options.environment["DISPLAY"] = display_->name();
+  ASSERT_EQ(testsupport::RunProcess({"xrandr", "--setmonitor", "left", "1280/338x720/190+0+0", "screen"}, options).exit_code, 0);
+  ASSERT_EQ(testsupport::RunProcess({"xrandr", "--setmonitor", "*right", "1280/338x720/190+1280+0", "none"}, options).exit_code, 0);
+  const auto monitors = EnumerateMonitors();
+  ASSERT_EQ(monitors.size(), 2u);
+  EXPECT_EQ(monitors[0].device, "right");
+  EXPECT_TRUE(monitors[0].primary);
+  EXPECT_EQ(monitors[0].x, 1280);
+  EXPECT_EQ(monitors[0].width, 1280u);
+  EXPECT_EQ(monitors[0].height, 720u);
+  EXPECT_EQ(monitors[0].monitor, 0u);
+  EXPECT_EQ(monitors[1].device, "left");
+  EXPECT_FALSE(monitors[1].primary);
+  EXPECT_EQ(monitors[1].monitor, 1u);
+  // Xvfb's outputs carry no EDID: the name is the device's.
+  EXPECT_EQ(monitors[1].name, "left");
+}
+
+TEST_F(X11CaptureTest, WindowsAreListedTopmostFirstWithTitleSizeAndProcess) {
+  const auto lower = StartWindow({"--title", "Lower Window", "--size", "300x200", "--position", "50,50"});
+  const auto upper = StartWindow({"--title", "Upper Window", "--size", "320x240", "--position", "500,50"});
+  const auto windows = EnumerateWindows();
+  ASSERT_GE(windows.size(), 2u);
+  EXPECT_EQ(windows[0].window, upper.id);
+  EXPECT_EQ(windows[0].title, "Upper Window");
+  EXPECT_EQ(windows[0].width, 320u);
+  EXPECT_EQ(windows[0].height, 240u);
+  EXPECT_EQ(windows[0].pid, static_cast<std::uint32_t>(upper.process->pid()));
+  EXPECT_EQ(windows[0].process, "mirell_test_window");
+  EXPECT_EQ(windows[1].window, lower.id);
+}
+
+TEST_F(X11CaptureTest, AWindowWithoutItsPidIsFoundThroughTheServer) {
+  const auto window = StartWindow({"--title", "No Pid", "--no-pid"});
+  for (const auto& listed : EnumerateWindows()) {
+    if (listed.window != window.id) continue;
+    EXPECT_EQ(listed.pid, static_cast<std::uint32_t>(window.process->pid()));
+    EXPECT_EQ(listed.process, "mirell_test_window");
+    return;
+  }
+  FAIL() << "not listed";
+}
+
+TEST_F(X11CaptureTest, AWindowWhoseProcessCannotBeReadIsListedWithAnEmptyName) {
+  const auto window = StartWindow({"--title", "Ghost Pid", "--fake-pid", "2147483000"});
+  for (const auto& listed : EnumerateWindows()) {
+    if (listed.window != window.id) continue;
+    EXPECT_EQ(listed.process, "");
+    return;
+  }
+  FAIL() << "not listed";
+}
+
+TEST_F(X11CaptureTest, ThirtyOnePixelsIsTooSmallAndThirtyTwoIsEnough) {
+  const auto narrow = StartWindow({"--title", "Narrow", "--size", "31x200"});
+  const auto flat = StartWindow({"--title", "Flat", "--size", "200x31"});
+  const auto enough = StartWindow({"--title", "Enough", "--size", "32x32"});
+  EXPECT_FALSE(Listed(narrow.id));
+  EXPECT_FALSE(Listed(flat.id));
+  EXPECT_TRUE(Listed(enough.id));
+}
+
+TEST_F(X11CaptureTest, HelperUntitledAndChildWindowsAreNotListed) {
+  const auto utility = StartWindow({"--title", "Utility", "--type", "UTILITY"});
+  const auto toolbar = StartWindow({"--title", "Toolbar", "--type", "TOOLBAR"});
+  const auto dock = StartWindow({"--title", "Dock", "--type", "DOCK"});
+  const auto untitled = StartWindow({"--title", ""});
+  const auto parent = StartWindow({"--title", "Parent", "--child-title", "Child Inside"});
+  const auto dialog = StartWindow({"--title", "Dialog", "--type", "DIALOG"});
+  EXPECT_FALSE(Listed(utility.id));
+  EXPECT_FALSE(Listed(toolbar.id));
+  EXPECT_FALSE(Listed(dock.id));
+  EXPECT_FALSE(Listed(untitled.id));
+  EXPECT_TRUE(Listed(parent.id));
+  EXPECT_TRUE(Listed(dialog.id));
+  EXPECT_EQ(FindWindowByTitle("Child Inside"), 0u);
+}
+
+TEST_F(X11CaptureTest, AMinimisedWindowIsHiddenUntilRestored) {
+  const auto window = StartWindow({"--title", "Minimise Me"});
+  ASSERT_TRUE(Listed(window.id));
+  Xdotool({"windowminimize", "--sync", std::to_string(window.id)});
+  EXPECT_TRUE(WaitFor([&] { return !Listed(window.id); }));
+  Xdotool({"windowmap", "--sync", std::to_string(window.id)});
+  EXPECT_TRUE(WaitFor([&] { return Listed(window.id); }));
+}
+
+TEST_F(X11CaptureTest, TheProgramsOwnWindowsAreNotListed) {
+  xcb_connection_t* c = xcb_connect(display_->name().c_str(), nullptr);
+  ASSERT_EQ(xcb_connection_has_error(c), 0);
+  xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
+  const xcb_window_t own = xcb_generate_id(c);
+  xcb_create_window(c, XCB_COPY_FROM_PARENT, own, screen->root, 0, 0, 200, 200, 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
+                    screen->root_visual, 0, nullptr);
+  const std::string title = "Our Own Window";
+  xcb_change_property(c, XCB_PROP_MODE_REPLACE, own, XCB_ATOM_WM_NAME, XCB_ATOM_STRING, 8,
+                      static_cast<std::uint32_t>(title.size()), title.data());
+  xcb_map_window(c, own);
+  xcb_flush(c);
+  // A window of another process mapped after ours: once it is listed, ours has been managed too.
+  const auto other = StartWindow({"--title", "Someone Else"});
+  EXPECT_TRUE(Listed(other.id));
+  EXPECT_FALSE(Listed(own));
+  EXPECT_EQ(FindWindowByTitle("Our Own Window"), 0u);
+  xcb_disconnect(c);
+}
+
+TEST_F(X11CaptureTest, FindWindowByTitleIgnoresAsciiCaseAndAnEmptyTextFindsNothing) {
+  const auto window = StartWindow({"--title", "Mixed Case Title"});
+  EXPECT_EQ(FindWindowByTitle("mixed CASE"), window.id);
+  EXPECT_EQ(FindWindowByTitle(""), 0u);
+  EXPECT_EQ(FindWindowByTitle("no window has this title"), 0u);
+}
+
+// --- Capture ---
+
+TEST_F(X11CaptureTest, ACoveredWindowIsCapturedWithItsOwnColours) {
+  const auto covered = StartWindow({"--title", "Covered", "--size", "400x300", "--position", "100,100", "--color", Hex(kRed)});
+  const auto cover = StartWindow({"--title", "Cover", "--size", "600x500", "--position", "50,50", "--color", Hex(kGreen)});
+  (void)cover;
+  CaptureTarget target;
+  target.window = covered.id;
+  target.show_cursor = false;
+  auto capturer = CreateCapturer(target);
+  EXPECT_EQ(capturer->name(), "Covered");
+  EXPECT_EQ(capturer->width(), 400u);
+  EXPECT_EQ(capturer->height(), 300u);
+  FrameLog frames;
+  capturer->Start(frames.Callback());
+  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1; }));
+  // The first frames after redirecting may be black until the window repaints.
+  ASSERT_TRUE(WaitFor([&] { return frames.RgbAt(200, 150) == kRed; })) << Hex(frames.RgbAt(200, 150));
+  EXPECT_EQ(frames.size(), std::make_pair(400u, 300u));
+  EXPECT_EQ(frames.CountOtherThan(kRed), 0u) << "the whole window is red";
+  capturer->Stop();
+}
+
+TEST_F(X11CaptureTest, AStillWindowGivesNoFurtherFramesAndAChangingOneGivesMany) {
+  const auto still = StartWindow({"--title", "Still", "--color", Hex(kRed)});
+  CaptureTarget target;
+  target.window = still.id;
+  target.show_cursor = false;
+  auto capturer = CreateCapturer(target);
+  FrameLog frames;
+  capturer->Start(frames.Callback());
+  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1 && frames.RgbAt(10, 10) == kRed; }));
+  const int settled = frames.count();
+  std::this_thread::sleep_for(300ms);  // Watching for frames that must not come.
+  EXPECT_LE(frames.count(), settled + 1) << "a still window repaints nothing";
+  capturer->Stop();
+
+  const auto changing = StartWindow({"--title", "Changing", "--color", Hex(kRed), "--color2", Hex(kGreen), "--alternate-ms", "10"});
+  target.window = changing.id;
+  auto second = CreateCapturer(target);
+  FrameLog changing_frames;
+  second->Start(changing_frames.Callback());
+  EXPECT_TRUE(WaitFor([&] { return changing_frames.count() >= 20; }));
+  second->Stop();
+  // Grabs start at least 4 ms apart; the time stamps, read after each grab, may jitter by the
+  // time one grab takes, which the margin allows for.
+  const auto times = changing_frames.timestamps();
+  const auto grabs = static_cast<std::int64_t>(times.size());
+  EXPECT_GE(times.back() - times.front(), (grabs - 1) * 40'000 - 100'000) << grabs << " grabs";
+}
+
+TEST_F(X11CaptureTest, AResizeLogsOnceAndLaterFramesHaveTheNewSize) {
+  const auto window = StartWindow({"--title", "Resizable", "--size", "400x300", "--color", Hex(kRed)});
+  CaptureTarget target;
+  target.window = window.id;
+  target.show_cursor = false;
+  auto capturer = CreateCapturer(target);
+  FrameLog frames;
+  capturer->Start(frames.Callback());
+  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1; }));
+  EXPECT_EQ(frames.size(), std::make_pair(400u, 300u));
+  Xdotool({"windowsize", "--sync", std::to_string(window.id), "500", "400"});
+  ASSERT_TRUE(WaitFor([&] { return frames.size() == std::make_pair(500u, 400u); }));
+  EXPECT_TRUE(WaitFor([&] { return frames.RgbAt(450, 350) == kRed; }));
+  EXPECT_EQ(capturer->width(), 500u);
+  EXPECT_EQ(capturer->height(), 400u);
+  capturer->Stop();
+  const std::string log = Log();
+  const std::string line = "Resizable resized 400x300 -> 500x400";
+  const auto first = log.find(line);
+  ASSERT_NE(first, std::string::npos) << log;
+  EXPECT_EQ(log.find("resized", first + line.size()), std::string::npos) << log;
+}
+
+TEST_F(X11CaptureTest, AMinimisedWindowGivesNoFramesAndStaysAlive) {
+  const auto window = StartWindow({"--title", "Minimised Capture", "--color", Hex(kRed), "--color2", Hex(kGreen),
+                                   "--alternate-ms", "20"});
+  CaptureTarget target;
+  target.window = window.id;
+  target.show_cursor = false;
+  auto capturer = CreateCapturer(target);
+  FrameLog frames;
+  capturer->Start(frames.Callback());
+  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 3; }));
+  Xdotool({"windowminimize", "--sync", std::to_string(window.id)});
+  std::this_thread::sleep_for(100ms);
+  const int hidden = frames.count();
+  std::this_thread::sleep_for(300ms);  // Watching for frames that must not come.
+  EXPECT_EQ(frames.count(), hidden);
+  EXPECT_TRUE(capturer->alive());
+  Xdotool({"windowmap", "--sync", std::to_string(window.id)});
+  EXPECT_TRUE(WaitFor([&] { return frames.count() > hidden; })) << "frames come back with the window";
+  capturer->Stop();
+}
+
+TEST_F(X11CaptureTest, ClosingTheWindowTurnsAliveFalse) {
+  auto window = StartWindow({"--title", "Closing", "--color", Hex(kRed)});
+  CaptureTarget target;
+  target.window = window.id;
+  auto capturer = CreateCapturer(target);
+  FrameLog frames;
+  capturer->Start(frames.Callback());
+  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1; }));
+  EXPECT_TRUE(capturer->alive());
+  window.process->Signal(SIGTERM);
+  window.process->Wait(5s);
+  EXPECT_TRUE(WaitFor([&] { return !capturer->alive(); }));
+  capturer->Stop();
+  EXPECT_NE(Log().find("Closing closed"), std::string::npos) << Log();
+}
+
+TEST_F(X11CaptureTest, AMonitorIsCapturedAtItsRectangle) {
+  testsupport::ProcessOptions options;
+  options.environment["DISPLAY"] = display_->name();
+  testsupport::RunProcess({"xrandr", "--setmonitor", "left", "1280/338x720/190+0+0", "screen"}, options);
+  testsupport::RunProcess({"xrandr", "--setmonitor", "*right", "1280/338x720/190+1280+0", "none"}, options);
+  const auto window = StartWindow({"--title", "On The Right", "--size", "200x200", "--position", "1380,100", "--color", Hex(kGreen)});
+  ASSERT_EQ(EnumerateMonitors().at(0).device, "right");
+  CaptureTarget target;
+  target.kind = CaptureKind::kMonitor;
+  target.monitor = 0;
+  target.show_cursor = false;
+  auto capturer = CreateCapturer(target);
+  EXPECT_EQ(capturer->name(), "monitor");
+  FrameLog frames;
+  capturer->Start(frames.Callback());
+  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1; }));
+  EXPECT_EQ(frames.size(), std::make_pair(1280u, 720u));
+  // The window's client area starts at 1380,100 on the screen, 100,100 on the monitor; the
+  // window manager's frame may sit around it.
+  EXPECT_TRUE(WaitFor([&] { return frames.RgbAt(200, 200) == kGreen; })) << Hex(frames.RgbAt(200, 200));
+  capturer->Stop();
+}
+
+TEST_F(X11CaptureTest, ThePointerIsDrawnOnlyWhenAskedFor) {
+  const auto window = StartWindow({"--title", "Pointer", "--size", "300x300", "--position", "100,100", "--color", Hex(kRed)});
+  Xdotool({"mousemove", "--sync", "250", "250"});
+  for (const bool show : {false, true}) {
+    CaptureTarget target;
+    target.window = window.id;
+    target.show_cursor = show;
+    auto capturer = CreateCapturer(target);
+    FrameLog frames;
+    capturer->Start(frames.Callback());
+    ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1 && frames.RgbAt(10, 10) == kRed; }));
+    if (show) {
+      EXPECT_TRUE(WaitFor([&] { return frames.CountOtherThan(kRed) > 20; })) << "the pointer's pixels";
+    } else {
+      EXPECT_EQ(frames.CountOtherThan(kRed), 0u);
+    }
+    capturer->Stop();
+  }
+}
+
+TEST_F(X11CaptureTest, StopBeforeStartDoesNothingAndASecondStartKeepsTheFirstCallback) {
+  const auto window = StartWindow({"--title", "Twice", "--color", Hex(kRed)});
+  CaptureTarget target;
+  target.window = window.id;
+  auto capturer = CreateCapturer(target);
+  capturer->Stop();
+  FrameLog first, second;
+  capturer->Start(first.Callback());
+  capturer->Start(second.Callback());
+  ASSERT_TRUE(WaitFor([&] { return first.count() >= 1; }));
+  EXPECT_EQ(second.count(), 0);
+  capturer->Stop();
+  capturer->Stop();
+}
+
+TEST_F(X11CaptureTest, ImpossibleTargetsAreFailedChecksWithTheirOwnMessages) {
+  const auto expect_check = [](const CaptureTarget& target, const std::string& text) {
+    try {
+      CreateCapturer(target);
+      ADD_FAILURE() << "no check failed for " << text;
+    } catch (const Error& error) {
+      EXPECT_NE(std::string(error.what()).find(text), std::string::npos) << error.what();
+    }
+  };
+  CaptureTarget none;
+  expect_check(none, "no window to capture");
+  auto window = StartWindow({"--title", "Short Lived"});
+  const std::uint32_t id = window.id;
+  window.process->Signal(SIGTERM);
+  window.process->Wait(5s);
+  ASSERT_TRUE(WaitFor([&] { return !Listed(id); }));
+  CaptureTarget gone;
+  gone.window = id;
+  expect_check(gone, "that window no longer exists");
+  CaptureTarget monitor;
+  monitor.kind = CaptureKind::kMonitor;
+  monitor.monitor = 99;
+  expect_check(monitor, "no monitor 99");
+}
+
+TEST_F(X11CaptureTest, AWaylandSessionWithoutXIsReportedClearly) {
+  unsetenv("DISPLAY");
+  setenv("WAYLAND_DISPLAY", "wayland-0", 1);
+  EXPECT_FALSE(IsCaptureSupported());
+  CaptureTarget target;
+  target.window = 1;
+  try {
+    CreateCapturer(target);
+    ADD_FAILURE() << "capture started without an X display";
+  } catch (const Error& error) {
+    EXPECT_NE(std::string(error.what()).find("need an X11 session or XWayland"), std::string::npos) << error.what();
+  }
+  unsetenv("WAYLAND_DISPLAY");
+  setenv("DISPLAY", display_->name().c_str(), 1);
+  EXPECT_TRUE(IsCaptureSupported());
+}
+
+}  // namespace
+}  // namespace mirell::capture
