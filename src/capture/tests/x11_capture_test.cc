@@ -14,8 +14,10 @@
 #include "mirell/base/logging.h"
 #include "mirell/capture/capture_targets.h"
 #include "mirell/capture/capturer.h"
+#include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/xvfb.h"
+#include "test_window.h"
 
 namespace mirell::capture {
 namespace {
@@ -25,21 +27,7 @@ using namespace std::chrono_literals;
 constexpr std::uint32_t kRed = 0xFF0000;
 constexpr std::uint32_t kGreen = 0x00FF00;
 
-template <typename Predicate>
-bool WaitFor(Predicate predicate, std::chrono::milliseconds limit = 5s) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
-
-// One window of the test, in its own process.
-struct TestWindow {
-  std::unique_ptr<testsupport::ChildProcess> process;
-  std::uint32_t id = 0;
-};
+using testsupport::Eventually;
 
 // What a capturer delivered, kept under a lock: the callback runs on the capture thread.
 class FrameLog {
@@ -119,19 +107,11 @@ class X11CaptureTest : public ::testing::Test {
   }
   void TearDown() override { SetLogLevel(saved_level_); }
 
-  TestWindow StartWindow(std::vector<std::string> arguments) {
-    const auto ready = dir_.path() / ("ready-" + std::to_string(++windows_started_));
-    std::vector<std::string> argv{MIRELL_TEST_WINDOW, "--ready-file", ready.string()};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    testsupport::ProcessOptions options;
-    options.environment["DISPLAY"] = display_->name();
-    TestWindow window;
-    window.process = std::make_unique<testsupport::ChildProcess>(argv, options);
-    // Generous: the first window manager on a fresh machine may build its font cache first.
-    EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(ready); }, 30s)) << "the test window never painted";
-    window.id = static_cast<std::uint32_t>(std::stoul("0" + testsupport::ReadFileText(ready)));
+  TestWindow StartWindow(const std::vector<std::string>& arguments) {
+    TestWindow window(display_->name(), arguments);
+    EXPECT_NE(window.id(), 0u) << "the test window never painted";
     // The window manager lists a window a moment after it is mapped.
-    WaitFor([&] { return Listed(window.id); }, 2s);
+    Eventually([&] { return Listed(window.id()); }, 2s);
     return window;
   }
 
@@ -155,17 +135,10 @@ class X11CaptureTest : public ::testing::Test {
 
   static testsupport::XvfbDisplay* display_;
   testsupport::TempDir dir_;
-  int windows_started_ = 0;
   LogLevel saved_level_ = LogLevel::kWarn;
 };
 
 testsupport::XvfbDisplay* X11CaptureTest::display_ = nullptr;
-
-std::string Hex(std::uint32_t rgb) {
-  char text[8];
-  std::snprintf(text, sizeof text, "%06X", rgb);
-  return text;
-}
 
 // --- Capture targets ---
 
@@ -194,20 +167,20 @@ TEST_F(X11CaptureTest, WindowsAreListedTopmostFirstWithTitleSizeAndProcess) {
   const auto upper = StartWindow({"--title", "Upper Window", "--size", "320x240", "--position", "500,50"});
   const auto windows = EnumerateWindows();
   ASSERT_GE(windows.size(), 2u);
-  EXPECT_EQ(windows[0].window, upper.id);
+  EXPECT_EQ(windows[0].window, upper.id());
   EXPECT_EQ(windows[0].title, "Upper Window");
   EXPECT_EQ(windows[0].width, 320u);
   EXPECT_EQ(windows[0].height, 240u);
-  EXPECT_EQ(windows[0].pid, static_cast<std::uint32_t>(upper.process->pid()));
+  EXPECT_EQ(windows[0].pid, static_cast<std::uint32_t>(upper.pid()));
   EXPECT_EQ(windows[0].process, "mirell_test_window");
-  EXPECT_EQ(windows[1].window, lower.id);
+  EXPECT_EQ(windows[1].window, lower.id());
 }
 
 TEST_F(X11CaptureTest, AWindowWithoutItsPidIsFoundThroughTheServer) {
   const auto window = StartWindow({"--title", "No Pid", "--no-pid"});
   for (const auto& listed : EnumerateWindows()) {
-    if (listed.window != window.id) continue;
-    EXPECT_EQ(listed.pid, static_cast<std::uint32_t>(window.process->pid()));
+    if (listed.window != window.id()) continue;
+    EXPECT_EQ(listed.pid, static_cast<std::uint32_t>(window.pid()));
     EXPECT_EQ(listed.process, "mirell_test_window");
     return;
   }
@@ -217,7 +190,7 @@ TEST_F(X11CaptureTest, AWindowWithoutItsPidIsFoundThroughTheServer) {
 TEST_F(X11CaptureTest, AWindowWhoseProcessCannotBeReadIsListedWithAnEmptyName) {
   const auto window = StartWindow({"--title", "Ghost Pid", "--fake-pid", "2147483000"});
   for (const auto& listed : EnumerateWindows()) {
-    if (listed.window != window.id) continue;
+    if (listed.window != window.id()) continue;
     EXPECT_EQ(listed.process, "");
     return;
   }
@@ -228,9 +201,9 @@ TEST_F(X11CaptureTest, ThirtyOnePixelsIsTooSmallAndThirtyTwoIsEnough) {
   const auto narrow = StartWindow({"--title", "Narrow", "--size", "31x200"});
   const auto flat = StartWindow({"--title", "Flat", "--size", "200x31"});
   const auto enough = StartWindow({"--title", "Enough", "--size", "32x32"});
-  EXPECT_FALSE(Listed(narrow.id));
-  EXPECT_FALSE(Listed(flat.id));
-  EXPECT_TRUE(Listed(enough.id));
+  EXPECT_FALSE(Listed(narrow.id()));
+  EXPECT_FALSE(Listed(flat.id()));
+  EXPECT_TRUE(Listed(enough.id()));
 }
 
 TEST_F(X11CaptureTest, HelperUntitledAndChildWindowsAreNotListed) {
@@ -240,22 +213,31 @@ TEST_F(X11CaptureTest, HelperUntitledAndChildWindowsAreNotListed) {
   const auto untitled = StartWindow({"--title", ""});
   const auto parent = StartWindow({"--title", "Parent", "--child-title", "Child Inside"});
   const auto dialog = StartWindow({"--title", "Dialog", "--type", "DIALOG"});
-  EXPECT_FALSE(Listed(utility.id));
-  EXPECT_FALSE(Listed(toolbar.id));
-  EXPECT_FALSE(Listed(dock.id));
-  EXPECT_FALSE(Listed(untitled.id));
-  EXPECT_TRUE(Listed(parent.id));
-  EXPECT_TRUE(Listed(dialog.id));
+  EXPECT_FALSE(Listed(utility.id()));
+  EXPECT_FALSE(Listed(toolbar.id()));
+  EXPECT_FALSE(Listed(dock.id()));
+  EXPECT_FALSE(Listed(untitled.id()));
+  EXPECT_TRUE(Listed(parent.id()));
+  EXPECT_TRUE(Listed(dialog.id()));
   EXPECT_EQ(FindWindowByTitle("Child Inside"), 0u);
 }
 
 TEST_F(X11CaptureTest, AMinimisedWindowIsHiddenUntilRestored) {
   const auto window = StartWindow({"--title", "Minimise Me"});
-  ASSERT_TRUE(Listed(window.id));
-  Xdotool({"windowminimize", "--sync", std::to_string(window.id)});
-  EXPECT_TRUE(WaitFor([&] { return !Listed(window.id); }));
-  Xdotool({"windowmap", "--sync", std::to_string(window.id)});
-  EXPECT_TRUE(WaitFor([&] { return Listed(window.id); }));
+  ASSERT_TRUE(Listed(window.id()));
+  Xdotool({"windowminimize", "--sync", std::to_string(window.id())});
+  EXPECT_TRUE(Eventually([&] { return !Listed(window.id()); }));
+  Xdotool({"windowmap", "--sync", std::to_string(window.id())});
+  EXPECT_TRUE(Eventually([&] { return Listed(window.id()); }));
+}
+
+TEST_F(X11CaptureTest, AWindowOnAnotherDesktopIsNotListedUntilItComesBack) {
+  const auto window = StartWindow({"--title", "Elsewhere"});
+  ASSERT_TRUE(Listed(window.id()));
+  Xdotool({"set_desktop_for_window", std::to_string(window.id()), "1"});
+  EXPECT_TRUE(Eventually([&] { return !Listed(window.id()); }));
+  Xdotool({"set_desktop_for_window", std::to_string(window.id()), "0"});
+  EXPECT_TRUE(Eventually([&] { return Listed(window.id()); }));
 }
 
 TEST_F(X11CaptureTest, TheProgramsOwnWindowsAreNotListed) {
@@ -272,7 +254,7 @@ TEST_F(X11CaptureTest, TheProgramsOwnWindowsAreNotListed) {
   xcb_flush(c);
   // A window of another process mapped after ours: once it is listed, ours has been managed too.
   const auto other = StartWindow({"--title", "Someone Else"});
-  EXPECT_TRUE(Listed(other.id));
+  EXPECT_TRUE(Listed(other.id()));
   EXPECT_FALSE(Listed(own));
   EXPECT_EQ(FindWindowByTitle("Our Own Window"), 0u);
   xcb_disconnect(c);
@@ -280,7 +262,7 @@ TEST_F(X11CaptureTest, TheProgramsOwnWindowsAreNotListed) {
 
 TEST_F(X11CaptureTest, FindWindowByTitleIgnoresAsciiCaseAndAnEmptyTextFindsNothing) {
   const auto window = StartWindow({"--title", "Mixed Case Title"});
-  EXPECT_EQ(FindWindowByTitle("mixed CASE"), window.id);
+  EXPECT_EQ(FindWindowByTitle("mixed CASE"), window.id());
   EXPECT_EQ(FindWindowByTitle(""), 0u);
   EXPECT_EQ(FindWindowByTitle("no window has this title"), 0u);
 }
@@ -288,11 +270,11 @@ TEST_F(X11CaptureTest, FindWindowByTitleIgnoresAsciiCaseAndAnEmptyTextFindsNothi
 // --- Capture ---
 
 TEST_F(X11CaptureTest, ACoveredWindowIsCapturedWithItsOwnColours) {
-  const auto covered = StartWindow({"--title", "Covered", "--size", "400x300", "--position", "100,100", "--color", Hex(kRed)});
-  const auto cover = StartWindow({"--title", "Cover", "--size", "600x500", "--position", "50,50", "--color", Hex(kGreen)});
+  const auto covered = StartWindow({"--title", "Covered", "--size", "400x300", "--position", "100,100", "--color", HexColour(kRed)});
+  const auto cover = StartWindow({"--title", "Cover", "--size", "600x500", "--position", "50,50", "--color", HexColour(kGreen)});
   (void)cover;
   CaptureTarget target;
-  target.window = covered.id;
+  target.window = covered.id();
   target.show_cursor = false;
   auto capturer = CreateCapturer(target);
   EXPECT_EQ(capturer->name(), "Covered");
@@ -300,34 +282,34 @@ TEST_F(X11CaptureTest, ACoveredWindowIsCapturedWithItsOwnColours) {
   EXPECT_EQ(capturer->height(), 300u);
   FrameLog frames;
   capturer->Start(frames.Callback());
-  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1; }));
+  ASSERT_TRUE(Eventually([&] { return frames.count() >= 1; }));
   // The first frames after redirecting may be black until the window repaints.
-  ASSERT_TRUE(WaitFor([&] { return frames.RgbAt(200, 150) == kRed; })) << Hex(frames.RgbAt(200, 150));
+  ASSERT_TRUE(Eventually([&] { return frames.RgbAt(200, 150) == kRed; })) << HexColour(frames.RgbAt(200, 150));
   EXPECT_EQ(frames.size(), std::make_pair(400u, 300u));
   EXPECT_EQ(frames.CountOtherThan(kRed), 0u) << "the whole window is red";
   capturer->Stop();
 }
 
 TEST_F(X11CaptureTest, AStillWindowGivesNoFurtherFramesAndAChangingOneGivesMany) {
-  const auto still = StartWindow({"--title", "Still", "--color", Hex(kRed)});
+  const auto still = StartWindow({"--title", "Still", "--color", HexColour(kRed)});
   CaptureTarget target;
-  target.window = still.id;
+  target.window = still.id();
   target.show_cursor = false;
   auto capturer = CreateCapturer(target);
   FrameLog frames;
   capturer->Start(frames.Callback());
-  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1 && frames.RgbAt(10, 10) == kRed; }));
+  ASSERT_TRUE(Eventually([&] { return frames.count() >= 1 && frames.RgbAt(10, 10) == kRed; }));
   const int settled = frames.count();
   std::this_thread::sleep_for(300ms);  // Watching for frames that must not come.
   EXPECT_LE(frames.count(), settled + 1) << "a still window repaints nothing";
   capturer->Stop();
 
-  const auto changing = StartWindow({"--title", "Changing", "--color", Hex(kRed), "--color2", Hex(kGreen), "--alternate-ms", "10"});
-  target.window = changing.id;
+  const auto changing = StartWindow({"--title", "Changing", "--color", HexColour(kRed), "--color2", HexColour(kGreen), "--alternate-ms", "10"});
+  target.window = changing.id();
   auto second = CreateCapturer(target);
   FrameLog changing_frames;
   second->Start(changing_frames.Callback());
-  EXPECT_TRUE(WaitFor([&] { return changing_frames.count() >= 20; }));
+  EXPECT_TRUE(Eventually([&] { return changing_frames.count() >= 20; }));
   second->Stop();
   // Grabs start at least 4 ms apart; the time stamps, read after each grab, may jitter by the
   // time one grab takes, which the margin allows for.
@@ -337,18 +319,18 @@ TEST_F(X11CaptureTest, AStillWindowGivesNoFurtherFramesAndAChangingOneGivesMany)
 }
 
 TEST_F(X11CaptureTest, AResizeLogsOnceAndLaterFramesHaveTheNewSize) {
-  const auto window = StartWindow({"--title", "Resizable", "--size", "400x300", "--color", Hex(kRed)});
+  const auto window = StartWindow({"--title", "Resizable", "--size", "400x300", "--color", HexColour(kRed)});
   CaptureTarget target;
-  target.window = window.id;
+  target.window = window.id();
   target.show_cursor = false;
   auto capturer = CreateCapturer(target);
   FrameLog frames;
   capturer->Start(frames.Callback());
-  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1; }));
+  ASSERT_TRUE(Eventually([&] { return frames.count() >= 1; }));
   EXPECT_EQ(frames.size(), std::make_pair(400u, 300u));
-  Xdotool({"windowsize", "--sync", std::to_string(window.id), "500", "400"});
-  ASSERT_TRUE(WaitFor([&] { return frames.size() == std::make_pair(500u, 400u); }));
-  EXPECT_TRUE(WaitFor([&] { return frames.RgbAt(450, 350) == kRed; }));
+  Xdotool({"windowsize", "--sync", std::to_string(window.id()), "500", "400"});
+  ASSERT_TRUE(Eventually([&] { return frames.size() == std::make_pair(500u, 400u); }));
+  EXPECT_TRUE(Eventually([&] { return frames.RgbAt(450, 350) == kRed; }));
   EXPECT_EQ(capturer->width(), 500u);
   EXPECT_EQ(capturer->height(), 400u);
   capturer->Stop();
@@ -360,38 +342,38 @@ TEST_F(X11CaptureTest, AResizeLogsOnceAndLaterFramesHaveTheNewSize) {
 }
 
 TEST_F(X11CaptureTest, AMinimisedWindowGivesNoFramesAndStaysAlive) {
-  const auto window = StartWindow({"--title", "Minimised Capture", "--color", Hex(kRed), "--color2", Hex(kGreen),
+  const auto window = StartWindow({"--title", "Minimised Capture", "--color", HexColour(kRed), "--color2", HexColour(kGreen),
                                    "--alternate-ms", "20"});
   CaptureTarget target;
-  target.window = window.id;
+  target.window = window.id();
   target.show_cursor = false;
   auto capturer = CreateCapturer(target);
   FrameLog frames;
   capturer->Start(frames.Callback());
-  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 3; }));
-  Xdotool({"windowminimize", "--sync", std::to_string(window.id)});
+  ASSERT_TRUE(Eventually([&] { return frames.count() >= 3; }));
+  Xdotool({"windowminimize", "--sync", std::to_string(window.id())});
   std::this_thread::sleep_for(100ms);
   const int hidden = frames.count();
   std::this_thread::sleep_for(300ms);  // Watching for frames that must not come.
   EXPECT_EQ(frames.count(), hidden);
   EXPECT_TRUE(capturer->alive());
-  Xdotool({"windowmap", "--sync", std::to_string(window.id)});
-  EXPECT_TRUE(WaitFor([&] { return frames.count() > hidden; })) << "frames come back with the window";
+  Xdotool({"windowmap", "--sync", std::to_string(window.id())});
+  EXPECT_TRUE(Eventually([&] { return frames.count() > hidden; })) << "frames come back with the window";
   capturer->Stop();
 }
 
 TEST_F(X11CaptureTest, ClosingTheWindowTurnsAliveFalse) {
-  auto window = StartWindow({"--title", "Closing", "--color", Hex(kRed)});
+  auto window = StartWindow({"--title", "Closing", "--color", HexColour(kRed)});
   CaptureTarget target;
-  target.window = window.id;
+  target.window = window.id();
   auto capturer = CreateCapturer(target);
   FrameLog frames;
   capturer->Start(frames.Callback());
-  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1; }));
+  ASSERT_TRUE(Eventually([&] { return frames.count() >= 1; }));
   EXPECT_TRUE(capturer->alive());
-  window.process->Signal(SIGTERM);
-  window.process->Wait(5s);
-  EXPECT_TRUE(WaitFor([&] { return !capturer->alive(); }));
+  window.process().Signal(SIGTERM);
+  window.process().Wait(5s);
+  EXPECT_TRUE(Eventually([&] { return !capturer->alive(); }));
   capturer->Stop();
   EXPECT_NE(Log().find("Closing closed"), std::string::npos) << Log();
 }
@@ -401,7 +383,7 @@ TEST_F(X11CaptureTest, AMonitorIsCapturedAtItsRectangle) {
   options.environment["DISPLAY"] = display_->name();
   testsupport::RunProcess({"xrandr", "--setmonitor", "left", "1280/338x720/190+0+0", "screen"}, options);
   testsupport::RunProcess({"xrandr", "--setmonitor", "*right", "1280/338x720/190+1280+0", "none"}, options);
-  const auto window = StartWindow({"--title", "On The Right", "--size", "200x200", "--position", "1380,100", "--color", Hex(kGreen)});
+  const auto window = StartWindow({"--title", "On The Right", "--size", "200x200", "--position", "1380,100", "--color", HexColour(kGreen)});
   ASSERT_EQ(EnumerateMonitors().at(0).device, "right");
   CaptureTarget target;
   target.kind = CaptureKind::kMonitor;
@@ -411,27 +393,27 @@ TEST_F(X11CaptureTest, AMonitorIsCapturedAtItsRectangle) {
   EXPECT_EQ(capturer->name(), "monitor");
   FrameLog frames;
   capturer->Start(frames.Callback());
-  ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1; }));
+  ASSERT_TRUE(Eventually([&] { return frames.count() >= 1; }));
   EXPECT_EQ(frames.size(), std::make_pair(1280u, 720u));
   // The window's client area starts at 1380,100 on the screen, 100,100 on the monitor; the
   // window manager's frame may sit around it.
-  EXPECT_TRUE(WaitFor([&] { return frames.RgbAt(200, 200) == kGreen; })) << Hex(frames.RgbAt(200, 200));
+  EXPECT_TRUE(Eventually([&] { return frames.RgbAt(200, 200) == kGreen; })) << HexColour(frames.RgbAt(200, 200));
   capturer->Stop();
 }
 
 TEST_F(X11CaptureTest, ThePointerIsDrawnOnlyWhenAskedFor) {
-  const auto window = StartWindow({"--title", "Pointer", "--size", "300x300", "--position", "100,100", "--color", Hex(kRed)});
+  const auto window = StartWindow({"--title", "Pointer", "--size", "300x300", "--position", "100,100", "--color", HexColour(kRed)});
   Xdotool({"mousemove", "--sync", "250", "250"});
   for (const bool show : {false, true}) {
     CaptureTarget target;
-    target.window = window.id;
+    target.window = window.id();
     target.show_cursor = show;
     auto capturer = CreateCapturer(target);
     FrameLog frames;
     capturer->Start(frames.Callback());
-    ASSERT_TRUE(WaitFor([&] { return frames.count() >= 1 && frames.RgbAt(10, 10) == kRed; }));
+    ASSERT_TRUE(Eventually([&] { return frames.count() >= 1 && frames.RgbAt(10, 10) == kRed; }));
     if (show) {
-      EXPECT_TRUE(WaitFor([&] { return frames.CountOtherThan(kRed) > 20; })) << "the pointer's pixels";
+      EXPECT_TRUE(Eventually([&] { return frames.CountOtherThan(kRed) > 20; })) << "the pointer's pixels";
     } else {
       EXPECT_EQ(frames.CountOtherThan(kRed), 0u);
     }
@@ -440,15 +422,15 @@ TEST_F(X11CaptureTest, ThePointerIsDrawnOnlyWhenAskedFor) {
 }
 
 TEST_F(X11CaptureTest, StopBeforeStartDoesNothingAndASecondStartKeepsTheFirstCallback) {
-  const auto window = StartWindow({"--title", "Twice", "--color", Hex(kRed)});
+  const auto window = StartWindow({"--title", "Twice", "--color", HexColour(kRed)});
   CaptureTarget target;
-  target.window = window.id;
+  target.window = window.id();
   auto capturer = CreateCapturer(target);
   capturer->Stop();
   FrameLog first, second;
   capturer->Start(first.Callback());
   capturer->Start(second.Callback());
-  ASSERT_TRUE(WaitFor([&] { return first.count() >= 1; }));
+  ASSERT_TRUE(Eventually([&] { return first.count() >= 1; }));
   EXPECT_EQ(second.count(), 0);
   capturer->Stop();
   capturer->Stop();
@@ -466,10 +448,10 @@ TEST_F(X11CaptureTest, ImpossibleTargetsAreFailedChecksWithTheirOwnMessages) {
   CaptureTarget none;
   expect_check(none, "no window to capture");
   auto window = StartWindow({"--title", "Short Lived"});
-  const std::uint32_t id = window.id;
-  window.process->Signal(SIGTERM);
-  window.process->Wait(5s);
-  ASSERT_TRUE(WaitFor([&] { return !Listed(id); }));
+  const std::uint32_t id = window.id();
+  window.process().Signal(SIGTERM);
+  window.process().Wait(5s);
+  ASSERT_TRUE(Eventually([&] { return !Listed(id); }));
   CaptureTarget gone;
   gone.window = id;
   expect_check(gone, "that window no longer exists");

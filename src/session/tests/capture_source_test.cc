@@ -15,6 +15,7 @@
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
 #include "mirell/base/media_time.h"
+#include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 
 namespace mirell::session {
@@ -74,15 +75,7 @@ struct SolidBgra {
   media::BgraView view;
 };
 
-template <typename Predicate>
-bool WaitFor(Predicate predicate, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
+using testsupport::Eventually;
 
 class CaptureSourceTest : public ::testing::Test {
  protected:
@@ -138,7 +131,7 @@ TEST_F(CaptureSourceTest, AStillPictureIsRepeatedAtTheTargetRate) {
   auto source = MakeSource(30, encoder_);
   source->Start();
   ASSERT_TRUE(capturer_->Deliver(grey_.view, 1'000'000));
-  ASSERT_TRUE(WaitFor([&] { return source->counters().encoded >= 15; }));
+  ASSERT_TRUE(Eventually([&] { return source->counters().encoded >= 15; }));
   source->Stop();
   const auto counters = source->counters();
   EXPECT_EQ(counters.captured, 1u);
@@ -167,7 +160,7 @@ TEST_F(CaptureSourceTest, ASecondStopChangesNothingAndLogsNothing) {
   auto source = MakeSource(30, encoder_);
   source->Start();
   ASSERT_TRUE(capturer_->Deliver(grey_.view, 1'000'000));
-  ASSERT_TRUE(WaitFor([&] { return source->counters().encoded >= 2; }));
+  ASSERT_TRUE(Eventually([&] { return source->counters().encoded >= 2; }));
   source->Stop();
   const auto after_first = source->counters();
   source->Stop();
@@ -242,9 +235,9 @@ TEST_F(CaptureSourceTest, TheNewestPictureReachesTheEncoder) {
   source->Start();
   SolidBgra white(640, 360, 255);
   ASSERT_TRUE(capturer_->Deliver(grey_.view, 1'000'000));
-  ASSERT_TRUE(WaitFor([&] { return encoder_.calls() >= 2; }));
+  ASSERT_TRUE(Eventually([&] { return encoder_.calls() >= 2; }));
   ASSERT_TRUE(capturer_->Deliver(white.view, 1'000'000 + kTicksPerSecond));
-  ASSERT_TRUE(WaitFor([&] { return encoder_.calls() >= 6; }));
+  ASSERT_TRUE(Eventually([&] { return encoder_.calls() >= 6; }));
   source->Stop();
   // The recorded sample is the middle of the luma plane.
   const auto luma = encoder_.luma_seen();
@@ -265,7 +258,7 @@ TEST_F(CaptureSourceTest, AFrameThreadDeliveringThroughStopNeverRacesTheEncodeTh
       if (capturer_->Deliver(i % 2 == 0 ? grey_.view : white.view, SteadyNowNs() / 100)) ++delivered;
     }
   });
-  ASSERT_TRUE(WaitFor([&] { return source->counters().encoded >= 10; }));
+  ASSERT_TRUE(Eventually([&] { return source->counters().encoded >= 10; }));
   source->Stop();
   const int at_stop = delivered;
   const auto counters = source->counters();

@@ -3,6 +3,8 @@
 // of its own.
 #include <gtest/gtest.h>
 
+#include "mirell/testsupport/eventually.h"
+
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -51,15 +53,6 @@ std::size_t ExpectedAudioUnits(const PeerMediaFixture& fixture) {
   return count;
 }
 
-template <typename Predicate>
-bool Eventually(milliseconds timeout, Predicate done) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(milliseconds(5));
-  }
-  return true;
-}
 
 class PeerMediaTest : public ::testing::Test {
  protected:
@@ -94,9 +87,9 @@ class PeerMediaTest : public ::testing::Test {
     daemon::AudioBus audio;
     PeerSender sender(&host, &frames, with_audio ? &audio : nullptr, 48000);
     sender.Start();
-    ASSERT_TRUE(Eventually(milliseconds(2000), [&] {
+    ASSERT_TRUE(testsupport::Eventually([&] {
       return frames.SubscriberCount() == 1 && (!with_audio || audio.SubscriberCount() == 1);
-    }));
+    }, milliseconds(2000)));
     testing::PublishInRealTime(*fixture_, kStart, frames, with_audio ? &audio : nullptr);
     // The last units leave within one round of the sender.
     std::this_thread::sleep_for(milliseconds(300));
@@ -125,7 +118,7 @@ class PeerMediaTest : public ::testing::Test {
     ASSERT_TRUE(pair.Connect()) << Log();
 
     SendThrough(*pair.host, with_audio);
-    ASSERT_TRUE(Eventually(milliseconds(5000), [&] { return receiver.video_units() == kFrames; }))
+    ASSERT_TRUE(testsupport::Eventually([&] { return receiver.video_units() == kFrames; }, milliseconds(5000)))
         << receiver.video_units();
     pair.viewer->Close();
     pair.host->Close();
@@ -205,8 +198,7 @@ TEST_F(PeerMediaTest, AViewerInAProcessOfItsOwnGetsEveryUnit) {
   testsupport::ChildProcess viewer({MIRELL_PEER_VIEWER, (dir_.path() / "offer").string(),
                                     (dir_.path() / "answer").string(),
                                     (dir_.path() / "out").string()});
-  ASSERT_TRUE(Eventually(milliseconds(10000),
-                         [&] { return std::filesystem::exists(dir_.path() / "answer"); }));
+  ASSERT_TRUE(testsupport::Eventually([&] { return std::filesystem::exists(dir_.path() / "answer"); }, milliseconds(10000)));
   host->SetRemoteDescription(testsupport::ReadFileText(dir_.path() / "answer"));
   ASSERT_TRUE(seen.WaitForState(transport::PeerState::kConnected, milliseconds(10000))) << Log();
 
@@ -228,7 +220,7 @@ TEST_F(PeerMediaTest, AViewerInAProcessOfItsOwnGetsEveryUnit) {
     read_lines();
     return video_lines.size() == kFrames && audio_lines.size() + kMayOvertake >= expected_units;
   };
-  ASSERT_TRUE(Eventually(milliseconds(5000), nearly_all))
+  ASSERT_TRUE(testsupport::Eventually(nearly_all, milliseconds(5000)))
       << video_lines.size() << " frames, " << audio_lines.size() << " units of " << expected_units;
   std::this_thread::sleep_for(milliseconds(300));  // Anything still on its way.
   read_lines();

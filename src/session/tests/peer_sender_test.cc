@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "mirell/testsupport/eventually.h"
+
 #include <chrono>
 #include <thread>
 
@@ -44,14 +46,7 @@ std::vector<media::RtpPacketView> Parse(const std::vector<RecordingLink::Bytes>&
   return views;
 }
 
-template <typename Predicate>
-bool Eventually(Predicate done) {
-  for (int i = 0; i < 500; ++i) {
-    if (done()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return done();
-}
+using testsupport::Eventually;
 
 class PeerSenderTest : public ::testing::Test {
  protected:
