@@ -11,6 +11,7 @@
 namespace mirell::capture {
 
 X11Grabber::X11Grabber(X11Connection& x) : x_(x) {
+  if (!x_.ok()) return;
   if (x_.HasExtension("MIT-SHM")) {
     auto version = TakeReply(xcb_shm_query_version_reply(x_.get(), xcb_shm_query_version(x_.get()), nullptr));
     // Passing a file descriptor needs MIT-SHM 1.2.

@@ -43,7 +43,7 @@ struct WindowGeometry {
 
 class X11Grabber {
  public:
-  // Uses `x`, which must outlive the grabber.
+  // Uses `x`, which must outlive the grabber; with a failed connection it must not be used.
   explicit X11Grabber(X11Connection& x);
   ~X11Grabber();
   X11Grabber(const X11Grabber&) = delete;

@@ -14,6 +14,7 @@
 #include "mirell/base/logging.h"
 #include "mirell/capture/capture_targets.h"
 #include "mirell/capture/capturer.h"
+#include "mirell/capture/thumbnails.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/xvfb.h"
@@ -476,6 +477,60 @@ TEST_F(X11CaptureTest, AWaylandSessionWithoutXIsReportedClearly) {
   unsetenv("WAYLAND_DISPLAY");
   setenv("DISPLAY", display_->name().c_str(), 1);
   EXPECT_TRUE(IsCaptureSupported());
+}
+
+// --- Thumbnails ---
+
+TEST_F(X11CaptureTest, AThumbnailOfACoveredWindowShowsItsOwnContentScaledDown) {
+  const auto covered = StartWindow({"--title", "Thumb", "--size", "640x360", "--position", "100,100", "--color", HexColour(kRed)});
+  const auto cover = StartWindow({"--title", "Thumb Cover", "--size", "800x600", "--position", "50,50", "--color", HexColour(kGreen)});
+  (void)cover;
+  const auto source = CreateThumbnailSource();
+  CaptureTarget target;
+  target.window = covered.id();
+  std::optional<Thumbnail> thumbnail;
+  // The first one may be black: the window repaints once it is redirected.
+  ASSERT_TRUE(Eventually([&] {
+    thumbnail = source->Take(target, 160, 160);
+    return thumbnail && thumbnail->bgra.size() > 4 && thumbnail->bgra[2] == 255 && thumbnail->bgra[1] == 0;
+  }));
+  EXPECT_EQ(thumbnail->width, 160u);
+  EXPECT_EQ(thumbnail->height, 90u);
+}
+
+TEST_F(X11CaptureTest, AMonitorThumbnailHasTheMonitorsProportions) {
+  const auto source = CreateThumbnailSource();
+  CaptureTarget target;
+  target.kind = CaptureKind::kMonitor;
+  const auto thumbnail = source->Take(target, 256, 256);
+  ASSERT_TRUE(thumbnail.has_value());
+  const auto monitor = EnumerateMonitors().at(0);
+  EXPECT_EQ(thumbnail->width, 256u);
+  EXPECT_EQ(thumbnail->height, 256u * monitor.height / monitor.width);
+  target.monitor = 99;
+  EXPECT_FALSE(source->Take(target, 256, 256).has_value());
+}
+
+TEST_F(X11CaptureTest, NoThumbnailOfAMinimisedOrClosedWindowOrWithoutADisplay) {
+  auto window = StartWindow({"--title", "Thumb Gone"});
+  const auto source = CreateThumbnailSource();
+  CaptureTarget target;
+  target.window = window.id();
+  ASSERT_TRUE(source->Take(target, 100, 100).has_value());
+  Xdotool({"windowminimize", "--sync", std::to_string(window.id())});
+  EXPECT_TRUE(Eventually([&] { return !source->Take(target, 100, 100).has_value(); }));
+  window.process().Signal(SIGTERM);
+  window.process().Wait(5s);
+  EXPECT_TRUE(Eventually([&] { return !source->Take(target, 100, 100).has_value(); }));
+  target.window = 0;
+  EXPECT_FALSE(source->Take(target, 100, 100).has_value());
+
+  unsetenv("DISPLAY");
+  const auto without_display = CreateThumbnailSource();
+  target.kind = CaptureKind::kMonitor;
+  target.monitor = 0;
+  EXPECT_FALSE(without_display->Take(target, 100, 100).has_value());
+  setenv("DISPLAY", display_->name().c_str(), 1);
 }
 
 }  // namespace

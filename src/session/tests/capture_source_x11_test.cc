@@ -1,0 +1,84 @@
+// The capture source on the real X11 capturer: a window on Xvfb through the capturer, the video
+// processor and the H.264 encoder onto the bus.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "mirell/base/media_time.h"
+#include "mirell/capture/capturer.h"
+#include "mirell/session/capture_source.h"
+#include "mirell/testsupport/eventually.h"
+#include "mirell/testsupport/xvfb.h"
+#include "test_window.h"
+
+namespace mirell::session {
+namespace {
+
+using testsupport::Eventually;
+
+class CaptureSourceOnX11 : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    testsupport::XvfbOptions options;
+    options.window_manager = true;
+    display_ = std::make_unique<testsupport::XvfbDisplay>(options);
+    if (!display_->available()) GTEST_SKIP() << "Xvfb or openbox is missing";
+    setenv("DISPLAY", display_->name().c_str(), 1);
+    encode::H264EncoderConfig config;
+    config.width = 640;
+    config.height = 360;
+    config.bitrate_bps = 1'000'000;
+    encoder_ = encode::CreateH264Encoder(config);
+  }
+
+  std::unique_ptr<CaptureSource> SourceFor(std::uint32_t window) {
+    capture::CaptureTarget target;
+    target.window = window;
+    target.show_cursor = false;
+    return std::make_unique<CaptureSource>(capture::CreateCapturer(target), *encoder_,
+                                           encode::CreateVideoProcessor(640, 360), bus_, 30);
+  }
+
+  std::unique_ptr<testsupport::XvfbDisplay> display_;
+  std::unique_ptr<encode::H264Encoder> encoder_;
+  daemon::FrameBus bus_;
+};
+
+TEST_F(CaptureSourceOnX11, AStillWindowIsRepeatedAtTheTargetRate) {
+  capture::TestWindow window(display_->name(), {"--title", "Still", "--color", "FF0000"});
+  ASSERT_NE(window.id(), 0u);
+  auto source = SourceFor(window.id());
+  const auto reader = bus_.Subscribe(256, 0);
+  source->Start();
+  std::vector<encode::EncodedFramePtr> units;
+  ASSERT_TRUE(Eventually([&] {
+    while (auto unit = reader->Pop(0)) units.push_back(std::move(unit));
+    return units.size() >= 30;
+  }));
+  source->Stop();
+  const auto counters = source->counters();
+  EXPECT_LE(counters.captured, 3u) << "a still window is read once or twice, not on every tick";
+  EXPECT_GE(counters.repeated, counters.encoded - counters.captured);
+  EXPECT_TRUE(units.front()->keyframe);
+  for (std::size_t i = 0; i < units.size(); ++i) {
+    EXPECT_EQ(units[i]->pts_100ns, static_cast<std::int64_t>(i) * kTicksPerSecond / 30);
+  }
+}
+
+TEST_F(CaptureSourceOnX11, AWindowChangingFasterThanTheTargetIsThinned) {
+  // Repaints every 8 ms: well above 30 frames a second.
+  capture::TestWindow window(display_->name(),
+                             {"--title", "Busy", "--color", "FF0000", "--color2", "0000FF", "--alternate-ms", "8"});
+  ASSERT_NE(window.id(), 0u);
+  auto source = SourceFor(window.id());
+  source->Start();
+  ASSERT_TRUE(Eventually([&] { return source->counters().encoded >= 30; }));
+  source->Stop();
+  const auto counters = source->counters();
+  EXPECT_GT(counters.dropped, 0u);
+  EXPECT_GT(counters.captured, counters.encoded) << "more frames came than were wanted";
+  EXPECT_LE(counters.captured - counters.dropped, counters.encoded + 5) << "about one kept frame a tick";
+}
+
+}  // namespace
+}  // namespace mirell::session
