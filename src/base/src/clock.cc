@@ -1,5 +1,6 @@
 #include "mirell/base/clock.h"
 
+#include <sys/prctl.h>
 #include <time.h>
 
 #include <cerrno>
@@ -13,12 +14,23 @@ std::int64_t SteadyNowNs() {
       .count();
 }
 
+namespace {
+// Timer slack belongs to a thread, so it is set once by each thread that sleeps.
+void UseFinestTimerSlackOnThisThread() {
+  thread_local bool done = false;
+  if (done) return;
+  done = true;
+  prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+}
+}  // namespace
+
 void PreciseSleeper::SleepUntil(std::int64_t deadline_ns) {
-  const std::int64_t timer_ns = TimerPortion(deadline_ns - SteadyNowNs());
+  if (settings_.finest_timer_slack) UseFinestTimerSlackOnThisThread();
+  const std::int64_t timer_ns = TimerPortion(deadline_ns - SteadyNowNs(), settings_.spin_ns);
   if (timer_ns > 0) {
     // Absolute on the monotonic clock (steady_clock is CLOCK_MONOTONIC on Linux), so a signal
     // that interrupts the sleep resumes it without drift.
-    const std::int64_t wake_ns = deadline_ns - kSpinNs;
+    const std::int64_t wake_ns = deadline_ns - settings_.spin_ns;
     const timespec wake{static_cast<time_t>(wake_ns / 1'000'000'000),
                         static_cast<long>(wake_ns % 1'000'000'000)};
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &wake, nullptr) == EINTR) {

@@ -5,11 +5,12 @@
 //
 // mirell_test_window [--title T] [--size WxH] [--position X,Y] [--color RRGGBB]
 //                    [--color2 RRGGBB --alternate-ms N] [--type NAME] [--no-pid | --fake-pid N]
-//                    [--child-title T] [--ready-file P]
+//                    [--child-title T] [--bars] [--ready-file P]
 #include <poll.h>
 #include <unistd.h>
 #include <xcb/xcb.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -29,6 +30,7 @@ struct Options {
   bool pid = true;
   long fake_pid = 0;
   std::string child_title;
+  bool bars = false;
   std::string ready_file;
 };
 
@@ -55,6 +57,7 @@ Options Parse(int argc, char** argv) {
     else if (a == "--no-pid") o.pid = false;
     else if (a == "--fake-pid") o.fake_pid = std::atol(v), ++i;
     else if (a == "--child-title") o.child_title = v, ++i;
+    else if (a == "--bars") o.bars = true;
     else if (a == "--ready-file") o.ready_file = v, ++i;
     else {
       std::fprintf(stderr, "unknown option %s\n", a.c_str());
@@ -109,11 +112,24 @@ int main(int argc, char** argv) {
   std::uint16_t width = o.width, height = o.height;
   bool second = false;
   bool announced = false;
+  int frame = 0;
   auto paint = [&] {
     const std::uint32_t colour = second ? o.color2 : o.color;
     xcb_change_gc(c, gc, XCB_GC_FOREGROUND, &colour);
     const xcb_rectangle_t all{0, 0, width, height};
     xcb_poly_fill_rectangle(c, window, gc, 1, &all);
+    if (o.bars) {
+      // Moving content for benchmarks: eight bars of the other colour that slide each repaint.
+      const std::uint32_t other = second ? o.color : o.color2;
+      xcb_change_gc(c, gc, XCB_GC_FOREGROUND, &other);
+      const int spacing = std::max(1, width / 8);
+      for (int i = 0; i < 8; ++i) {
+        const auto x = static_cast<std::int16_t>((i * spacing + frame * 7) % std::max(1, static_cast<int>(width)));
+        const xcb_rectangle_t bar{x, 0, static_cast<std::uint16_t>(spacing / 3), height};
+        xcb_poly_fill_rectangle(c, window, gc, 1, &bar);
+      }
+      ++frame;
+    }
     xcb_flush(c);
   };
   auto next_switch = std::chrono::steady_clock::now() + std::chrono::milliseconds(o.alternate_ms);

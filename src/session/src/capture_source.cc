@@ -37,6 +37,9 @@ CaptureSource::CaptureSource(std::unique_ptr<capture::ICapturer> capturer, encod
 CaptureSource::~CaptureSource() { Stop(); }
 
 void CaptureSource::SetKeyframeCallback(std::function<void()> on_keyframe) { on_keyframe_ = std::move(on_keyframe); }
+void CaptureSource::SetTimingCallback(std::function<void(const FrameTiming&)> on_timing) {
+  on_timing_ = std::move(on_timing);
+}
 void CaptureSource::SetEpoch(std::atomic<std::int64_t>* epoch) { epoch_ = epoch; }
 void CaptureSource::SetResumeFrame(std::uint64_t frame) {
   resume_frame_ = frame;
@@ -90,6 +93,7 @@ void CaptureSource::OnFrame(const capture::CapturedFrame& frame) {
   {
     std::lock_guard lock(mutex_);
     std::swap(incoming_, slot_);
+    slot_captured_ns_ = frame.timestamp * 100;
     slot_filled_ = true;
     ++slot_generation_;
   }
@@ -114,27 +118,33 @@ void CaptureSource::EncodeLoop() {
   std::int64_t ticks = 0;
   std::uint64_t last_generation = 0;
   std::vector<encode::EncodedFrame> out;
+  FrameTiming timing;
   while (running_) {
     {
       std::lock_guard lock(mutex_);
-      if (slot_generation_ == last_generation) {
+      timing.repeated = slot_generation_ == last_generation;
+      if (timing.repeated) {
         ++repeated_;
       } else {
         std::swap(slot_, encoding_);
         last_generation = slot_generation_;
+        timing.captured_ns = slot_captured_ns_;
       }
     }
     out.clear();
+    timing.encode_start_ns = SteadyNowNs();
     try {
       encoder_.EncodeTexture(encoding_, frame_index * kTicksPerSecond / fps, out);
     } catch (const std::exception& error) {
       LOG_WARN("Encode failed: {}", error.what());
     }
+    timing.encode_end_ns = SteadyNowNs();
     for (auto& unit : out) {
       ++encoded_;
       if (unit.keyframe && on_keyframe_) on_keyframe_();
       bus_.Publish(std::make_shared<const encode::EncodedFrame>(std::move(unit)));
     }
+    if (on_timing_) on_timing_(timing);
     ++frame_index;
     ++ticks;
     next_frame_ = static_cast<std::uint64_t>(frame_index);

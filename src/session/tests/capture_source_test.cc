@@ -294,5 +294,32 @@ TEST_F(CaptureSourceTest, TheRealEncoderMakesAKeyframeFirstAndFrameTimesFromTheI
   }
 }
 
+TEST_F(CaptureSourceTest, EveryTickReportsItsTimesAndWhetherItRepeated) {
+  std::mutex mutex;
+  std::vector<CaptureSource::FrameTiming> timings;
+  auto source = MakeSource(30, encoder_);
+  source->SetTimingCallback([&](const CaptureSource::FrameTiming& timing) {
+    std::lock_guard lock(mutex);
+    timings.push_back(timing);
+  });
+  source->Start();
+  const std::int64_t captured_100ns = SteadyNowNs() / 100;
+  ASSERT_TRUE(capturer_->Deliver(grey_.view, captured_100ns));
+  ASSERT_TRUE(Eventually([&] {
+    std::lock_guard lock(mutex);
+    return timings.size() >= 3;
+  }));
+  source->Stop();
+  std::lock_guard lock(mutex);
+  EXPECT_FALSE(timings[0].repeated);
+  EXPECT_EQ(timings[0].captured_ns, captured_100ns * 100);
+  EXPECT_TRUE(timings[1].repeated);
+  EXPECT_EQ(timings[1].captured_ns, captured_100ns * 100) << "a repeat carries the picture's capture time";
+  for (const auto& timing : timings) {
+    EXPECT_GE(timing.encode_start_ns, timing.captured_ns);
+    EXPECT_GE(timing.encode_end_ns, timing.encode_start_ns);
+  }
+}
+
 }  // namespace
 }  // namespace mirell::session

@@ -16,19 +16,29 @@ class IClock {
   virtual void SleepUntil(std::int64_t deadline_ns) = 0;
 };
 
-// Sleeps with the kernel's timer to one millisecond before the deadline, then spins on the
-// monotonic clock, so that a loop at 60 frames per second is not at the scheduler's mercy.
-// Costs up to 1 ms of one core per sleep, by design. One thread at a time.
+// Sleeps with the kernel's timer to shortly before the deadline, then spins on the monotonic
+// clock, so that a loop at 60 frames per second is not at the scheduler's mercy. The spin costs
+// CPU on every sleep; the thread's timer slack (how late the kernel may wake it, 50 us by
+// default on Linux) decides how short the spin can be. One thread at a time.
 class PreciseSleeper {
  public:
-  // The part of the remaining time that the timer sleeps; the rest, always the last
-  // millisecond, is spun. A remaining time of 1 ms or less takes no timer at all.
   static constexpr std::int64_t kSpinNs = 1'000'000;
-  static constexpr std::int64_t TimerPortion(std::int64_t remaining_ns) {
-    return remaining_ns > kSpinNs ? remaining_ns - kSpinNs : 0;
+  struct Settings {
+    // The last part of every wait, spun rather than slept.
+    std::int64_t spin_ns = kSpinNs;
+    // Asks the kernel to wake the sleeping thread as close to its deadline as it can (on
+    // Linux, a timer slack of 1 ns for the thread that sleeps, set at its first sleep).
+    bool finest_timer_slack = false;
+  };
+
+  // The part of the remaining time that the timer sleeps; the rest, the last `spin_ns`, is
+  // spun. A remaining time of `spin_ns` or less takes no timer at all.
+  static constexpr std::int64_t TimerPortion(std::int64_t remaining_ns, std::int64_t spin_ns = kSpinNs) {
+    return remaining_ns > spin_ns ? remaining_ns - spin_ns : 0;
   }
 
   PreciseSleeper() = default;
+  explicit PreciseSleeper(const Settings& settings) : settings_(settings) {}
   PreciseSleeper(PreciseSleeper&&) = default;
   PreciseSleeper& operator=(PreciseSleeper&&) = default;
   PreciseSleeper(const PreciseSleeper&) = delete;
@@ -37,6 +47,9 @@ class PreciseSleeper {
   // Returns at or after `deadline_ns` on the steady clock; a deadline in the past returns after
   // one reading of the clock.
   void SleepUntil(std::int64_t deadline_ns);
+
+ private:
+  Settings settings_;
 };
 
 // Nanoseconds of the monotonic clock that PreciseSleeper and SystemClock read.

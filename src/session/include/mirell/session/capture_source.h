@@ -30,6 +30,15 @@ class CaptureSource {
     std::uint64_t repeated = 0;  // Ticks that encoded the previous picture again.
   };
 
+  // One tick's times, for figures: when the encoded picture was captured, and when its encoding
+  // began and ended, all on the steady clock in nanoseconds.
+  struct FrameTiming {
+    std::int64_t captured_ns = 0;
+    std::int64_t encode_start_ns = 0;
+    std::int64_t encode_end_ns = 0;
+    bool repeated = false;  // The picture had been encoded before.
+  };
+
   // Throws Error for a target_fps of 0. The encoder is not owned: it outlives a source, so that
   // it survives a change of target; the bus likewise.
   CaptureSource(std::unique_ptr<capture::ICapturer> capturer, encode::H264Encoder& encoder,
@@ -48,6 +57,8 @@ class CaptureSource {
   void SetEpoch(std::atomic<std::int64_t>* epoch);
   // The index of this source's first frame: a replacing source goes on where the old one ended.
   void SetResumeFrame(std::uint64_t frame);
+  // Called on the encode thread after every tick; for benchmarks and diagnostics.
+  void SetTimingCallback(std::function<void(const FrameTiming&)> on_timing);
 
   // Starts the encode thread, then the capturer. Once only; a second call does nothing.
   void Start();
@@ -67,6 +78,7 @@ class CaptureSource {
   std::unique_ptr<capture::ICapturer> capturer_;
   encode::H264Encoder& encoder_;
   std::function<void()> on_keyframe_;
+  std::function<void(const FrameTiming&)> on_timing_;
   std::atomic<std::int64_t>* epoch_ = nullptr;
   std::unique_ptr<encode::VideoProcessor> processor_;
   daemon::FrameBus& bus_;
@@ -82,6 +94,7 @@ class CaptureSource {
   encode::Nv12Frame slot_;
   bool slot_filled_ = false;  // Never goes back to false.
   std::uint64_t slot_generation_ = 0;
+  std::int64_t slot_captured_ns_ = 0;  // Capture time of the picture in the slot.
 
   // The capturer's thread only.
   std::int64_t first_timestamp_ = 0;  // 0: none seen yet.

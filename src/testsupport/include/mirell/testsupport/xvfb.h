@@ -30,6 +30,8 @@ class XvfbDisplay {
   bool available() const { return server_ != nullptr; }
   // ":N", for DISPLAY.
   const std::string& name() const { return name_; }
+  // The X server's process, for benchmarks that count its CPU.
+  int server_pid() const { return server_ ? server_->pid() : -1; }
 
  private:
   bool StartWindowManager();
