@@ -116,6 +116,16 @@ class X11CaptureTest : public ::testing::Test {
     return window;
   }
 
+  // Captures a window, without the pointer unless asked, into `frames`.
+  static std::unique_ptr<ICapturer> CaptureWindow(std::uint32_t window, FrameLog& frames, bool show_cursor = false) {
+    CaptureTarget target;
+    target.window = window;
+    target.show_cursor = show_cursor;
+    auto capturer = CreateCapturer(target);
+    capturer->Start(frames.Callback());
+    return capturer;
+  }
+
   static bool Listed(std::uint32_t id) {
     for (const auto& window : EnumerateWindows()) {
       if (window.window == id) return true;
@@ -274,15 +284,11 @@ TEST_F(X11CaptureTest, ACoveredWindowIsCapturedWithItsOwnColours) {
   const auto covered = StartWindow({"--title", "Covered", "--size", "400x300", "--position", "100,100", "--color", HexColour(kRed)});
   const auto cover = StartWindow({"--title", "Cover", "--size", "600x500", "--position", "50,50", "--color", HexColour(kGreen)});
   (void)cover;
-  CaptureTarget target;
-  target.window = covered.id();
-  target.show_cursor = false;
-  auto capturer = CreateCapturer(target);
+  FrameLog frames;
+  auto capturer = CaptureWindow(covered.id(), frames);
   EXPECT_EQ(capturer->name(), "Covered");
   EXPECT_EQ(capturer->width(), 400u);
   EXPECT_EQ(capturer->height(), 300u);
-  FrameLog frames;
-  capturer->Start(frames.Callback());
   ASSERT_TRUE(Eventually([&] { return frames.count() >= 1; }));
   // The first frames after redirecting may be black until the window repaints.
   ASSERT_TRUE(Eventually([&] { return frames.RgbAt(200, 150) == kRed; })) << HexColour(frames.RgbAt(200, 150));
@@ -293,12 +299,8 @@ TEST_F(X11CaptureTest, ACoveredWindowIsCapturedWithItsOwnColours) {
 
 TEST_F(X11CaptureTest, AStillWindowGivesNoFurtherFramesAndAChangingOneGivesMany) {
   const auto still = StartWindow({"--title", "Still", "--color", HexColour(kRed)});
-  CaptureTarget target;
-  target.window = still.id();
-  target.show_cursor = false;
-  auto capturer = CreateCapturer(target);
   FrameLog frames;
-  capturer->Start(frames.Callback());
+  auto capturer = CaptureWindow(still.id(), frames);
   ASSERT_TRUE(Eventually([&] { return frames.count() >= 1 && frames.RgbAt(10, 10) == kRed; }));
   const int settled = frames.count();
   std::this_thread::sleep_for(300ms);  // Watching for frames that must not come.
@@ -306,10 +308,8 @@ TEST_F(X11CaptureTest, AStillWindowGivesNoFurtherFramesAndAChangingOneGivesMany)
   capturer->Stop();
 
   const auto changing = StartWindow({"--title", "Changing", "--color", HexColour(kRed), "--color2", HexColour(kGreen), "--alternate-ms", "10"});
-  target.window = changing.id();
-  auto second = CreateCapturer(target);
   FrameLog changing_frames;
-  second->Start(changing_frames.Callback());
+  auto second = CaptureWindow(changing.id(), changing_frames);
   EXPECT_TRUE(Eventually([&] { return changing_frames.count() >= 20; }));
   second->Stop();
   // Grabs start at least 4 ms apart; the time stamps, read after each grab, may jitter by the
@@ -321,12 +321,8 @@ TEST_F(X11CaptureTest, AStillWindowGivesNoFurtherFramesAndAChangingOneGivesMany)
 
 TEST_F(X11CaptureTest, AResizeLogsOnceAndLaterFramesHaveTheNewSize) {
   const auto window = StartWindow({"--title", "Resizable", "--size", "400x300", "--color", HexColour(kRed)});
-  CaptureTarget target;
-  target.window = window.id();
-  target.show_cursor = false;
-  auto capturer = CreateCapturer(target);
   FrameLog frames;
-  capturer->Start(frames.Callback());
+  auto capturer = CaptureWindow(window.id(), frames);
   ASSERT_TRUE(Eventually([&] { return frames.count() >= 1; }));
   EXPECT_EQ(frames.size(), std::make_pair(400u, 300u));
   Xdotool({"windowsize", "--sync", std::to_string(window.id()), "500", "400"});
@@ -345,12 +341,8 @@ TEST_F(X11CaptureTest, AResizeLogsOnceAndLaterFramesHaveTheNewSize) {
 TEST_F(X11CaptureTest, AMinimisedWindowGivesNoFramesAndStaysAlive) {
   const auto window = StartWindow({"--title", "Minimised Capture", "--color", HexColour(kRed), "--color2", HexColour(kGreen),
                                    "--alternate-ms", "20"});
-  CaptureTarget target;
-  target.window = window.id();
-  target.show_cursor = false;
-  auto capturer = CreateCapturer(target);
   FrameLog frames;
-  capturer->Start(frames.Callback());
+  auto capturer = CaptureWindow(window.id(), frames);
   ASSERT_TRUE(Eventually([&] { return frames.count() >= 3; }));
   Xdotool({"windowminimize", "--sync", std::to_string(window.id())});
   std::this_thread::sleep_for(100ms);
@@ -365,11 +357,8 @@ TEST_F(X11CaptureTest, AMinimisedWindowGivesNoFramesAndStaysAlive) {
 
 TEST_F(X11CaptureTest, ClosingTheWindowTurnsAliveFalse) {
   auto window = StartWindow({"--title", "Closing", "--color", HexColour(kRed)});
-  CaptureTarget target;
-  target.window = window.id();
-  auto capturer = CreateCapturer(target);
   FrameLog frames;
-  capturer->Start(frames.Callback());
+  auto capturer = CaptureWindow(window.id(), frames, true);
   ASSERT_TRUE(Eventually([&] { return frames.count() >= 1; }));
   EXPECT_TRUE(capturer->alive());
   window.process().Signal(SIGTERM);
@@ -406,12 +395,8 @@ TEST_F(X11CaptureTest, ThePointerIsDrawnOnlyWhenAskedFor) {
   const auto window = StartWindow({"--title", "Pointer", "--size", "300x300", "--position", "100,100", "--color", HexColour(kRed)});
   Xdotool({"mousemove", "--sync", "250", "250"});
   for (const bool show : {false, true}) {
-    CaptureTarget target;
-    target.window = window.id();
-    target.show_cursor = show;
-    auto capturer = CreateCapturer(target);
     FrameLog frames;
-    capturer->Start(frames.Callback());
+    auto capturer = CaptureWindow(window.id(), frames, show);
     ASSERT_TRUE(Eventually([&] { return frames.count() >= 1 && frames.RgbAt(10, 10) == kRed; }));
     if (show) {
       EXPECT_TRUE(Eventually([&] { return frames.CountOtherThan(kRed) > 20; })) << "the pointer's pixels";
