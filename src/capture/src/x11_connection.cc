@@ -40,6 +40,7 @@ std::vector<std::uint32_t> X11Connection::Property32(xcb_window_t window, xcb_at
       connection_, xcb_get_property(connection_, 0, window, property, type, 0, 1 << 16), nullptr));
   if (!reply || reply->format != 32 || reply->type != type) return {};
   const auto count = static_cast<std::size_t>(xcb_get_property_value_length(reply.get())) / 4;
+  if (count == 0) return {};
   std::vector<std::uint32_t> values(count);
   std::memcpy(values.data(), xcb_get_property_value(reply.get()), count * 4);
   return values;
