@@ -1,0 +1,228 @@
+// Sound capture against a private PulseAudio server with tone players in processes of their
+// own: one application's sound apart from another's, the whole output, the fall-back, time
+// stamps and Stop.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <mutex>
+#include <thread>
+
+#include "mirell/base/error.h"
+#include "mirell/base/logging.h"
+#include "mirell/capture/audio_capturer.h"
+#include "mirell/testsupport/eventually.h"
+#include "mirell/testsupport/subprocess.h"
+#include "pulse_server.h"
+
+namespace mirell::capture {
+namespace {
+
+using namespace std::chrono_literals;
+using testsupport::Eventually;
+
+// What a capturer delivered: the left channel's samples and each buffer's time and length.
+class SoundLog {
+ public:
+  explicit SoundLog(std::uint32_t channels = 2) : channels_(channels) {}
+  IAudioCapturer::AudioCallback Callback() {
+    return [this](const AudioBuffer& buffer) {
+      std::lock_guard lock(mutex_);
+      for (std::uint64_t i = 0; i < buffer.frames; ++i) left_.push_back(buffer.samples[i * channels_]);
+      buffers_.push_back({buffer.timestamp, buffer.frames});
+    };
+  }
+  std::size_t frames() const {
+    std::lock_guard lock(mutex_);
+    return left_.size();
+  }
+  std::vector<float> left() const {
+    std::lock_guard lock(mutex_);
+    return left_;
+  }
+  std::vector<std::pair<std::int64_t, std::uint64_t>> buffers() const {
+    std::lock_guard lock(mutex_);
+    return buffers_;
+  }
+
+ private:
+  const std::uint32_t channels_;
+  mutable std::mutex mutex_;
+  std::vector<float> left_;
+  std::vector<std::pair<std::int64_t, std::uint64_t>> buffers_;
+};
+
+// The power of one frequency in the samples (Goertzel), normalised by their count.
+double PowerAt(const std::vector<float>& samples, double hertz, double rate = 48000) {
+  const double coefficient = 2 * std::cos(2 * 3.141592653589793 * hertz / rate);
+  double previous = 0, before = 0;
+  for (const float sample : samples) {
+    const double current = sample + coefficient * previous - before;
+    before = previous;
+    previous = current;
+  }
+  const double power = previous * previous + before * before - coefficient * previous * before;
+  return power / static_cast<double>(samples.size() * samples.size());
+}
+
+// The last second of what was captured, once at least that much has come.
+std::vector<float> LastSecond(const SoundLog& log) {
+  auto left = log.left();
+  if (left.size() > 48000) left.erase(left.begin(), left.end() - 48000);
+  return left;
+}
+
+class PulseCaptureTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!server_.available()) GTEST_SKIP() << "pulseaudio is missing";
+    if (!testsupport::HaveProgram("paplay") || !testsupport::HaveProgram("sox")) GTEST_SKIP() << "paplay or sox is missing";
+    ASSERT_TRUE(SetLogFile(dir_.path() / "log"));
+    saved_level_ = GetLogLevel();
+    SetLogLevel(LogLevel::kInfo);
+  }
+  void TearDown() override { SetLogLevel(saved_level_); }
+
+  // A capturer built within the factories' bound, retried while the player's stream appears.
+  std::unique_ptr<IAudioCapturer> ProcessCapturer(int pid) {
+    std::unique_ptr<IAudioCapturer> capturer;
+    Eventually([&] {
+      try {
+        capturer = CreateProcessLoopbackCapturer(static_cast<std::uint32_t>(pid), {});
+      } catch (const Error&) {
+      }
+      return capturer != nullptr;
+    }, 5s);
+    return capturer;
+  }
+
+  std::string Log() const { return testsupport::ReadFileText(dir_.path() / "log"); }
+
+  PulseServer server_;
+  testsupport::TempDir dir_;
+  LogLevel saved_level_ = LogLevel::kWarn;
+};
+
+TEST_F(PulseCaptureTest, OneApplicationIsHeardApartFromAnother) {
+  TonePlayer low(server_, 440);
+  TonePlayer high(server_, 880);
+  auto capturer = ProcessCapturer(low.pid());
+  ASSERT_NE(capturer, nullptr) << "the 440 Hz player's stream never appeared";
+  EXPECT_TRUE(capturer->process_scoped());
+  EXPECT_EQ(capturer->format().sample_rate, 48000u);
+  EXPECT_EQ(capturer->format().channels, 2u);
+  SoundLog log;
+  capturer->Start(log.Callback());
+  // A null sink may render its first block late.
+  ASSERT_TRUE(Eventually([&] { return log.frames() >= 96000; }, 6s));
+  capturer->Stop();
+  const auto samples = LastSecond(log);
+  const double at_440 = PowerAt(samples, 440);
+  const double at_880 = PowerAt(samples, 880);
+  EXPECT_GT(at_440, 100 * at_880) << "440: " << at_440 << ", 880: " << at_880;
+  EXPECT_GT(at_440, 0.001);
+  EXPECT_NE(Log().find("process " + std::to_string(low.pid()) + " loopback at 48000 Hz, 2 channels"), std::string::npos);
+}
+
+TEST_F(PulseCaptureTest, TheWholeOutputHasEveryApplication) {
+  TonePlayer low(server_, 440);
+  TonePlayer high(server_, 880);
+  // Both players are playing once each one's own capture can start.
+  ASSERT_NE(ProcessCapturer(low.pid()), nullptr);
+  ASSERT_NE(ProcessCapturer(high.pid()), nullptr);
+  auto capturer = CreateDeviceLoopbackCapturer({});
+  EXPECT_FALSE(capturer->process_scoped());
+  EXPECT_EQ(capturer->name(), "whole-device loopback");
+  SoundLog log;
+  capturer->Start(log.Callback());
+  ASSERT_TRUE(Eventually([&] { return log.frames() >= 96000; }, 6s));
+  capturer->Stop();
+  const auto samples = LastSecond(log);
+  EXPECT_GT(PowerAt(samples, 440), 0.001);
+  EXPECT_GT(PowerAt(samples, 880), 0.001);
+}
+
+TEST_F(PulseCaptureTest, AProcessTreeIsFollowedIncludingStreamsThatStartLater) {
+  const auto low_file = server_.directory() / "tone-440.wav";
+  const auto high_file = server_.directory() / "tone-880.wav";
+  testsupport::RunProcess({"sox", "-n", "-r", "48000", "-c", "2", "-b", "16", low_file.string(), "synth", "30", "sine", "440", "vol", "0.5"});
+  testsupport::RunProcess({"sox", "-n", "-r", "48000", "-c", "2", "-b", "16", high_file.string(), "synth", "30", "sine", "880", "vol", "0.5"});
+  // A parent that plays one tone through a child at once and another through a second child later.
+  testsupport::ChildProcess tree({"sh", "-c", "paplay " + low_file.string() + " & sleep 2; paplay " + high_file.string()});
+  auto capturer = ProcessCapturer(tree.pid());
+  ASSERT_NE(capturer, nullptr);
+  SoundLog log;
+  capturer->Start(log.Callback());
+  ASSERT_TRUE(Eventually([&] { return log.frames() >= 48000 * 5; }, 10s));
+  capturer->Stop();
+  const auto samples = LastSecond(log);
+  EXPECT_GT(PowerAt(samples, 440), 0.001);
+  EXPECT_GT(PowerAt(samples, 880), 0.001) << "the later stream was not followed";
+}
+
+TEST_F(PulseCaptureTest, AProcessThatPlaysNothingFallsBackToTheWholeOutputWithBothWarnings) {
+  auto capturer = CreateAudioCapturer(static_cast<std::uint32_t>(getpid()), {});
+  EXPECT_FALSE(capturer->process_scoped());
+  const std::string log = Log();
+  EXPECT_NE(log.find("process loopback unavailable ("), std::string::npos) << log;
+  EXPECT_NE(log.find("falling back to whole-device loopback. This captures EVERYTHING the machine is playing, "
+                     "including voice chat, not just the shared application."),
+            std::string::npos)
+      << log;
+  EXPECT_THROW(CreateProcessLoopbackCapturer(static_cast<std::uint32_t>(getpid()), {}), Error);
+}
+
+TEST_F(PulseCaptureTest, TimeStampsAdvanceWithTheSamples) {
+  TonePlayer tone(server_, 440);
+  ASSERT_NE(ProcessCapturer(tone.pid()), nullptr);
+  auto capturer = CreateDeviceLoopbackCapturer({});
+  SoundLog log;
+  capturer->Start(log.Callback());
+  // A fresh null sink may send a backlog faster than real time at first: three seconds of
+  // sound are let pass, then five are measured.
+  ASSERT_TRUE(Eventually([&] { return log.frames() >= 48000 * 8; }, 15s));
+  capturer->Stop();
+  const auto buffers = log.buffers();
+  std::size_t first = 0;
+  for (std::uint64_t frames = 0; first < buffers.size() && frames < 48000 * 3; ++first) frames += buffers[first].second;
+  ASSERT_LT(first + 100, buffers.size());
+  std::uint64_t frames_between = 0;
+  for (std::size_t i = first; i + 1 < buffers.size(); ++i) frames_between += buffers[i].second;
+  const std::int64_t by_clock = buffers.back().first - buffers[first].first;
+  const auto by_samples = static_cast<std::int64_t>(frames_between * 10'000'000 / 48000);
+  const double seconds = static_cast<double>(by_samples) / 1e7;
+  // Under 1 ms per 10 s, and one re-anchoring's 5 ms at either end.
+  EXPECT_LT(std::abs(by_clock - by_samples), static_cast<std::int64_t>(10'000 * seconds / 10 + 50'000))
+      << "clock " << by_clock << " samples " << by_samples << " over " << seconds << " s";
+  for (std::size_t i = first + 1; i < buffers.size(); ++i) {
+    EXPECT_GT(buffers[i].first, buffers[i - 1].first) << "buffer " << i;
+  }
+}
+
+TEST_F(PulseCaptureTest, StopReturnsAtOnceAndNoBufferComesAfterIt) {
+  TonePlayer tone(server_, 440);
+  ASSERT_NE(ProcessCapturer(tone.pid()), nullptr);
+  auto capturer = CreateDeviceLoopbackCapturer({});
+  SoundLog log;
+  capturer->Start(log.Callback());
+  ASSERT_TRUE(Eventually([&] { return log.frames() >= 4800; }, 6s));
+  const auto begin = std::chrono::steady_clock::now();
+  capturer->Stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 200ms);
+  const std::size_t at_stop = log.frames();
+  std::this_thread::sleep_for(100ms);  // Ten fragments' time, watching for buffers that must not come.
+  EXPECT_EQ(log.frames(), at_stop);
+  capturer->Stop();
+}
+
+TEST(PulseCaptureWithoutServer, NoServerIsAFailedCheckWithinTheBound) {
+  testsupport::TempDir dir;
+  setenv("PULSE_SERVER", ("unix:" + (dir.path() / "nothing").string()).c_str(), 1);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_THROW(CreateDeviceLoopbackCapturer({}), Error);
+  EXPECT_THROW(CreateAudioCapturer(1, {}), Error) << "the fall-back has no server either";
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
+  unsetenv("PULSE_SERVER");
+}
+
+}  // namespace
+}  // namespace mirell::capture

@@ -1,0 +1,47 @@
+#include "pulse_server.h"
+
+#include <cstdlib>
+
+#include "mirell/testsupport/eventually.h"
+
+namespace mirell::capture {
+
+PulseServer::PulseServer() {
+  if (!testsupport::HaveProgram("pulseaudio")) return;
+  const std::string socket = (dir_.path() / "native").string();
+  testsupport::ProcessOptions options;
+  options.environment["HOME"] = dir_.path().string();
+  options.environment["PULSE_RUNTIME_PATH"] = dir_.path().string();
+  options.environment["DBUS_SESSION_BUS_ADDRESS"] = std::nullopt;
+  options.environment["DISPLAY"] = std::nullopt;
+  server_ = std::make_unique<testsupport::ChildProcess>(
+      std::vector<std::string>{"pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
+                               "-L", "module-null-sink sink_name=mirell_test rate=48000 channels=2 format=float32le",
+                               "-L", "module-native-protocol-unix auth-anonymous=1 socket=" + socket},
+      options);
+  if (!testsupport::Eventually([&] { return std::filesystem::exists(socket) || !server_->Running(); },
+                               std::chrono::seconds(10)) ||
+      !server_->Running()) {
+    server_.reset();
+    return;
+  }
+  address_ = "unix:" + socket;
+  setenv("PULSE_SERVER", address_.c_str(), 1);
+}
+
+PulseServer::~PulseServer() {
+  if (server_) unsetenv("PULSE_SERVER");
+}
+
+TonePlayer::TonePlayer(const PulseServer& server, int hertz, int seconds) {
+  const auto file = server.directory() / ("tone-" + std::to_string(hertz) + ".wav");
+  if (!std::filesystem::exists(file)) {
+    testsupport::RunProcess({"sox", "-n", "-r", "48000", "-c", "2", "-b", "16", file.string(), "synth",
+                             std::to_string(seconds), "sine", std::to_string(hertz), "vol", "0.5"});
+  }
+  testsupport::ProcessOptions options;
+  options.environment["PULSE_SERVER"] = server.address();
+  process_ = std::make_unique<testsupport::ChildProcess>(std::vector<std::string>{"paplay", file.string()}, options);
+}
+
+}  // namespace mirell::capture

@@ -1,0 +1,43 @@
+// A private PulseAudio server for tests: a null sink of 48 kHz float stereo as the default
+// output, the native protocol on a socket in a temporary directory, no D-Bus, no autospawn.
+// While it lives, PULSE_SERVER points this process (and children that inherit it) at it.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "mirell/testsupport/subprocess.h"
+
+namespace mirell::capture {
+
+class PulseServer {
+ public:
+  PulseServer();
+  ~PulseServer();
+  PulseServer(const PulseServer&) = delete;
+  PulseServer& operator=(const PulseServer&) = delete;
+
+  // False when pulseaudio is missing or did not come up.
+  bool available() const { return server_ != nullptr; }
+  // "unix:<socket>", for PULSE_SERVER.
+  const std::string& address() const { return address_; }
+  const std::filesystem::path& directory() const { return dir_.path(); }
+
+ private:
+  testsupport::TempDir dir_;
+  std::unique_ptr<testsupport::ChildProcess> server_;
+  std::string address_;
+};
+
+// A process playing a sine tone of `hertz` into the server for `seconds`, through paplay.
+class TonePlayer {
+ public:
+  TonePlayer(const PulseServer& server, int hertz, int seconds = 30);
+  int pid() const { return process_->pid(); }
+
+ private:
+  std::unique_ptr<testsupport::ChildProcess> process_;
+};
+
+}  // namespace mirell::capture
