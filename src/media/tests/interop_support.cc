@@ -133,6 +133,24 @@ std::vector<Bytes> ParseAdts(const Bytes& stream) {
   return units;
 }
 
+Bytes WrapAdts(const std::vector<Bytes>& units, int sample_rate, int channels) {
+  static constexpr int kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000};
+  int rate_index = 0;
+  while (rate_index < 11 && kRates[rate_index] != sample_rate) ++rate_index;
+  Bytes stream;
+  for (const auto& unit : units) {
+    const std::size_t length = unit.size() + 7;
+    // Sync, MPEG-4, no CRC; AAC-LC (profile 1), rate index, channels; frame length; buffer full.
+    const std::uint8_t header[7] = {
+        0xFF, 0xF1, static_cast<std::uint8_t>((1 << 6) | (rate_index << 2) | ((channels >> 2) & 1)),
+        static_cast<std::uint8_t>(((channels & 3) << 6) | ((length >> 11) & 3)),
+        static_cast<std::uint8_t>((length >> 3) & 0xFF), static_cast<std::uint8_t>(((length & 7) << 5) | 0x1F), 0xFC};
+    stream.insert(stream.end(), header, header + 7);
+    stream.insert(stream.end(), unit.begin(), unit.end());
+  }
+  return stream;
+}
+
 std::vector<Framemd5Line> ParseFramemd5(const std::string& text) {
   std::vector<Framemd5Line> lines;
   std::istringstream input(text);

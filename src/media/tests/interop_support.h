@@ -45,6 +45,8 @@ std::vector<Bytes> SplitAtDelimiters(const Bytes& stream);
 std::filesystem::path MakeAacFixture(const std::filesystem::path& dir, double seconds);
 // The raw access units of an ADTS stream.
 std::vector<Bytes> ParseAdts(const Bytes& stream);
+// Raw AAC-LC access units as an ADTS stream that any decoder reads.
+Bytes WrapAdts(const std::vector<Bytes>& units, int sample_rate, int channels);
 
 Bytes ReadBytes(const std::filesystem::path& path);
 void WriteBytes(const std::filesystem::path& path, const Bytes& bytes);
