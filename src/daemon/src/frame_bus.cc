@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "bus_history.h"
+#include "mirell/base/clock.h"
 #include "mirell/base/logging.h"
 
 namespace mirell::daemon {
@@ -94,10 +95,16 @@ void FrameBus::Publish(const FramePtr& frame) {
     std::lock_guard lock(mutex_);
     readers = subscribers_;
     detail::RecordHistory(history_, history_limit_, frame);
+    live_edge_ = {frame->pts_100ns, SteadyNowNs()};
   }
   // Outside the bus's lock, so that a reader's lock never nests inside it. A reader that
   // unsubscribes meanwhile sees at most one more offer, which its closed flag rejects.
   for (const auto& reader : readers) reader->Offer(frame);
+}
+
+FrameBus::LiveEdge FrameBus::live_edge() const {
+  std::lock_guard lock(mutex_);
+  return live_edge_;
 }
 
 namespace {

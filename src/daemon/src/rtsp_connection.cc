@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <random>
 
+#include "mirell/base/clock.h"
 #include "mirell/base/logging.h"
 #include "mirell/base/media_time.h"
 #include "mirell/base/version.h"
@@ -300,13 +301,26 @@ void RtspConnection::QueueVideo() {
   if (frame->keyframe) ++keyframes_sent_;
 }
 
+// Both tracks' reports name the RTP times of one media instant, "now" at the stream's live edge,
+// so that a player lines them up the same way. The times last sent would not do: a new player
+// gets all its primed sound with the first frame, and its two tracks' last times then differ by
+// the primed span.
 void RtspConnection::QueueSenderReports(SteadyTime now) {
   if (now - last_report_ < kReportInterval || video_packets_ == 0) return;
+  const FrameBus::LiveEdge edge = stream_->frames().live_edge();
+  const std::int64_t steady_ns = SteadyNowNs();
   const std::uint64_t ntp_time = NtpTime(SystemTicks100ns());
-  QueueInterleaved(video_rtcp_channel_, BuildSenderReport(h264_.ssrc(), ntp_time, video_rtp_time_,
+  std::uint32_t video_rtp_time = video_rtp_time_;
+  std::uint32_t audio_rtp_time = audio_rtp_time_;
+  if (edge.pts_100ns >= 0) {
+    const std::int64_t delta = edge.pts_100ns + (steady_ns - edge.published_ns) / 100 - first_timestamp_;
+    video_rtp_time = rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, 9, 1000));
+    audio_rtp_time = rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, audio_rate_, kTicksPerSecond));
+  }
+  QueueInterleaved(video_rtcp_channel_, BuildSenderReport(h264_.ssrc(), ntp_time, video_rtp_time,
                                                           video_packets_, video_octets_));
   if (audio_sub_ && audio_packets_ != 0) {
-    QueueInterleaved(audio_rtcp_channel_, BuildSenderReport(aac_.ssrc(), ntp_time, audio_rtp_time_,
+    QueueInterleaved(audio_rtcp_channel_, BuildSenderReport(aac_.ssrc(), ntp_time, audio_rtp_time,
                                                             audio_packets_, audio_octets_));
   }
   last_report_ = now;

@@ -82,6 +82,29 @@ TEST_F(RtspPlayerTest, FfmpegDecodesFiveSecondsOfBothTracksWhileAnotherPlayerSta
   EXPECT_LE(audio_units, 246u);
 }
 
+TEST_F(RtspPlayerTest, FfmpegPrimedWithHalfASecondKeepsItsTwoTracksAligned) {
+  // Joining once the history holds half a second, ffmpeg gets all that sound with the first
+  // frame. The sender reports must still map both tracks to one instant, or ffmpeg shifts the
+  // sound by the primed span and its five seconds hold a tenth more sound than picture.
+  std::this_thread::sleep_for(600ms);
+  testsupport::ProcessOptions options;
+  options.timeout = 60s;
+  const auto result = testsupport::RunProcess(
+      {"ffmpeg", "-nostdin", "-v", "error", "-rtsp_transport", "tcp", "-i", url_, "-t", "5", "-map",
+       "0:v", "-map", "0:a", "-f", "framemd5", "-"},
+      options);
+  ASSERT_EQ(result.exit_code, 0) << result.err;
+  std::size_t video_frames = 0, audio_units = 0;
+  for (const auto& line : ParseFramemd5(result.out)) {
+    if (line.stream == 0) ++video_frames;
+    if (line.stream == 1) ++audio_units;
+  }
+  EXPECT_GE(video_frames, 143u);
+  EXPECT_LE(video_frames, 157u);
+  EXPECT_GE(audio_units, 222u);
+  EXPECT_LE(audio_units, 246u);
+}
+
 TEST_F(RtspPlayerTest, GstreamerRtspsrcPlaysBothTracks) {
   testsupport::ProcessOptions options;
   options.timeout = 30s;

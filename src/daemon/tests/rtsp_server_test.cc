@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include <future>
 #include <thread>
 
@@ -350,6 +352,40 @@ TEST_F(RtspServerTest, NoSenderReportBeforeTheFirstPacketThenOneWithIt) {
                                 static_cast<std::uint32_t>(report.payload[21]) << 16 |
                                 static_cast<std::uint32_t>(report.payload[22]) << 8 | report.payload[23];
   EXPECT_EQ(packets, frames.size() - 1);
+}
+
+std::uint32_t ReadBigEndian32(const std::vector<std::uint8_t>& bytes, std::size_t at) {
+  return static_cast<std::uint32_t>(bytes[at]) << 24 | static_cast<std::uint32_t>(bytes[at + 1]) << 16 |
+         static_cast<std::uint32_t>(bytes[at + 2]) << 8 | bytes[at + 3];
+}
+
+TEST_F(RtspServerTest, BothTracksReportsNameOneMediaInstantWhenTheSoundWasSentAhead) {
+  stream_->SetAudio(AudioConfig{48000, 2, 128, {0x11, 0x90}});
+  RtspTestClient client(server_.port());
+  ASSERT_EQ(client.Request("DESCRIBE", uri_, 1).status, 200);
+  client.Request("SETUP", uri_ + "/trackID=0", 2, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
+  client.Request("SETUP", uri_ + "/trackID=1", 3, "Transport: RTP/AVP/TCP;interleaved=2-3\r\n");
+  ASSERT_EQ(client.Request("PLAY", uri_, 4).status, 200);
+  // As a primed player gets it: one frame, and sound reaching 400 ms past it, all at once.
+  stream_->frames().Publish(MakeFrame(0, true));
+  for (int i = 0; i <= 19; ++i) stream_->audio().Publish(MakeAudio(i * 213'333));
+  std::optional<std::uint32_t> video_report, audio_report;
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while ((!video_report || !audio_report) && std::chrono::steady_clock::now() < deadline) {
+    const auto frame = client.ReadFrame(500ms);
+    if (!frame || frame->payload.size() < 20 || frame->payload[1] != 200) continue;
+    if (frame->channel == 1) video_report = ReadBigEndian32(frame->payload, 16);
+    if (frame->channel == 3) audio_report = ReadBigEndian32(frame->payload, 16);
+  }
+  ASSERT_TRUE(video_report && audio_report) << "no sender report on both tracks";
+  // RTP time 0 is the first frame on both tracks; the reports' instants in milliseconds.
+  const double video_ms = *video_report / 90.0;
+  const double audio_ms = *audio_report / 48.0;
+  EXPECT_NEAR(video_ms, audio_ms, 1.0);
+  // "Now" at the live edge: the frame's time plus the time since it was published, not the
+  // newest sound sent.
+  EXPECT_LT(video_ms, 2000.0);
+  EXPECT_GT(video_ms, 0.0);
 }
 
 TEST_F(RtspServerTest, WhilePlayingAStalledSourceTheSocketIsStillReadFourTimesASecond) {

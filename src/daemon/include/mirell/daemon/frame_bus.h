@@ -78,12 +78,21 @@ class FrameBus {
   // Frames held for priming; for statistics and tests.
   std::size_t HistorySize() const;
 
+  // The newest frame published and when (steady clock, ns): "now" in the stream's media time
+  // is its time plus what has passed since. pts_100ns is -1 before the first frame.
+  struct LiveEdge {
+    std::int64_t pts_100ns = -1;
+    std::int64_t published_ns = 0;
+  };
+  LiveEdge live_edge() const;
+
  private:
   mutable std::mutex mutex_;
   std::vector<std::shared_ptr<Subscription>> subscribers_;
   std::deque<FramePtr> history_;
   std::uint64_t history_limit_ = 0;
   bool closed_ = false;
+  LiveEdge live_edge_;
 };
 
 }  // namespace mirell::daemon
