@@ -138,11 +138,22 @@ class PulseAudioCapturer final : public IAudioCapturer {
     });
     MIRELL_CHECK(settled && pa_context_get_state(context_) == PA_CONTEXT_READY,
                  "no sound server to capture from ({})", pa_strerror(pa_context_errno(context_)));
+    const pa_sample_spec asked{PA_SAMPLE_FLOAT32LE, format_.sample_rate, static_cast<std::uint8_t>(format_.channels)};
     if (pid_) {
+      MIRELL_CHECK(pa_sample_spec_valid(&asked) != 0, "the sound server cannot record at {} Hz", format_.sample_rate);
       initial_inputs_ = MatchingInputs(deadline);
       MIRELL_CHECK(!initial_inputs_.empty(), "process {} plays no sound now", *pid_);
     } else {
-      monitor_source_ = DefaultMonitorSource(deadline);
+      const DefaultOutput output = FindDefaultOutput(deadline);
+      monitor_source_ = output.monitor;
+      // The server resamples a record stream to any valid rate; a rate it cannot take at all
+      // falls back to the output's own, and the server folds its channels to two at most.
+      if (pa_sample_spec_valid(&asked) == 0) {
+        LOG_WARN("the output device would not resample to {} Hz ({}); falling back to its own rate, and a viewer "
+                 "may get the pitch wrong",
+                 format_.sample_rate, pa_strerror(PA_ERR_INVALID));
+        format_.sample_rate = output.rate;
+      }
     }
   }
 
@@ -171,10 +182,16 @@ class PulseAudioCapturer final : public IAudioCapturer {
     return query.found;
   }
 
-  std::string DefaultMonitorSource(std::chrono::steady_clock::time_point deadline) {
+  struct DefaultOutput {
+    std::string monitor;
+    std::uint32_t rate = 0;
+  };
+
+  DefaultOutput FindDefaultOutput(std::chrono::steady_clock::time_point deadline) {
     struct Query {
       std::string sink;
       std::string monitor;
+      std::uint32_t rate = 0;
       bool server_done = false;
       bool sink_done = false;
     } query;
@@ -200,6 +217,7 @@ class PulseAudioCapturer final : public IAudioCapturer {
             return;
           }
           if (info->monitor_source_name != nullptr) q->monitor = info->monitor_source_name;
+          q->rate = info->sample_spec.rate;
         },
         &query);
     MIRELL_CHECK(operation != nullptr, "could not ask the sound server about its output");
@@ -207,7 +225,7 @@ class PulseAudioCapturer final : public IAudioCapturer {
     pa_operation_cancel(operation);
     pa_operation_unref(operation);
     MIRELL_CHECK(found && !query.monitor.empty(), "the output {} has no monitor to capture", query.sink);
-    return query.monitor;
+    return {query.monitor, query.rate};
   }
 
   // Opens one record stream: of the default sink's monitor, or (with a sink input) a monitor of

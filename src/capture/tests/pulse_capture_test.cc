@@ -13,6 +13,7 @@
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "pulse_server.h"
+#include "tone_power.h"
 
 namespace mirell::capture {
 namespace {
@@ -50,19 +51,6 @@ class SoundLog {
   std::vector<float> left_;
   std::vector<std::pair<std::int64_t, std::uint64_t>> buffers_;
 };
-
-// The power of one frequency in the samples (Goertzel), normalised by their count.
-double PowerAt(const std::vector<float>& samples, double hertz, double rate = 48000) {
-  const double coefficient = 2 * std::cos(2 * 3.141592653589793 * hertz / rate);
-  double previous = 0, before = 0;
-  for (const float sample : samples) {
-    const double current = sample + coefficient * previous - before;
-    before = previous;
-    previous = current;
-  }
-  const double power = previous * previous + before * before - coefficient * previous * before;
-  return power / static_cast<double>(samples.size() * samples.size());
-}
 
 // The last second of what was captured, once at least that much has come.
 std::vector<float> LastSecond(const SoundLog& log) {
@@ -211,6 +199,28 @@ TEST_F(PulseCaptureTest, StopReturnsAtOnceAndNoBufferComesAfterIt) {
   const std::size_t at_stop = log.frames();
   std::this_thread::sleep_for(100ms);  // Ten fragments' time, watching for buffers that must not come.
   EXPECT_EQ(log.frames(), at_stop);
+  capturer->Stop();
+}
+
+TEST_F(PulseCaptureTest, ARateTheServerCannotTakeFallsBackToTheOutputsOwnWithAWarning) {
+  auto capturer = CreateDeviceLoopbackCapturer({1'000'000, 2});
+  EXPECT_EQ(capturer->format().sample_rate, 48000u) << "the test server's null sink runs at 48 kHz";
+  EXPECT_EQ(capturer->format().channels, 2u);
+  EXPECT_NE(Log().find("the output device would not resample to 1000000 Hz ("), std::string::npos) << Log();
+  EXPECT_NE(Log().find("falling back to its own rate, and a viewer may get the pitch wrong"), std::string::npos);
+  // One application's sound at such a rate is refused, and the fall-back takes the output's rate.
+  TonePlayer tone(server_, 440);
+  ASSERT_NE(ProcessCapturer(tone.pid()), nullptr);
+  EXPECT_THROW(CreateProcessLoopbackCapturer(static_cast<std::uint32_t>(tone.pid()), {1'000'000, 2}), Error);
+  EXPECT_EQ(CreateAudioCapturer(static_cast<std::uint32_t>(tone.pid()), {1'000'000, 2})->format().sample_rate, 48000u);
+}
+
+TEST_F(PulseCaptureTest, MoreThanTwoChannelsAreAskedAsTwo) {
+  auto capturer = CreateDeviceLoopbackCapturer({48000, 6});
+  EXPECT_EQ(capturer->format().channels, 2u);
+  SoundLog log;
+  capturer->Start(log.Callback());
+  EXPECT_TRUE(Eventually([&] { return log.frames() >= 4800; }, 6s));
   capturer->Stop();
 }
 

@@ -13,23 +13,13 @@
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "pulse_server.h"
+#include "tone_power.h"
 
 namespace mirell::session {
 namespace {
 
 using namespace std::chrono_literals;
-
-double PowerAt(const std::vector<float>& samples, double hertz, double rate = 48000) {
-  const double coefficient = 2 * std::cos(2 * 3.141592653589793 * hertz / rate);
-  double previous = 0, before = 0;
-  for (const float sample : samples) {
-    const double current = sample + coefficient * previous - before;
-    before = previous;
-    previous = current;
-  }
-  return (previous * previous + before * before - coefficient * previous * before) /
-         static_cast<double>(samples.size() * samples.size());
-}
+using capture::PowerAt;
 
 TEST(AudioSourceOnPulse, ACapturedToneComesBackFromTheAacUnitsAtItsFrequency) {
   capture::PulseServer server;
