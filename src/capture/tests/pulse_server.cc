@@ -7,6 +7,13 @@
 namespace mirell::capture {
 
 PulseServer::PulseServer() {
+  // A server of the caller's instead (PipeWire's pulse server, say): the same tests against it.
+  if (const char* other = std::getenv("MIRELL_TEST_PULSE_SERVER"); other != nullptr && *other != '\0') {
+    address_ = other;
+    setenv("PULSE_SERVER", address_.c_str(), 1);
+    external_ = true;
+    return;
+  }
   if (!testsupport::HaveProgram("pulseaudio")) return;
   const std::string socket = (dir_.path() / "native").string();
   testsupport::ProcessOptions options;
@@ -30,7 +37,7 @@ PulseServer::PulseServer() {
 }
 
 PulseServer::~PulseServer() {
-  if (server_) unsetenv("PULSE_SERVER");
+  if (available()) unsetenv("PULSE_SERVER");
 }
 
 TonePlayer::TonePlayer(const PulseServer& server, int hertz, int seconds) {

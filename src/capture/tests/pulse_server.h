@@ -1,6 +1,8 @@
 // A private PulseAudio server for tests: a null sink of 48 kHz float stereo as the default
 // output, the native protocol on a socket in a temporary directory, no D-Bus, no autospawn.
 // While it lives, PULSE_SERVER points this process (and children that inherit it) at it.
+// With MIRELL_TEST_PULSE_SERVER set (for example to PipeWire's "unix:.../pulse/native"), that
+// server is used instead and none is started.
 #pragma once
 
 #include <filesystem>
@@ -19,7 +21,7 @@ class PulseServer {
   PulseServer& operator=(const PulseServer&) = delete;
 
   // False when pulseaudio is missing or did not come up.
-  bool available() const { return server_ != nullptr; }
+  bool available() const { return server_ != nullptr || external_; }
   // "unix:<socket>", for PULSE_SERVER.
   const std::string& address() const { return address_; }
   const std::filesystem::path& directory() const { return dir_.path(); }
@@ -27,6 +29,7 @@ class PulseServer {
  private:
   testsupport::TempDir dir_;
   std::unique_ptr<testsupport::ChildProcess> server_;
+  bool external_ = false;
   std::string address_;
 };
 
