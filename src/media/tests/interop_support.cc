@@ -141,9 +141,11 @@ Bytes WrapAdts(const std::vector<Bytes>& units, int sample_rate, int channels) {
   for (const auto& unit : units) {
     const std::size_t length = unit.size() + 7;
     // Sync, MPEG-4, no CRC; AAC-LC (profile 1), rate index, channels; frame length; buffer full.
+    const auto rate = static_cast<std::size_t>(rate_index);
+    const auto channel_count = static_cast<std::size_t>(channels);
     const std::uint8_t header[7] = {
-        0xFF, 0xF1, static_cast<std::uint8_t>((1 << 6) | (rate_index << 2) | ((channels >> 2) & 1)),
-        static_cast<std::uint8_t>(((channels & 3) << 6) | ((length >> 11) & 3)),
+        0xFF, 0xF1, static_cast<std::uint8_t>((std::size_t{1} << 6) | (rate << 2) | ((channel_count >> 2) & 1)),
+        static_cast<std::uint8_t>(((channel_count & 3) << 6) | ((length >> 11) & 3)),
         static_cast<std::uint8_t>((length >> 3) & 0xFF), static_cast<std::uint8_t>(((length & 7) << 5) | 0x1F), 0xFC};
     stream.insert(stream.end(), header, header + 7);
     stream.insert(stream.end(), unit.begin(), unit.end());
