@@ -1,0 +1,125 @@
+// The door of one share: it takes the viewers that the signal client reports, lets them in by
+// the allowlist or by asking the user, and gives each admitted viewer a peer link and a peer
+// sender of its own. It turns a viewer's arrival into an offer and the viewer's answer into the
+// link, keeps the list the window shows and works out each viewer's uplink rate.
+//
+// Threads: the signal client's thread runs the arrival, departure and answer handlers; the link's
+// threads run its state handler; everything else comes from the interface thread. The mutex guards
+// the three maps and is never held across a call into the network or the WebRTC stack: links are
+// made and senders stopped outside it. Handlers only set flags; Sweep, on the interface thread,
+// removes what they marked.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "mirell/daemon/audio_bus.h"
+#include "mirell/daemon/frame_bus.h"
+#include "mirell/session/peer_sender.h"
+#include "mirell/transport/peer_config.h"
+#include "mirell/transport/peer_link.h"
+#include "mirell/transport/signal_client.h"
+
+namespace mirell::session {
+
+// One row of the viewer list.
+struct ViewerInfo {
+  std::string connection_id;
+  std::string identity;
+  std::string display_name;
+  bool allowlisted = false;
+  transport::PeerState state = transport::PeerState::kConnecting;
+  std::int64_t seconds = 0;
+  std::uint64_t bytes_sent = 0;
+  std::uint64_t frames_sent = 0;
+  std::uint32_t uplink_kbps = 0;
+};
+
+// One viewer waiting for the user's decision.
+struct PendingViewer {
+  std::string connection_id;
+  std::string identity;
+  std::string display_name;
+};
+
+class ShareSession {
+ public:
+  using PendingHandler =
+      std::function<void(const std::string& connection_id, const transport::PeerIdentity&)>;
+
+  // `audio` may be null: the share has no sound. `audio_clock` is the audio RTP clock in Hz.
+  ShareSession(transport::SignalClient* signal, daemon::FrameBus* frames, daemon::AudioBus* audio,
+               transport::PeerConfig config, transport::OfferMedia media, unsigned audio_clock);
+  ~ShareSession();
+  ShareSession(const ShareSession&) = delete;
+  ShareSession& operator=(const ShareSession&) = delete;
+
+  // Before Start. The keyframe handler makes the encoder emit one; the pending handler asks the
+  // user about a viewer, on the signal client's thread, and must only copy and post.
+  void SetKeyframeHandler(std::function<void()> handler);
+  void SetPendingHandler(PendingHandler handler);
+  // User id to name. Applies to viewers who arrive later; those already waiting stay waiting.
+  void SetAllowlist(std::map<std::string, std::string> allowlist);
+  // False lets every viewer in. Before Start.
+  void SetAdmissionRequired(bool required) { admission_required_ = required; }
+
+  // Takes the signal client's viewer handlers; a second call does nothing.
+  void Start();
+  // The user's decisions. An unknown connection id does nothing.
+  void Approve(const std::string& connection_id);
+  void Deny(const std::string& connection_id);
+  void Disconnect(const std::string& connection_id);
+  // Removes the viewers that are gone and updates the uplink rates; on the interface thread.
+  void Sweep();
+  // Ends every viewer; a second call does nothing.
+  void Stop();
+
+  std::vector<ViewerInfo> Viewers() const;
+  std::vector<PendingViewer> PendingViewers() const;
+  std::size_t ViewerCount() const;
+  std::uint64_t admitted() const { return admitted_.load(); }
+  std::uint64_t departed() const { return departed_.load(); }
+
+  // Kilobits per second: an exponential moving average with a time constant of five seconds,
+  // whatever the interval of the samples. The first sample (old <= 0) is taken as it is.
+  static double Smooth(double old, double sample, std::int64_t ms);
+
+ private:
+  struct Peer;
+
+  void OnArrival(const std::string& connection_id, const transport::PeerIdentity& identity);
+  void OnDeparture(const std::string& connection_id);
+  void OnAnswer(const std::string& connection_id, const std::string& sdp);
+  void Admit(const std::string& connection_id, const transport::PeerIdentity& identity,
+             bool allowlisted);
+  void OnPeerState(Peer* peer, const std::string& connection_id, transport::PeerState state);
+  void UpdateRates();
+  static void End(Peer& peer);
+
+  transport::SignalClient* signal_;
+  daemon::FrameBus* frames_;
+  daemon::AudioBus* audio_;
+  const transport::PeerConfig peer_config_;
+  const transport::OfferMedia offer_media_;
+  const unsigned audio_clock_;
+  std::function<void()> on_keyframe_;
+
+  mutable std::mutex mutex_;
+  // Shared only so that an answer being applied keeps its link alive through a concurrent Sweep.
+  std::map<std::string, std::shared_ptr<Peer>> peers_;
+  std::map<std::string, transport::PeerIdentity> pending_;
+  std::map<std::string, std::string> allowlist_;
+  bool admission_required_ = true;
+  PendingHandler on_pending_;
+  std::atomic<bool> running_{false};
+  std::atomic<std::uint64_t> admitted_{0};
+  std::atomic<std::uint64_t> departed_{0};
+};
+
+}  // namespace mirell::session

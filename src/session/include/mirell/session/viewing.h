@@ -1,0 +1,103 @@
+// The viewer's side of shares: it turns a token into a stream that VRChat's player reads from the
+// loopback RTSP server, and gets that stream filled, first with the holding card and then with
+// the host's media over a peer link. One watch per token, each with its own signal client, link
+// and receiver; a watch lives only as long as a player reads it.
+//
+// Threads: Ensure runs on the resolve service's one thread; Poll, Stop and the setters on the
+// interface thread; the handlers on the signal client's and the link's threads. The mutex guards
+// the watch list and the join settings, and is never held across a network or library call. The
+// handlers touch only their own watch's flag, stream, link, receiver and holding source, never the
+// list: they mark a watch done and the next Poll removes it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "mirell/daemon/media_stream.h"
+#include "mirell/daemon/stream_registry.h"
+#include "mirell/session/holding_source.h"
+#include "mirell/transport/peer_config.h"
+#include "mirell/transport/signal_client.h"
+
+namespace mirell::session {
+
+class Viewing {
+ public:
+  struct Config {
+    std::string signal_url;  // Empty: a watch plays only the card.
+    bool share_identity = true;
+    std::vector<transport::IceServer> ice_servers;
+    std::uint32_t ice_policy = 0;
+    bool holding_card = true;
+    std::int64_t prime_ms = 500;  // History a new player gets.
+    std::uint32_t fps = 30;       // Of the card, and of a stream until the host's is known.
+    std::uint32_t video_kbps = 25000;
+    std::uint32_t audio_kbps = 192;
+    std::int64_t idle_grace_s = 6;  // Without players, then the watch is dropped.
+  };
+
+  // With a holding card, starts building its clip in the background.
+  Viewing(daemon::StreamRegistry& registry, Config config);
+  ~Viewing();
+  Viewing(const Viewing&) = delete;
+  Viewing& operator=(const Viewing&) = delete;
+
+  // Makes sure a stream is published under the token: the host's own when this program shares
+  // it, else a new watch that plays the card at once and fetches the host's media. Waits for
+  // nothing but the card, at most 120 ms. A link that cannot be made leaves nothing published.
+  void Ensure(const std::string& token);
+  // Drops the watches that are done or have had no player for the grace period.
+  void Poll();
+  // Ends every watch.
+  void Stop();
+  // Marks that token's watch done; the next Poll removes it.
+  void Drop(const std::string& token);
+
+  // For later joins and watches.
+  void SetIdentity(transport::PeerIdentity identity);
+  void SetShareIdentity(bool share);
+  void SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy);
+
+  std::size_t WatchCount() const;
+
+  // The stream's audio, history and description from what a host said; zero fields take the
+  // defaults (48 kHz, stereo, 128 kb/s) and a missing or bad config is derived from them.
+  static void ApplyMedia(daemon::MediaStream& stream, const transport::StreamMedia& media);
+
+  // The idle rule: whether a watch with `players` readers is to be dropped at `now`. Updates the
+  // two fields it keeps.
+  struct IdleState {
+    bool had_players = false;
+    std::int64_t idle_since = 0;  // Steady nanoseconds; 0 while not counting.
+  };
+  static bool IdleDrop(IdleState& state, std::size_t players, std::int64_t now,
+                       std::int64_t grace_s);
+
+ private:
+  struct Watch;
+
+  static void End(daemon::StreamRegistry& registry, Watch& watch);
+
+  daemon::StreamRegistry& registry_;
+  std::string signal_url_;
+  bool share_identity_;
+  std::vector<transport::IceServer> ice_servers_;
+  std::uint32_t ice_policy_;
+  const bool holding_card_;
+  const std::int64_t prime_ms_;
+  const std::uint32_t fps_;
+  const std::uint32_t video_kbps_;
+  const std::uint32_t audio_kbps_;
+  const std::int64_t idle_grace_s_;
+  std::unique_ptr<HoldingClip> clip_;
+  mutable std::mutex mutex_;
+  std::string identity_;
+  std::string display_name_;
+  std::vector<std::unique_ptr<Watch>> watches_;
+};
+
+}  // namespace mirell::session

@@ -1,0 +1,306 @@
+#include "mirell/session/share_session.h"
+
+#include <cmath>
+#include <utility>
+
+#include "mirell/base/clock.h"
+#include "mirell/base/logging.h"
+
+namespace mirell::session {
+
+using transport::PeerState;
+
+struct ShareSession::Peer {
+  // Destroyed in reverse: the sender stops before the link it sends on goes away.
+  std::unique_ptr<transport::PeerLink> link;
+  std::unique_ptr<PeerSender> sender;
+  std::atomic<bool> gone{false};
+  std::string identity;
+  std::string display_name;
+  bool allowlisted = false;
+  std::int64_t admitted_at = 0;
+  std::int64_t rate_at = 0;
+  std::uint64_t rate_bytes = 0;
+  std::uint64_t uplink_kbps = 0;
+  double rate_average = 0;
+};
+
+ShareSession::ShareSession(transport::SignalClient* signal, daemon::FrameBus* frames,
+                           daemon::AudioBus* audio, transport::PeerConfig config,
+                           transport::OfferMedia media, unsigned audio_clock)
+    : signal_(signal),
+      frames_(frames),
+      audio_(audio),
+      peer_config_(std::move(config)),
+      offer_media_(std::move(media)),
+      audio_clock_(audio_clock) {}
+
+ShareSession::~ShareSession() { Stop(); }
+
+void ShareSession::SetKeyframeHandler(std::function<void()> handler) {
+  on_keyframe_ = std::move(handler);
+}
+
+void ShareSession::SetPendingHandler(PendingHandler handler) { on_pending_ = std::move(handler); }
+
+void ShareSession::SetAllowlist(std::map<std::string, std::string> allowlist) {
+  std::lock_guard lock(mutex_);
+  allowlist_ = std::move(allowlist);
+}
+
+void ShareSession::Start() {
+  if (running_.exchange(true)) return;
+  signal_->OnPeer([this](const std::string& id, const transport::PeerIdentity& identity) {
+    OnArrival(id, identity);
+  });
+  signal_->OnPeerGone([this](const std::string& id) { OnDeparture(id); });
+  signal_->OnAnswer(
+      [this](const std::string& id, const std::string& sdp) { OnAnswer(id, sdp); });
+}
+
+void ShareSession::OnArrival(const std::string& id, const transport::PeerIdentity& identity) {
+  if (!admission_required_) {
+    Admit(id, identity, false);
+    return;
+  }
+  bool allowlisted = false;
+  {
+    std::lock_guard lock(mutex_);
+    allowlisted = !identity.identity.empty() && allowlist_.contains(identity.identity);
+  }
+  if (allowlisted) {
+    LOG_INFO("peer={} allowlisted id={}", id,
+             identity.display_name.empty() ? identity.identity : identity.display_name);
+    Admit(id, identity, true);
+    return;
+  }
+  {
+    std::lock_guard lock(mutex_);
+    pending_[id] = identity;
+  }
+  LOG_INFO("peer={} pending", id);
+  if (on_pending_) on_pending_(id, identity);
+}
+
+void ShareSession::OnDeparture(const std::string& id) {
+  // Someone waiting in pending_ stays listed until the user decides.
+  std::lock_guard lock(mutex_);
+  const auto found = peers_.find(id);
+  if (found != peers_.end()) found->second->gone = true;
+}
+
+void ShareSession::OnAnswer(const std::string& id, const std::string& sdp) {
+  std::shared_ptr<Peer> peer;
+  {
+    std::lock_guard lock(mutex_);
+    const auto found = peers_.find(id);
+    if (found == peers_.end()) {
+      LOG_DEBUG("peer={} answer after departure", id);
+      return;
+    }
+    peer = found->second;
+  }
+  try {
+    peer->link->SetRemoteDescription(sdp);
+  } catch (const std::exception& error) {
+    // The peer stays: it fails by itself or goes on waiting.
+    LOG_WARN("peer={} SetRemoteDescription failed: {}", id, error.what());
+  }
+}
+
+void ShareSession::Approve(const std::string& id) {
+  transport::PeerIdentity identity;
+  {
+    std::lock_guard lock(mutex_);
+    const auto found = pending_.find(id);
+    if (found == pending_.end()) return;
+    identity = std::move(found->second);
+    pending_.erase(found);
+  }
+  Admit(id, identity, false);
+}
+
+void ShareSession::Admit(const std::string& id, const transport::PeerIdentity& identity,
+                         bool allowlisted) {
+  if (!running_.load()) return;
+  auto peer = std::make_shared<Peer>();
+  peer->identity = identity.identity;
+  peer->display_name = identity.display_name;
+  peer->allowlisted = allowlisted;
+  peer->admitted_at = SteadyNowNs();
+  peer->rate_at = peer->admitted_at;
+  try {
+    peer->link = transport::CreateOfferer(peer_config_, offer_media_);
+  } catch (const std::exception& error) {
+    LOG_WARN("peer={} CreateOfferer failed: {}", id, error.what());
+    return;
+  }
+  peer->sender = std::make_unique<PeerSender>(peer->link.get(), frames_, audio_, audio_clock_);
+
+  // The handlers hold the Peer by plain pointer: its link is closed, which ends them, before the
+  // Peer is destroyed.
+  Peer* const raw = peer.get();
+  transport::SignalClient* const signal = signal_;
+  peer->link->OnLocalDescription([signal, id](const std::string& sdp) {
+    if (!signal->SendOffer(id, sdp)) LOG_WARN("peer={} SendOffer failed", id);
+  });
+  peer->link->OnKeyframeRequest([this] {
+    if (on_keyframe_) on_keyframe_();
+  });
+  peer->link->OnState([this, raw, id](PeerState state) { OnPeerState(raw, id, state); });
+
+  std::shared_ptr<Peer> replaced;
+  {
+    std::lock_guard lock(mutex_);
+    std::shared_ptr<Peer>& slot = peers_[id];
+    replaced = std::exchange(slot, std::move(peer));
+  }
+  if (replaced) End(*replaced);
+  ++admitted_;
+  LOG_INFO("peer={} offering", id);
+}
+
+void ShareSession::OnPeerState(Peer* peer, const std::string& id, PeerState state) {
+  switch (state) {
+    case PeerState::kConnected:
+      peer->sender->Start();
+      // The new viewer should not wait for the next regular keyframe.
+      if (on_keyframe_) on_keyframe_();
+      LOG_INFO("peer={} connected", id);
+      break;
+    case PeerState::kFailed:
+    case PeerState::kClosed:
+      peer->gone = true;
+      break;
+    case PeerState::kConnecting:
+      break;
+  }
+}
+
+void ShareSession::Deny(const std::string& id) {
+  bool erased = false;
+  {
+    std::lock_guard lock(mutex_);
+    erased = pending_.erase(id) != 0;
+  }
+  // A late answer to a prompt about someone already handled sends nothing.
+  if (!erased) return;
+  LOG_INFO("peer={} denied", id);
+  signal_->SendDeny(id);
+}
+
+void ShareSession::Disconnect(const std::string& id) {
+  bool known = false;
+  {
+    std::lock_guard lock(mutex_);
+    known = pending_.erase(id) != 0;
+    const auto found = peers_.find(id);
+    if (found != peers_.end()) {
+      found->second->gone = true;
+      known = true;
+    }
+  }
+  if (!known) return;
+  LOG_INFO("peer={} removed", id);
+  signal_->SendDeny(id);
+}
+
+void ShareSession::Sweep() {
+  std::vector<std::shared_ptr<Peer>> gone;
+  {
+    std::lock_guard lock(mutex_);
+    for (auto it = peers_.begin(); it != peers_.end();) {
+      if (!it->second->gone.load()) {
+        ++it;
+        continue;
+      }
+      LOG_INFO("peer={} gone", it->first);
+      gone.push_back(std::move(it->second));
+      it = peers_.erase(it);
+    }
+  }
+  UpdateRates();
+  // Outside the lock, so that the list stays readable while senders are joined.
+  for (const std::shared_ptr<Peer>& peer : gone) {
+    End(*peer);
+    ++departed_;
+  }
+}
+
+double ShareSession::Smooth(double old, double sample, std::int64_t ms) {
+  if (old <= 0 || ms < 1) return sample;
+  const double seconds = static_cast<double>(ms) / 1000.0;
+  return old + (1.0 - std::exp(-seconds / 5.0)) * (sample - old);
+}
+
+void ShareSession::UpdateRates() {
+  const std::int64_t now = SteadyNowNs();
+  std::lock_guard lock(mutex_);
+  for (auto& [id, peer] : peers_) {
+    if (!peer->sender) continue;
+    const std::int64_t ms = (now - peer->rate_at) / 1'000'000;
+    if (ms < 1000) continue;  // Samples are at least a second apart.
+    const std::uint64_t bytes = peer->sender->bytes_sent();
+    const double sample =
+        static_cast<double>((bytes - peer->rate_bytes) * 8 / static_cast<std::uint64_t>(ms));
+    peer->rate_average = Smooth(peer->rate_average, sample, ms);
+    peer->uplink_kbps = static_cast<std::uint64_t>(peer->rate_average + 0.5);
+    peer->rate_bytes = bytes;
+    peer->rate_at = now;
+  }
+}
+
+void ShareSession::End(Peer& peer) {
+  if (peer.sender) peer.sender->Stop();
+  if (peer.link) peer.link->Close();
+}
+
+void ShareSession::Stop() {
+  if (!running_.exchange(false)) return;
+  std::map<std::string, std::shared_ptr<Peer>> ended;
+  {
+    std::lock_guard lock(mutex_);
+    ended.swap(peers_);
+  }
+  for (auto& [id, peer] : ended) End(*peer);
+  LOG_INFO("admitted={} departed={}", admitted_.load(), departed_.load());
+}
+
+std::vector<ViewerInfo> ShareSession::Viewers() const {
+  const std::int64_t now = SteadyNowNs();
+  std::vector<ViewerInfo> rows;
+  std::lock_guard lock(mutex_);
+  rows.reserve(peers_.size());
+  for (const auto& [id, peer] : peers_) {
+    ViewerInfo row;
+    row.connection_id = id;
+    row.identity = peer->identity;
+    row.display_name = peer->display_name;
+    row.allowlisted = peer->allowlisted;
+    row.state = peer->link ? peer->link->state() : PeerState::kClosed;
+    row.seconds = (now - peer->admitted_at) / 1'000'000'000;
+    if (peer->sender) {
+      row.bytes_sent = peer->sender->bytes_sent();
+      row.frames_sent = peer->sender->frames_sent();
+    }
+    row.uplink_kbps = static_cast<std::uint32_t>(peer->uplink_kbps);
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+std::vector<PendingViewer> ShareSession::PendingViewers() const {
+  std::vector<PendingViewer> rows;
+  std::lock_guard lock(mutex_);
+  for (const auto& [id, identity] : pending_) {
+    rows.push_back({id, identity.identity, identity.display_name});
+  }
+  return rows;
+}
+
+std::size_t ShareSession::ViewerCount() const {
+  std::lock_guard lock(mutex_);
+  return peers_.size();
+}
+
+}  // namespace mirell::session

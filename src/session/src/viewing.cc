@@ -1,0 +1,321 @@
+#include "mirell/session/viewing.h"
+
+#include <atomic>
+#include <utility>
+
+#include "mirell/base/clock.h"
+#include "mirell/base/logging.h"
+#include "mirell/media/aac_rtp.h"
+#include "mirell/session/peer_receiver.h"
+#include "mirell/transport/peer_link.h"
+
+namespace mirell::session {
+namespace {
+
+constexpr int kCardWaitMs = 120;
+constexpr std::uint32_t kDefaultRate = 48000;
+constexpr std::uint32_t kDefaultChannels = 2;
+constexpr std::uint32_t kDefaultAudioKbps = 128;
+// The priming frame count is worked out for 60 frames per second, whatever the stream's rate.
+constexpr std::int64_t kPrimingFps = 60;
+
+HoldingClipConfig CardConfig(std::uint32_t fps) {
+  HoldingClipConfig config;
+  config.width = 1280;
+  config.height = 720;
+  config.fps = fps;
+  config.bitrate_kbps = 1000;
+  config.title = "Waiting to be let in";
+  config.sample_rate = kDefaultRate;
+  config.channels = kDefaultChannels;
+  config.audio_bitrate_kbps = 128;
+  config.seconds = 4;
+  return config;
+}
+
+}  // namespace
+
+// All the state of one token. Members are destroyed in reverse: the holding source, the signal
+// client, the receiver, the link, the stream.
+struct Viewing::Watch {
+  std::string token;
+  std::shared_ptr<daemon::MediaStream> stream;
+  // Shared so that the stream's keyframe requester, which an RTSP reader may call after the watch
+  // has gone, holds it only weakly.
+  std::shared_ptr<transport::PeerLink> link;
+  std::unique_ptr<PeerReceiver> receiver;
+  std::unique_ptr<transport::SignalClient> signal;
+  std::unique_ptr<HoldingSource> holding;
+  std::atomic<bool> done{false};
+  IdleState idle;
+};
+
+Viewing::Viewing(daemon::StreamRegistry& registry, Config config)
+    : registry_(registry),
+      signal_url_(std::move(config.signal_url)),
+      share_identity_(config.share_identity),
+      ice_servers_(std::move(config.ice_servers)),
+      ice_policy_(config.ice_policy),
+      holding_card_(config.holding_card),
+      prime_ms_(config.prime_ms),
+      fps_(config.fps),
+      video_kbps_(config.video_kbps),
+      audio_kbps_(config.audio_kbps),
+      idle_grace_s_(config.idle_grace_s) {
+  if (holding_card_) clip_ = std::make_unique<HoldingClip>(CardConfig(fps_));
+}
+
+Viewing::~Viewing() { Stop(); }
+
+void Viewing::ApplyMedia(daemon::MediaStream& stream, const transport::StreamMedia& media) {
+  daemon::AudioConfig audio;
+  audio.sample_rate = media.sample_rate != 0 ? media.sample_rate : kDefaultRate;
+  audio.channels = media.channels != 0 ? media.channels : kDefaultChannels;
+  audio.bitrate_kbps = media.audio_kbps != 0 ? media.audio_kbps : kDefaultAudioKbps;
+  if (!media.audio_config.empty()) audio.audio_specific_config = media::HexDecode(media.audio_config);
+  if (audio.audio_specific_config.empty()) {
+    audio.audio_specific_config =
+        media::MakeAacLcAudioSpecificConfig(audio.sample_rate, audio.channels);
+  }
+  const std::uint32_t rate = audio.sample_rate;
+  stream.SetAudio(std::move(audio));
+  // 3.5 seconds of 1024-sample units, in whole numbers and in this order.
+  stream.audio().SetHistory((static_cast<std::uint64_t>(rate) * 3500 / 1024) / 1000);
+}
+
+bool Viewing::IdleDrop(IdleState& state, std::size_t players, std::int64_t now,
+                       std::int64_t grace_s) {
+  if (players != 0) {
+    state.had_players = true;
+    state.idle_since = 0;
+    return false;
+  }
+  // A player may take long to come: a watch that never had one is not dropped by this rule.
+  if (!state.had_players) return false;
+  if (state.idle_since == 0) {
+    state.idle_since = now;
+    return false;
+  }
+  return now - state.idle_since >= grace_s * 1'000'000'000;
+}
+
+void Viewing::Ensure(const std::string& token) {
+  if (token.empty()) return;
+  // The host's own stream when this program shares the token: no peer connection is made.
+  if (registry_.Find(token)) return;
+
+  transport::PeerConfig peer_config;
+  transport::SignalConfig signal_config;
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& watch : watches_) {
+      if (watch->token == token) return;
+    }
+    peer_config.ice_servers = ice_servers_;
+    peer_config.ice_policy = ice_policy_;
+    signal_config.url = signal_url_;
+    signal_config.token = token;
+    if (share_identity_) {
+      signal_config.identity = identity_;
+      signal_config.display_name = display_name_;
+    }
+  }
+
+  auto watch = std::make_unique<Watch>();
+  watch->token = token;
+  watch->stream = std::make_shared<daemon::MediaStream>(fmt::format("watching {}", token),
+                                                        static_cast<int>(fps_), video_kbps_);
+  daemon::MediaStream& stream = *watch->stream;
+  stream.SetPriming(static_cast<std::uint64_t>(prime_ms_ * kPrimingFps / 1000),
+                    static_cast<std::uint64_t>(prime_ms_));
+  transport::StreamMedia defaults;
+  defaults.fps = 60;
+  defaults.video_kbps = video_kbps_;
+  defaults.sample_rate = kDefaultRate;
+  defaults.channels = kDefaultChannels;
+  defaults.audio_kbps = audio_kbps_;
+  ApplyMedia(stream, defaults);
+  if (!signal_url_.empty()) stream.ExpectDescription();
+
+  try {
+    watch->link = transport::CreateAnswerer(peer_config);
+  } catch (const std::exception& error) {
+    LOG_WARN("token={} CreateAnswerer failed: {}", token, error.what());
+    return;
+  }
+  transport::PeerLink* const link = watch->link.get();
+  watch->receiver =
+      std::make_unique<PeerReceiver>(link, &stream.frames(), &stream.audio(), kDefaultRate);
+  Watch* const raw = watch.get();
+  watch->receiver->SetSequenceHeaderHandler(
+      [raw](PeerReceiver::ByteSpan bytes) { raw->stream->SetSequenceHeader(bytes); });
+  watch->receiver->SetFirstVideoHandler([raw]() -> std::int64_t {
+    if (!raw->holding) return 0;
+    raw->holding->Stop();
+    const std::uint64_t played = raw->holding->frames_played();
+    if (played == 0) return 0;
+    LOG_INFO("stream up, card frames={}", played);
+    return raw->holding->last_timestamp() + raw->holding->frame_duration();
+  });
+  watch->receiver->Start();
+
+  if (clip_) {
+    if (clip_->WaitReady(kCardWaitMs)) {
+      const std::vector<std::uint8_t> header = clip_->SequenceHeader();
+      if (!header.empty()) {
+        stream.SetSequenceHeader(header);
+        watch->holding = std::make_unique<HoldingSource>(stream.frames(), stream.audio(), *clip_);
+        watch->holding->Start();
+      }
+    } else {
+      LOG_DEBUG("card not ready");
+    }
+  }
+
+  stream.SetKeyframeRequester([weak = std::weak_ptr<transport::PeerLink>(watch->link)] {
+    if (const auto alive = weak.lock()) alive->RequestKeyframe();
+  });
+  link->OnState([raw, token](transport::PeerState state) {
+    switch (state) {
+      case transport::PeerState::kConnected:
+        LOG_INFO("token={} connected", token);
+        break;
+      case transport::PeerState::kFailed:
+      case transport::PeerState::kClosed:
+        raw->done = true;
+        break;
+      case transport::PeerState::kConnecting:
+        break;
+    }
+  });
+
+  if (signal_url_.empty()) {
+    LOG_WARN("token={} no signal url", token);
+    registry_.Publish(token, watch->stream);
+    std::lock_guard lock(mutex_);
+    watches_.push_back(std::move(watch));
+    return;
+  }
+
+  watch->signal = transport::CreateViewerSignalClient(signal_config);
+  transport::SignalClient* const signal = watch->signal.get();
+  signal->OnMedia([raw, token](const transport::StreamMedia& media) {
+    daemon::MediaStream& target = *raw->stream;
+    ApplyMedia(target, media);
+    target.SetVideoParameters(static_cast<int>(media.fps), media.video_kbps);
+    if (media.sample_rate != 0) raw->receiver->SetAudioClock(media.sample_rate);
+    target.MarkDescribed();
+    LOG_INFO("token={} media={}x{}@{} audio={}/{}", token, media.width, media.height, media.fps,
+             media.sample_rate, media.channels);
+  });
+  signal->OnOffer([raw, token](const std::string& sdp) {
+    try {
+      raw->link->SetRemoteDescription(sdp);
+      const std::uint32_t rate = raw->link->audio_sample_rate();
+      const std::uint32_t channels = raw->link->audio_channels();
+      if (channels != 0) {
+        // The offer names the audio RTP clock; what the player was told stays as it is.
+        raw->receiver->SetAudioClock(rate);
+        const std::optional<daemon::AudioConfig> advertised = raw->stream->Audio();
+        if (advertised &&
+            (advertised->sample_rate != rate || advertised->channels != channels)) {
+          LOG_WARN("token={} offer audio={}/{} advertised={}/{} mismatch", token, rate, channels,
+                   advertised->sample_rate, advertised->channels);
+        }
+      }
+    } catch (const std::exception& error) {
+      LOG_WARN("{} sent an offer we could not apply: {}", token, error.what());
+      raw->done = true;
+    }
+  });
+  link->OnLocalDescription([signal, token](const std::string& sdp) {
+    if (!signal->SendAnswer(sdp)) LOG_WARN("token={} SendAnswer failed", token);
+  });
+  signal->OnRefused([raw, token](const std::string& reason) {
+    LOG_WARN("token={} refused: {}", token, reason);
+    raw->stream->MarkDescribed();  // No DESCRIBE stays waiting.
+    raw->done = true;
+  });
+  signal->Start();
+
+  registry_.Publish(token, watch->stream);
+  {
+    std::lock_guard lock(mutex_);
+    watches_.push_back(std::move(watch));
+  }
+  LOG_INFO("token={} fetching", token);
+}
+
+void Viewing::End(daemon::StreamRegistry& registry, Watch& watch) {
+  registry.Withdraw(watch.token);
+  if (watch.signal) watch.signal->Stop();
+  if (watch.link) watch.link->Close();
+}
+
+void Viewing::Poll() {
+  std::vector<std::unique_ptr<Watch>> finished;
+  {
+    std::lock_guard lock(mutex_);
+    const std::int64_t now = SteadyNowNs();
+    for (const auto& watch : watches_) {
+      if (watch->done.load()) continue;
+      const std::size_t players = watch->stream->frames().SubscriberCount();
+      if (IdleDrop(watch->idle, players, now, idle_grace_s_)) {
+        LOG_INFO("token={} no players, dropping", watch->token);
+        watch->done = true;
+      }
+    }
+    for (auto it = watches_.begin(); it != watches_.end();) {
+      if ((*it)->done.load()) {
+        finished.push_back(std::move(*it));
+        it = watches_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  for (const auto& watch : finished) {
+    LOG_INFO("token={} stopped", watch->token);
+    End(registry_, *watch);
+  }
+}
+
+void Viewing::Stop() {
+  std::vector<std::unique_ptr<Watch>> all;
+  {
+    std::lock_guard lock(mutex_);
+    all.swap(watches_);
+  }
+  for (const auto& watch : all) End(registry_, *watch);
+}
+
+void Viewing::Drop(const std::string& token) {
+  std::lock_guard lock(mutex_);
+  for (const auto& watch : watches_) {
+    if (watch->token == token) watch->done = true;
+  }
+}
+
+void Viewing::SetIdentity(transport::PeerIdentity identity) {
+  std::lock_guard lock(mutex_);
+  identity_ = std::move(identity.identity);
+  display_name_ = std::move(identity.display_name);
+}
+
+void Viewing::SetShareIdentity(bool share) {
+  std::lock_guard lock(mutex_);
+  share_identity_ = share;
+}
+
+void Viewing::SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy) {
+  std::lock_guard lock(mutex_);
+  ice_servers_ = std::move(servers);
+  ice_policy_ = policy;
+}
+
+std::size_t Viewing::WatchCount() const {
+  std::lock_guard lock(mutex_);
+  return watches_.size();
+}
+
+}  // namespace mirell::session

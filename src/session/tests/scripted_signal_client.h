@@ -1,0 +1,97 @@
+// A signal client with no socket, for the session's unit tests: the test plays the server by
+// calling the handlers the session set, and reads back what the session sent. Test code only.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mirell/transport/signal_client.h"
+
+namespace mirell::session::testing {
+
+class ScriptedSignalClient : public transport::SignalClient {
+ public:
+  struct Sent {
+    std::string type;  // "offer", "deny" or "answer".
+    std::string peer;
+    std::string sdp;
+  };
+
+  void OnReady(std::function<void()> handler) override { on_ready_ = std::move(handler); }
+  void OnRefused(std::function<void(const std::string&)> handler) override {
+    on_refused_ = std::move(handler);
+  }
+  void OnPeer(std::function<void(const std::string&, const transport::PeerIdentity&)> handler)
+      override {
+    on_peer_ = std::move(handler);
+  }
+  void OnPeerGone(std::function<void(const std::string&)> handler) override {
+    on_peer_gone_ = std::move(handler);
+  }
+  void OnAnswer(std::function<void(const std::string&, const std::string&)> handler) override {
+    on_answer_ = std::move(handler);
+  }
+  void OnMedia(std::function<void(const transport::StreamMedia&)> handler) override {
+    on_media_ = std::move(handler);
+  }
+  void OnOffer(std::function<void(const std::string&)> handler) override {
+    on_offer_ = std::move(handler);
+  }
+  bool SendOffer(const std::string& peer, const std::string& sdp) override {
+    return Record({"offer", peer, sdp});
+  }
+  bool SendDeny(const std::string& peer) override { return Record({"deny", peer, {}}); }
+  bool SendAnswer(const std::string& sdp) override { return Record({"answer", {}, sdp}); }
+  void Start() override {}
+  void Stop() override {}
+  bool connected() const override { return true; }
+  std::uint64_t reconnects() const override { return 0; }
+
+  // The server's side.
+  void Peer(const std::string& peer, transport::PeerIdentity identity) {
+    if (on_peer_) on_peer_(peer, identity);
+  }
+  void PeerGone(const std::string& peer) {
+    if (on_peer_gone_) on_peer_gone_(peer);
+  }
+  void Answer(const std::string& peer, const std::string& sdp) {
+    if (on_answer_) on_answer_(peer, sdp);
+  }
+  bool has_peer_handlers() const { return on_peer_ && on_peer_gone_ && on_answer_; }
+
+  std::vector<Sent> sent() const {
+    std::lock_guard lock(mutex_);
+    return sent_;
+  }
+  std::size_t CountSent(const std::string& type) const {
+    std::lock_guard lock(mutex_);
+    std::size_t count = 0;
+    for (const Sent& message : sent_) count += message.type == type ? 1u : 0u;
+    return count;
+  }
+  void set_send_result(bool result) { send_result_ = result; }
+
+ private:
+  bool Record(Sent message) {
+    std::lock_guard lock(mutex_);
+    sent_.push_back(std::move(message));
+    return send_result_;
+  }
+
+  std::function<void()> on_ready_;
+  std::function<void(const std::string&)> on_refused_;
+  std::function<void(const std::string&, const transport::PeerIdentity&)> on_peer_;
+  std::function<void(const std::string&)> on_peer_gone_;
+  std::function<void(const std::string&, const std::string&)> on_answer_;
+  std::function<void(const transport::StreamMedia&)> on_media_;
+  std::function<void(const std::string&)> on_offer_;
+  mutable std::mutex mutex_;
+  std::vector<Sent> sent_;
+  std::atomic<bool> send_result_{true};
+};
+
+}  // namespace mirell::session::testing

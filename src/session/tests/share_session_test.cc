@@ -1,0 +1,378 @@
+// The share's door: admission by allowlist and by the user, the user's decisions, departures,
+// the sweep and the uplink rates, with a scripted signal client and real peer links.
+#include "mirell/session/share_session.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <thread>
+
+#include "mirell/base/clock.h"
+#include "mirell/base/logging.h"
+#include "mirell/session/peer_receiver.h"
+#include "mirell/testsupport/eventually.h"
+#include "mirell/testsupport/subprocess.h"
+#include "peer_media_fixture.h"
+#include "scripted_signal_client.h"
+
+namespace mirell::session {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ScriptedSignalClient;
+using testsupport::Eventually;
+using transport::PeerIdentity;
+using transport::PeerState;
+
+class ShareSessionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SetLogLevel(LogLevel::kDebug);
+    ASSERT_TRUE(SetLogFile(dir_.path() / "log"));
+    session_.SetPendingHandler([this](const std::string& id, const PeerIdentity& identity) {
+      std::lock_guard lock(asked_mutex_);
+      asked_.push_back({id, identity});
+    });
+    session_.SetKeyframeHandler([this] { ++keyframes_; });
+  }
+  void TearDown() override {
+    session_.Stop();
+    SetLogLevel(LogLevel::kWarn);
+  }
+  std::string Log() const { return testsupport::ReadFileText(dir_.path() / "log"); }
+  std::vector<std::pair<std::string, PeerIdentity>> Asked() {
+    std::lock_guard lock(asked_mutex_);
+    return asked_;
+  }
+  bool OfferSentTo(const std::string& id) {
+    for (const auto& message : signal_.sent()) {
+      if (message.type == "offer" && message.peer == id && !message.sdp.empty()) return true;
+    }
+    return false;
+  }
+
+  testsupport::TempDir dir_;
+  ScriptedSignalClient signal_;
+  daemon::FrameBus frames_;
+  daemon::AudioBus audio_;
+  ShareSession session_{&signal_, &frames_, &audio_, transport::PeerConfig{{}, 1},
+                        transport::OfferMedia{}, 48000};
+  std::mutex asked_mutex_;
+  std::vector<std::pair<std::string, PeerIdentity>> asked_;
+  std::atomic<int> keyframes_{0};
+};
+
+TEST_F(ShareSessionTest, StartTakesTheViewerHandlersOnce) {
+  EXPECT_FALSE(signal_.has_peer_handlers());
+  session_.Start();
+  EXPECT_TRUE(signal_.has_peer_handlers());
+  session_.Start();
+  EXPECT_TRUE(signal_.has_peer_handlers());
+}
+
+TEST_F(ShareSessionTest, WithoutAdmissionEveryoneIsLetInUnlisted) {
+  session_.SetAdmissionRequired(false);
+  session_.Start();
+  signal_.Peer("c1", {});
+  const auto viewers = session_.Viewers();
+  ASSERT_EQ(viewers.size(), 1u);
+  EXPECT_EQ(viewers[0].connection_id, "c1");
+  EXPECT_EQ(viewers[0].identity, "");
+  EXPECT_FALSE(viewers[0].allowlisted);
+  EXPECT_EQ(viewers[0].state, PeerState::kConnecting);
+  EXPECT_TRUE(Asked().empty());
+  EXPECT_EQ(session_.admitted(), 1u);
+  EXPECT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
+  EXPECT_NE(Log().find("peer=c1 offering"), std::string::npos);
+}
+
+TEST_F(ShareSessionTest, AnAllowlistedIdIsLetInWithoutAPrompt) {
+  session_.SetAllowlist({{"usr_friend", "Friend"}});
+  session_.Start();
+  signal_.Peer("c1", {"usr_friend", "Friendly"});
+  const auto viewers = session_.Viewers();
+  ASSERT_EQ(viewers.size(), 1u);
+  EXPECT_TRUE(viewers[0].allowlisted);
+  EXPECT_EQ(viewers[0].identity, "usr_friend");
+  EXPECT_EQ(viewers[0].display_name, "Friendly");
+  EXPECT_TRUE(Asked().empty());
+  EXPECT_TRUE(session_.PendingViewers().empty());
+  EXPECT_NE(Log().find("peer=c1 allowlisted id=Friendly"), std::string::npos);
+  EXPECT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
+}
+
+TEST_F(ShareSessionTest, TheLogNamesTheIdWhenThereIsNoDisplayName) {
+  session_.SetAllowlist({{"usr_friend", "Friend"}});
+  session_.Start();
+  signal_.Peer("c1", {"usr_friend", ""});
+  EXPECT_NE(Log().find("peer=c1 allowlisted id=usr_friend"), std::string::npos);
+}
+
+TEST_F(ShareSessionTest, AnUnlistedViewerWaitsForTheUser) {
+  session_.SetAllowlist({{"usr_friend", "Friend"}});
+  session_.Start();
+  signal_.Peer("c1", {"usr_stranger", "Stranger"});
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  const auto pending = session_.PendingViewers();
+  ASSERT_EQ(pending.size(), 1u);
+  EXPECT_EQ(pending[0].connection_id, "c1");
+  EXPECT_EQ(pending[0].identity, "usr_stranger");
+  EXPECT_EQ(pending[0].display_name, "Stranger");
+  const auto asked = Asked();
+  ASSERT_EQ(asked.size(), 1u);
+  EXPECT_EQ(asked[0].first, "c1");
+  EXPECT_EQ(asked[0].second.display_name, "Stranger");
+  EXPECT_NE(Log().find("peer=c1 pending"), std::string::npos);
+  EXPECT_TRUE(signal_.sent().empty());
+
+  session_.Approve("c1");
+  EXPECT_TRUE(session_.PendingViewers().empty());
+  const auto viewers = session_.Viewers();
+  ASSERT_EQ(viewers.size(), 1u);
+  EXPECT_FALSE(viewers[0].allowlisted);
+  EXPECT_EQ(viewers[0].display_name, "Stranger");
+  EXPECT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
+}
+
+TEST_F(ShareSessionTest, AViewerWithoutAnIdentityIsAlwaysAsked) {
+  session_.SetAllowlist({{"", "nobody"}, {"usr_friend", "Friend"}});
+  session_.Start();
+  signal_.Peer("c1", {});
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  EXPECT_EQ(session_.PendingViewers().size(), 1u);
+  EXPECT_EQ(Asked().size(), 1u);
+}
+
+TEST_F(ShareSessionTest, AllowlistingSomeoneWhoWaitsChangesNothingForThem) {
+  session_.Start();
+  signal_.Peer("c1", {"usr_late", "Late"});
+  session_.SetAllowlist({{"usr_late", "Late"}});
+  EXPECT_EQ(session_.PendingViewers().size(), 1u);
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  // Their next arrival is let in.
+  signal_.Peer("c2", {"usr_late", "Late"});
+  EXPECT_EQ(session_.ViewerCount(), 1u);
+  EXPECT_EQ(session_.PendingViewers().size(), 1u);
+}
+
+TEST_F(ShareSessionTest, ApprovingAnUnknownIdDoesNothing) {
+  session_.Start();
+  session_.Approve("nobody");
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  EXPECT_EQ(session_.admitted(), 0u);
+  std::this_thread::sleep_for(200ms);
+  EXPECT_TRUE(signal_.sent().empty());
+}
+
+TEST_F(ShareSessionTest, DenyingTwiceSendsOneDeny) {
+  session_.Start();
+  signal_.Peer("c1", {"usr_x", "X"});
+  session_.Deny("c1");
+  session_.Deny("c1");
+  EXPECT_EQ(signal_.CountSent("deny"), 1u);
+  EXPECT_EQ(signal_.sent()[0].peer, "c1");
+  EXPECT_TRUE(session_.PendingViewers().empty());
+  EXPECT_NE(Log().find("peer=c1 denied"), std::string::npos);
+  // A late approval of the denied viewer lets nobody in.
+  session_.Approve("c1");
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+}
+
+TEST_F(ShareSessionTest, DisconnectingSomeoneWhoWaitsSendsDeny) {
+  session_.Start();
+  signal_.Peer("c1", {"usr_x", "X"});
+  session_.Disconnect("c1");
+  EXPECT_EQ(signal_.CountSent("deny"), 1u);
+  EXPECT_TRUE(session_.PendingViewers().empty());
+  EXPECT_NE(Log().find("peer=c1 removed"), std::string::npos);
+}
+
+TEST_F(ShareSessionTest, DisconnectingAnUnknownIdSendsNothing) {
+  session_.Start();
+  session_.Disconnect("nobody");
+  EXPECT_TRUE(signal_.sent().empty());
+  EXPECT_EQ(Log().find("removed"), std::string::npos);
+}
+
+TEST_F(ShareSessionTest, DisconnectingAnAdmittedViewerSweepsThemOut) {
+  session_.SetAdmissionRequired(false);
+  session_.Start();
+  signal_.Peer("c1", {});
+  ASSERT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
+  session_.Disconnect("c1");
+  EXPECT_EQ(signal_.CountSent("deny"), 1u);
+  EXPECT_EQ(session_.ViewerCount(), 1u);  // Until the sweep.
+  session_.Sweep();
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  EXPECT_EQ(session_.departed(), 1u);
+  EXPECT_NE(Log().find("peer=c1 gone"), std::string::npos);
+}
+
+TEST_F(ShareSessionTest, ASecondArrivalWhileWaitingReplacesTheIdentityAndAsksAgain) {
+  session_.Start();
+  signal_.Peer("c1", {"usr_a", "First"});
+  signal_.Peer("c1", {"usr_b", "Second"});
+  const auto pending = session_.PendingViewers();
+  ASSERT_EQ(pending.size(), 1u);
+  EXPECT_EQ(pending[0].identity, "usr_b");
+  EXPECT_EQ(pending[0].display_name, "Second");
+  EXPECT_EQ(Asked().size(), 2u);
+}
+
+TEST_F(ShareSessionTest, ADepartureLeavesSomeoneWhoWaitsListed) {
+  session_.Start();
+  signal_.Peer("c1", {"usr_x", "X"});
+  signal_.PeerGone("c1");
+  session_.Sweep();
+  EXPECT_EQ(session_.PendingViewers().size(), 1u);
+}
+
+TEST_F(ShareSessionTest, ADepartedViewerIsRemovedByTheNextSweepOnly) {
+  session_.SetAdmissionRequired(false);
+  session_.Start();
+  signal_.Peer("c1", {});
+  signal_.Peer("c2", {});
+  signal_.PeerGone("c1");
+  EXPECT_EQ(session_.ViewerCount(), 2u);
+  session_.Sweep();
+  const auto viewers = session_.Viewers();
+  ASSERT_EQ(viewers.size(), 1u);
+  EXPECT_EQ(viewers[0].connection_id, "c2");
+  EXPECT_EQ(session_.departed(), 1u);
+  // An answer from the one who left is ignored.
+  signal_.Answer("c1", "v=0\r\n");
+  EXPECT_NE(Log().find("peer=c1 answer after departure"), std::string::npos);
+}
+
+TEST_F(ShareSessionTest, ABadAnswerIsLoggedAndTheViewerStays) {
+  session_.SetAdmissionRequired(false);
+  session_.Start();
+  signal_.Peer("c1", {});
+  ASSERT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
+  signal_.Answer("c1", "this is not a session description");
+  EXPECT_NE(Log().find("peer=c1 SetRemoteDescription failed: "), std::string::npos);
+  EXPECT_EQ(session_.ViewerCount(), 1u);
+}
+
+TEST_F(ShareSessionTest, AnOfferThatCannotBeSentIsLogged) {
+  signal_.set_send_result(false);
+  session_.SetAdmissionRequired(false);
+  session_.Start();
+  signal_.Peer("c1", {});
+  EXPECT_TRUE(Eventually([&] { return Log().find("peer=c1 SendOffer failed") != std::string::npos; }));
+  EXPECT_EQ(session_.ViewerCount(), 1u);  // Stays offering; no retry.
+  EXPECT_EQ(session_.Viewers()[0].state, PeerState::kConnecting);
+}
+
+TEST_F(ShareSessionTest, NobodyIsLetInAfterStop) {
+  session_.Start();
+  signal_.Peer("c1", {"usr_x", "X"});
+  session_.Stop();
+  session_.Approve("c1");
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  EXPECT_NE(Log().find("admitted=0 departed=0"), std::string::npos);
+}
+
+TEST_F(ShareSessionTest, StopEndsEveryViewerWithoutCountingThemDeparted) {
+  session_.SetAdmissionRequired(false);
+  session_.Start();
+  signal_.Peer("c1", {});
+  signal_.Peer("c2", {});
+  session_.Stop();
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  EXPECT_EQ(session_.departed(), 0u);
+  EXPECT_NE(Log().find("admitted=2 departed=0"), std::string::npos);
+}
+
+TEST(ShareSessionSmoothTest, TheFirstSampleIsTakenAsItIs) {
+  EXPECT_DOUBLE_EQ(ShareSession::Smooth(0, 800, 1000), 800);
+  EXPECT_DOUBLE_EQ(ShareSession::Smooth(-1, 800, 1000), 800);
+  EXPECT_DOUBLE_EQ(ShareSession::Smooth(500, 800, 0), 800);
+}
+
+TEST(ShareSessionSmoothTest, ZeroPullsTheAverageDownWithAFiveSecondTimeConstant) {
+  const double one_second = ShareSession::Smooth(1000, 0, 1000);
+  EXPECT_NEAR(one_second, 1000 * std::exp(-0.2), 1e-9);
+  double average = 1000;
+  for (int i = 0; i < 5; ++i) average = ShareSession::Smooth(average, 0, 1000);
+  EXPECT_NEAR(average / 1000, std::exp(-1.0), 1e-9);  // About 37 percent.
+  // The same after one five-second step: the interval of the polls does not matter.
+  EXPECT_NEAR(ShareSession::Smooth(1000, 0, 5000), average, 1e-9);
+}
+
+// A real viewer in this process: an answering link and a receiver in front of buses of its own.
+class InProcessViewer {
+ public:
+  InProcessViewer()
+      : link_(transport::CreateAnswerer(transport::PeerConfig{{}, 1})),
+        receiver_(link_.get(), &frames_, &audio_, 48000) {
+    receiver_.Start();
+    link_->OnLocalDescription([this](const std::string& sdp) {
+      std::lock_guard lock(mutex_);
+      answer_ = sdp;
+    });
+  }
+  ~InProcessViewer() { link_->Close(); }
+  void TakeOffer(const std::string& sdp) { link_->SetRemoteDescription(sdp); }
+  std::string answer() {
+    std::lock_guard lock(mutex_);
+    return answer_;
+  }
+  PeerReceiver& receiver() { return receiver_; }
+  transport::PeerLink& link() { return *link_; }
+
+ private:
+  daemon::FrameBus frames_;
+  daemon::AudioBus audio_;
+  std::unique_ptr<transport::PeerLink> link_;
+  PeerReceiver receiver_;
+  std::mutex mutex_;
+  std::string answer_;
+};
+
+TEST_F(ShareSessionTest, AnAdmittedViewerGetsTheMediaAndItsRateIsMeasured) {
+  const testing::PeerMediaFixture fixture(dir_.path(), 90);
+  session_.SetAdmissionRequired(false);
+  session_.Start();
+  signal_.Peer("c1", {"usr_v", "Viewer"});
+  ASSERT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
+  std::string offer;
+  for (const auto& message : signal_.sent()) {
+    if (message.type == "offer") offer = message.sdp;
+  }
+
+  InProcessViewer viewer;
+  viewer.TakeOffer(offer);
+  ASSERT_TRUE(Eventually([&] { return !viewer.answer().empty(); }));
+  signal_.Answer("c1", viewer.answer());
+  ASSERT_TRUE(Eventually([&] { return session_.Viewers()[0].state == PeerState::kConnected; }, 10s));
+  // The new viewer is not left waiting for the next regular keyframe.
+  EXPECT_GE(keyframes_.load(), 1);
+  EXPECT_NE(Log().find("peer=c1 connected"), std::string::npos);
+
+  std::thread publisher([&] {
+    testing::PublishInRealTime(fixture, SteadyNowNs() / 100, frames_, &audio_);
+  });
+  EXPECT_TRUE(Eventually([&] { return viewer.receiver().video_units() >= 30; }, 10s));
+  EXPECT_TRUE(Eventually([&] { return viewer.receiver().audio_units() >= 20; }, 10s));
+  std::this_thread::sleep_for(1100ms);
+  session_.Sweep();
+  publisher.join();
+  const auto viewers = session_.Viewers();
+  ASSERT_EQ(viewers.size(), 1u);
+  EXPECT_GT(viewers[0].frames_sent, 30u);
+  EXPECT_GT(viewers[0].bytes_sent, 1000u);
+  EXPECT_GT(viewers[0].uplink_kbps, 0u);
+  EXPECT_GE(viewers[0].seconds, 1);
+
+  // The viewer's link ends: the host's link fails or closes, and the sweep removes the viewer.
+  viewer.link().Close();
+  signal_.PeerGone("c1");
+  session_.Sweep();
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  EXPECT_EQ(session_.departed(), 1u);
+}
+
+}  // namespace
+}  // namespace mirell::session
