@@ -318,4 +318,6 @@ std::size_t Viewing::WatchCount() const {
   return watches_.size();
 }
 
+bool Viewing::WaitCardReady(int ms) const { return clip_ && clip_->WaitReady(ms); }
+
 }  // namespace mirell::session

@@ -63,6 +63,8 @@ class Viewing {
   void SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy);
 
   std::size_t WatchCount() const;
+  // Whether the card's clip has been built within `ms`; false without a card.
+  bool WaitCardReady(int ms) const;
 
   // The stream's audio, history and description from what a host said; zero fields take the
   // defaults (48 kHz, stereo, 128 kb/s) and a missing or bad config is derived from them.

@@ -1,0 +1,315 @@
+// The viewer's watches: what Ensure publishes, what the host's media and offer do to a stream,
+// refusal, the idle rule and Poll, against a scripted signal server on loopback.
+#include "mirell/session/viewing.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <thread>
+
+#include "fake_signal_server.h"
+#include "mirell/base/logging.h"
+#include "mirell/media/aac_rtp.h"
+#include "mirell/testsupport/eventually.h"
+#include "mirell/testsupport/subprocess.h"
+#include "mirell/transport/peer_link.h"
+
+namespace mirell::session {
+namespace {
+
+using namespace std::chrono_literals;
+using Json = nlohmann::json;
+using testsupport::Eventually;
+using transport::testing::FakeSignalServer;
+
+constexpr std::int64_t kSecond = 1'000'000'000;
+
+class ViewingTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SetLogLevel(LogLevel::kDebug);
+    ASSERT_TRUE(SetLogFile(dir_.path() / "log"));
+  }
+  void TearDown() override { SetLogLevel(LogLevel::kWarn); }
+  std::string Log() const { return testsupport::ReadFileText(dir_.path() / "log"); }
+  bool Logged(const std::string& text, std::chrono::milliseconds limit = 5s) const {
+    return Eventually([&] { return Log().find(text) != std::string::npos; }, limit);
+  }
+  Viewing::Config Config(bool card = false) {
+    Viewing::Config config;
+    config.signal_url = server_.url();
+    config.holding_card = card;
+    config.ice_policy = 1;
+    return config;
+  }
+  // The viewer's "join", as the server got it.
+  Json NextJoin() {
+    const auto text = server_.NextMessage();
+    return text ? Json::parse(*text) : Json();
+  }
+
+  testsupport::TempDir dir_;
+  FakeSignalServer server_;
+  daemon::StreamRegistry registry_;
+};
+
+TEST_F(ViewingTest, AnEmptyTokenDoesNothing) {
+  Viewing viewing(registry_, Config());
+  viewing.Ensure("");
+  EXPECT_EQ(viewing.WatchCount(), 0u);
+  EXPECT_EQ(registry_.Size(), 0u);
+}
+
+TEST_F(ViewingTest, TheTokenOfThisProgramsOwnShareIsServedFromItsStream) {
+  auto own = std::make_shared<daemon::MediaStream>("sharing screen", 30, 6000);
+  registry_.Publish("OWNTOKEN0001", own);
+  Viewing viewing(registry_, Config());
+  viewing.Ensure("OWNTOKEN0001");
+  EXPECT_EQ(viewing.WatchCount(), 0u);
+  EXPECT_EQ(registry_.Find("OWNTOKEN0001"), own);
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(server_.connections(), 0);  // No peer connection, not even a join.
+}
+
+TEST_F(ViewingTest, EnsureJoinsWithTheIdentityAndPublishesAStreamThatWaitsForItsDescription) {
+  Viewing viewing(registry_, Config());
+  viewing.SetIdentity({"usr_me", "Me"});
+  viewing.Ensure("TOKEN0000001");
+  EXPECT_EQ(viewing.WatchCount(), 1u);
+  const auto stream = registry_.Find("TOKEN0000001");
+  ASSERT_NE(stream, nullptr);
+  EXPECT_EQ(stream->label(), "watching TOKEN0000001");
+  EXPECT_FALSE(stream->IsDescribed());
+  EXPECT_EQ(stream->prime_frames(), 30u);  // 500 ms at 60 frames per second.
+  EXPECT_EQ(stream->prime_ms(), 500u);
+  const auto audio = stream->Audio();
+  ASSERT_TRUE(audio.has_value());
+  EXPECT_EQ(audio->sample_rate, 48000u);
+  EXPECT_EQ(audio->channels, 2u);
+  EXPECT_EQ(audio->bitrate_kbps, 192u);
+  EXPECT_EQ(audio->audio_specific_config, media::MakeAacLcAudioSpecificConfig(48000, 2));
+  EXPECT_TRUE(Logged("token=TOKEN0000001 fetching"));
+
+  const Json join = NextJoin();
+  EXPECT_EQ(join.value("type", ""), "join");
+  EXPECT_EQ(join.value("token", ""), "TOKEN0000001");
+  EXPECT_EQ(join.value("identity", ""), "usr_me");
+  EXPECT_EQ(join.value("displayName", ""), "Me");
+
+  viewing.Ensure("TOKEN0000001");  // A second call for the same token does nothing.
+  EXPECT_EQ(viewing.WatchCount(), 1u);
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(server_.connections(), 1);
+}
+
+TEST_F(ViewingTest, WithoutSharingTheIdentityTheJoinNamesNobody) {
+  Viewing viewing(registry_, Config());
+  viewing.SetIdentity({"usr_me", "Me"});
+  viewing.SetShareIdentity(false);
+  viewing.Ensure("TOKEN0000001");
+  const Json join = NextJoin();
+  EXPECT_EQ(join.value("type", ""), "join");
+  EXPECT_FALSE(join.contains("identity"));
+  EXPECT_FALSE(join.contains("displayName"));
+}
+
+TEST_F(ViewingTest, TheHostsMediaDescribesTheStream) {
+  Viewing viewing(registry_, Config());
+  viewing.Ensure("TOKEN0000001");
+  const auto stream = registry_.Find("TOKEN0000001");
+  ASSERT_EQ(NextJoin().value("type", ""), "join");
+  server_.Send(R"({"type":"joined","media":{"width":1920,"height":1080,"fps":50,"videoKbps":8000,
+      "sampleRate":44100,"channels":1,"audioKbps":96,"audioConfig":"1208"}})");
+  ASSERT_TRUE(Eventually([&] { return stream->IsDescribed(); }));
+  EXPECT_EQ(stream->fps(), 50u);
+  EXPECT_EQ(stream->bitrate_kbps(), 8000u);
+  const auto audio = stream->Audio();
+  EXPECT_EQ(audio->sample_rate, 44100u);
+  EXPECT_EQ(audio->channels, 1u);
+  EXPECT_EQ(audio->bitrate_kbps, 96u);
+  EXPECT_EQ(audio->audio_specific_config, (std::vector<std::uint8_t>{0x12, 0x08}));
+  EXPECT_TRUE(Logged("token=TOKEN0000001 media=1920x1080@50 audio=44100/1"));
+}
+
+TEST_F(ViewingTest, JoinedWithoutMediaLeavesTheStreamUndescribed) {
+  Viewing viewing(registry_, Config());
+  viewing.Ensure("TOKEN0000001");
+  const auto stream = registry_.Find("TOKEN0000001");
+  ASSERT_EQ(NextJoin().value("type", ""), "join");
+  server_.Send(R"({"type":"joined"})");
+  std::this_thread::sleep_for(300ms);
+  EXPECT_FALSE(stream->IsDescribed());
+  EXPECT_FALSE(stream->WaitDescribed(100));  // DESCRIBE waits out its own limit.
+  EXPECT_EQ(stream->fps(), 30u);
+}
+
+TEST_F(ViewingTest, AFrameRateOfZeroLeavesTheStreamsAsItWas) {
+  Viewing viewing(registry_, Config());
+  viewing.Ensure("TOKEN0000001");
+  const auto stream = registry_.Find("TOKEN0000001");
+  ASSERT_EQ(NextJoin().value("type", ""), "join");
+  server_.Send(R"({"type":"joined","media":{"width":1280,"height":720,"fps":0,"videoKbps":0}})");
+  ASSERT_TRUE(Eventually([&] { return stream->IsDescribed(); }));
+  EXPECT_EQ(stream->fps(), 30u);
+  EXPECT_EQ(stream->bitrate_kbps(), 25000u);
+  EXPECT_EQ(stream->Audio()->sample_rate, 48000u);
+}
+
+TEST_F(ViewingTest, AnAudioConfigThatIsNotHexadecimalFallsBackToTheDerivedOne) {
+  Viewing viewing(registry_, Config());
+  viewing.Ensure("TOKEN0000001");
+  const auto stream = registry_.Find("TOKEN0000001");
+  ASSERT_EQ(NextJoin().value("type", ""), "join");
+  server_.Send(R"({"type":"joined","media":{"sampleRate":32000,"channels":2,"audioConfig":"zz!"}})");
+  ASSERT_TRUE(Eventually([&] { return stream->IsDescribed(); }));
+  EXPECT_EQ(stream->Audio()->audio_specific_config, media::MakeAacLcAudioSpecificConfig(32000, 2));
+}
+
+TEST_F(ViewingTest, ARefusalEndsTheWatchAtTheNextPollAndItsReaders) {
+  Viewing viewing(registry_, Config());
+  viewing.Ensure("TOKEN0000001");
+  const auto stream = registry_.Find("TOKEN0000001");
+  auto reader = stream->frames().Subscribe(8, 0);
+  ASSERT_EQ(NextJoin().value("type", ""), "join");
+  server_.Send(R"({"type":"error","reason":"no such share"})");
+  ASSERT_TRUE(Logged("token=TOKEN0000001 refused: no such share"));
+  EXPECT_TRUE(stream->IsDescribed());  // No DESCRIBE stays waiting.
+  EXPECT_EQ(viewing.WatchCount(), 1u);
+  viewing.Poll();
+  EXPECT_EQ(viewing.WatchCount(), 0u);
+  EXPECT_TRUE(Logged("token=TOKEN0000001 stopped"));
+  EXPECT_EQ(registry_.Find("TOKEN0000001"), nullptr);
+  EXPECT_TRUE(reader->Closed());
+}
+
+TEST_F(ViewingTest, WithoutASignalUrlTheStreamPlaysOnlyTheCard) {
+  Viewing::Config config = Config(true);
+  config.signal_url.clear();
+  Viewing viewing(registry_, std::move(config));
+  ASSERT_TRUE(viewing.WaitCardReady(30'000));
+  viewing.Ensure("TOKEN0000001");
+  const auto stream = registry_.Find("TOKEN0000001");
+  ASSERT_NE(stream, nullptr);
+  EXPECT_TRUE(stream->IsDescribed());
+  EXPECT_FALSE(stream->SequenceHeader().empty());
+  EXPECT_TRUE(Logged("token=TOKEN0000001 no signal url"));
+  auto reader = stream->frames().Subscribe(64, 0);
+  EXPECT_TRUE(reader->Pop(2000) != nullptr);  // The card plays.
+}
+
+TEST_F(ViewingTest, ACardThatIsNotReadyInTimeIsLeftOut) {
+  Viewing viewing(registry_, Config(true));
+  viewing.Ensure("TOKEN0000001");  // The clip takes far longer than 120 ms to build.
+  EXPECT_TRUE(Logged("card not ready"));
+  EXPECT_TRUE(registry_.Find("TOKEN0000001")->SequenceHeader().empty());
+}
+
+TEST_F(ViewingTest, AnOfferIsAnsweredAndADifferentAudioFormatIsOnlyWarnedAbout) {
+  Viewing viewing(registry_, Config());
+  viewing.Ensure("TOKEN0000001");
+  ASSERT_EQ(NextJoin().value("type", ""), "join");
+  transport::OfferMedia media;
+  media.sample_rate = 44100;
+  auto host = transport::CreateOfferer(transport::PeerConfig{{}, 1}, media);
+  std::mutex mutex;
+  std::string offer;
+  host->OnLocalDescription([&](const std::string& sdp) {
+    std::lock_guard lock(mutex);
+    offer = sdp;
+  });
+  ASSERT_TRUE(Eventually([&] { std::lock_guard lock(mutex); return !offer.empty(); }));
+  server_.Send(Json{{"type", "offer"}, {"sdp", offer}}.dump());
+  const auto answer = server_.NextMessage(10s);
+  ASSERT_TRUE(answer.has_value());
+  const Json message = Json::parse(*answer);
+  EXPECT_EQ(message.value("type", ""), "answer");
+  host->SetRemoteDescription(message.value("sdp", ""));
+  EXPECT_TRUE(Logged("token=TOKEN0000001 offer audio=44100/2 advertised=48000/2 mismatch"));
+  EXPECT_TRUE(Logged("token=TOKEN0000001 connected", 10s));
+  viewing.Poll();
+  EXPECT_EQ(viewing.WatchCount(), 1u);
+  host->Close();
+}
+
+TEST_F(ViewingTest, AnOfferThatCannotBeAppliedEndsTheWatch) {
+  Viewing viewing(registry_, Config());
+  viewing.Ensure("TOKEN0000001");
+  ASSERT_EQ(NextJoin().value("type", ""), "join");
+  server_.Send(R"({"type":"offer","sdp":"not a description"})");
+  ASSERT_TRUE(Logged("TOKEN0000001 sent an offer we could not apply: "));
+  viewing.Poll();
+  EXPECT_EQ(viewing.WatchCount(), 0u);
+}
+
+TEST_F(ViewingTest, DropEndsTheWatchAtTheNextPoll) {
+  Viewing viewing(registry_, Config());
+  viewing.Ensure("TOKEN0000001");
+  viewing.Drop("TOKEN0000001");
+  viewing.Poll();
+  EXPECT_EQ(viewing.WatchCount(), 0u);
+  EXPECT_EQ(registry_.Size(), 0u);
+  // Resolving again makes a new watch.
+  viewing.Ensure("TOKEN0000001");
+  EXPECT_EQ(viewing.WatchCount(), 1u);
+}
+
+TEST_F(ViewingTest, StopEndsEveryWatch) {
+  Viewing viewing(registry_, Config());
+  viewing.Ensure("TOKEN0000001");
+  viewing.Ensure("TOKEN0000002");
+  auto reader = registry_.Find("TOKEN0000002")->frames().Subscribe(8, 0);
+  viewing.Stop();
+  EXPECT_EQ(viewing.WatchCount(), 0u);
+  EXPECT_EQ(registry_.Size(), 0u);
+  EXPECT_TRUE(reader->Closed());
+}
+
+TEST_F(ViewingTest, AWatchWhosePlayerNeverCameStays) {
+  Viewing::Config config = Config();
+  config.idle_grace_s = 0;
+  Viewing viewing(registry_, std::move(config));
+  viewing.Ensure("TOKEN0000001");
+  viewing.Poll();
+  std::this_thread::sleep_for(50ms);
+  viewing.Poll();
+  EXPECT_EQ(viewing.WatchCount(), 1u);
+}
+
+TEST_F(ViewingTest, AWatchWhosePlayerLeftIsDroppedAfterTheGrace) {
+  Viewing::Config config = Config();
+  config.idle_grace_s = 1;
+  Viewing viewing(registry_, std::move(config));
+  viewing.Ensure("TOKEN0000001");
+  auto stream = registry_.Find("TOKEN0000001");
+  auto player = stream->frames().Subscribe(8, 0);
+  viewing.Poll();
+  stream->frames().Unsubscribe(player);
+  viewing.Poll();  // Starts counting.
+  EXPECT_EQ(viewing.WatchCount(), 1u);
+  std::this_thread::sleep_for(1100ms);
+  viewing.Poll();
+  EXPECT_EQ(viewing.WatchCount(), 0u);
+  EXPECT_TRUE(Logged("token=TOKEN0000001 no players, dropping"));
+  EXPECT_TRUE(Logged("token=TOKEN0000001 stopped"));
+}
+
+TEST(ViewingIdleRuleTest, APlayerWhoComesBackWithinTheGraceResetsTheCount) {
+  Viewing::IdleState state;
+  EXPECT_FALSE(Viewing::IdleDrop(state, 1, 1 * kSecond, 6));
+  EXPECT_FALSE(Viewing::IdleDrop(state, 0, 4 * kSecond, 6));  // The player leaves at second 4.
+  EXPECT_FALSE(Viewing::IdleDrop(state, 1, 5 * kSecond, 6));  // Another comes at second 5.
+  EXPECT_EQ(state.idle_since, 0);
+  EXPECT_FALSE(Viewing::IdleDrop(state, 0, 9 * kSecond, 6));
+  EXPECT_FALSE(Viewing::IdleDrop(state, 0, 14 * kSecond, 6));
+  EXPECT_TRUE(Viewing::IdleDrop(state, 0, 15 * kSecond, 6));
+}
+
+TEST(ViewingIdleRuleTest, NeverHavingHadAPlayerIsNoReasonToDrop) {
+  Viewing::IdleState state;
+  EXPECT_FALSE(Viewing::IdleDrop(state, 0, 1 * kSecond, 6));
+  EXPECT_FALSE(Viewing::IdleDrop(state, 0, 1000 * kSecond, 6));
+  EXPECT_FALSE(state.had_players);
+}
+
+}  // namespace
+}  // namespace mirell::session
