@@ -9,7 +9,21 @@
 
 namespace mirell::ui {
 
-DaemonHost::DaemonHost(DaemonConfig config) : config_(std::move(config)) {}
+namespace {
+
+session::Viewing::Config ViewingConfigOf(const DaemonConfig& config) {
+  session::Viewing::Config viewing;
+  viewing.signal_url = config.signal_url;
+  viewing.ice_servers = config.ice_servers;
+  viewing.ice_policy = config.ice_policy;
+  viewing.prime_ms = config.prime_ms;
+  return viewing;
+}
+
+}  // namespace
+
+DaemonHost::DaemonHost(DaemonConfig config)
+    : config_(std::move(config)), viewing_(registry_, ViewingConfigOf(config_)) {}
 
 DaemonHost::~DaemonHost() { Stop(); }
 
@@ -47,6 +61,7 @@ void DaemonHost::Start() {
 void DaemonHost::Stop() {
   if (!started_) return;
   started_ = false;
+  viewing_.Stop();
   if (rtsp_) {
     rtsp_->Stop();
     rtsp_.reset();
@@ -63,8 +78,18 @@ void DaemonHost::Stop() {
 daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
   const std::string token = ShareTokenFromUrl(url, config_.share_prefix);
   if (token.empty()) return {};
+  // May throw; the resolve service then answers nothing and the stub sees the connection end.
+  viewing_.Ensure(token);
   return {daemon::ResolveStatus::kResolved,
           fmt::format("rtspt://127.0.0.1:{}/s/{}", rtsp_bound_port_.load(), token), {}};
+}
+
+void DaemonHost::Poll() { viewing_.Poll(); }
+
+void DaemonHost::SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy) {
+  config_.ice_servers = servers;
+  config_.ice_policy = policy;
+  viewing_.SetIceServers(std::move(servers), policy);
 }
 
 std::uint16_t DaemonHost::rtsp_port() const { return rtsp_ ? rtsp_->port() : 0; }

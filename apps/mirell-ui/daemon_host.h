@@ -1,6 +1,7 @@
 // The owner of the local services and the only thing the interface talks to. It has no thread
 // and no lock of its own: every call comes from the interface thread, except the callbacks it
-// hands to the services, which touch only the registry and constant configuration.
+// hands to the services, which touch only the registry, the viewing side (which has its own lock)
+// and constant configuration.
 #pragma once
 
 #include <atomic>
@@ -13,6 +14,8 @@
 #include "mirell/daemon/rtsp_server.h"
 #include "mirell/daemon/stub_installer.h"
 #include "mirell/daemon/stream_registry.h"
+#include "mirell/session/viewing.h"
+#include "mirell/transport/peer_config.h"
 
 namespace mirell::ui {
 
@@ -33,12 +36,19 @@ class DaemonHost {
   // start (its marker stays).
   void Stop();
 
+  // One heartbeat, from the interface thread's timer: drops the watches that have ended.
+  void Poll();
+  // Stored, and used by the watches made from now on; those that exist keep what they have.
+  void SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy);
+
   // The decision for one URL, as the resolve service gets it: a share link of this deployment
-  // is resolved to the loopback RTSP address of its token; anything else is not ours.
+  // makes sure a stream is there for its token (the host's own, or a watch that plays the card
+  // at once) and is resolved to that token's loopback RTSP address; anything else is not ours.
   daemon::ResolveResult Resolve(const std::string& url);
 
   const DaemonConfig& config() const { return config_; }
   daemon::StreamRegistry& registry() { return registry_; }
+  session::Viewing& viewing() { return viewing_; }
   // The resolve endpoint as bound; empty when not started.
   std::string resolve_endpoint() const;
   // The RTSP server's port; 0 when not started.
@@ -50,6 +60,7 @@ class DaemonHost {
   // Member order is destruction order in reverse: the services end before the registry they use.
   DaemonConfig config_;
   daemon::StreamRegistry registry_;
+  session::Viewing viewing_;
   std::optional<daemon::RtspServer> rtsp_;
   std::optional<daemon::ResolveService> resolve_;
   std::optional<daemon::StubInstaller> stub_;

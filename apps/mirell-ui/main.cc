@@ -6,6 +6,7 @@
 #include <QMessageBox>
 #include <QObject>
 #include <QString>
+#include <QTimer>
 #include <exception>
 #include <filesystem>
 #include <optional>
@@ -87,6 +88,11 @@ int main(int argc, char** argv) {
     }
     return 1;
   }
+
+  // The heartbeat that drops ended watches. The main window takes it over once it exists.
+  QTimer poll_timer;
+  QObject::connect(&poll_timer, &QTimer::timeout, [&host] { host.Poll(); });
+  poll_timer.start(500);
 
   QuitEventLoopOnSignals();
   const int result = QApplication::exec();

@@ -115,8 +115,8 @@ TEST_F(UiProcess, AnswersResolveRequestsAndStopsOnSigterm) {
   EXPECT_EQ(ExchangeOnce(pipe_port_, "GET / HTTP/1.0\n"), "ERR unknown verb\n");
   EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://example.com/\n"), "PASS\n");
 
-  // The RTSP server runs on its port: a stream nobody published is not found.
-  EXPECT_EQ(ExchangeOnce(rtsp_port_, "DESCRIBE rtsp://127.0.0.1/s/ABCDEFGHJKMN RTSP/1.0\r\nCSeq: 1\r\n\r\n", 1s),
+  // The RTSP server runs on its port: a stream nobody resolved is not found.
+  EXPECT_EQ(ExchangeOnce(rtsp_port_, "DESCRIBE rtsp://127.0.0.1/s/ZZZZZZZZZZZZ RTSP/1.0\r\nCSeq: 1\r\n\r\n", 1s),
             "RTSP/1.0 404 Not Found\r\nCSeq: 1\r\nServer: mirell/0.1\r\n\r\n");
 
   process_->Signal(SIGTERM);
