@@ -4,6 +4,7 @@
 
 #include "mirell/base/logging.h"
 #include "mirell/daemon/stream_path.h"
+#include "mirell/transport/peer_link.h"
 #include "executable_path.h"
 #include "share_link.h"
 
@@ -31,6 +32,8 @@ void DaemonHost::Start() {
   if (started_) return;
   // Set first, so that Stop cleans up after a start that fails half-way.
   started_ = true;
+  // Sets the WebRTC stack up now rather than in the first resolve, which must answer at once.
+  transport::InitialiseTransportLogging();
   rtsp_.emplace([this](const std::string& path) {
     return registry_.Find(daemon::TokenFromPath(path));
   });

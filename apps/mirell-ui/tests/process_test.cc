@@ -12,6 +12,7 @@
 #include <fstream>
 #include <thread>
 
+#include "installed_ui.h"
 #include "instance_key.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
@@ -23,48 +24,6 @@ namespace {
 using namespace std::chrono_literals;
 using testsupport::ChildProcess;
 using testsupport::ExchangeOnce;
-
-// A copy of the executable in a temporary directory, so that its log file (beside the
-// executable) is this test's own.
-class InstalledUi {
- public:
-  InstalledUi() {
-    binary_ = dir_.path() / "mirell-ui";
-    std::filesystem::copy_file(MIRELL_UI_BINARY, binary_);
-  }
-  const std::filesystem::path& binary() const { return binary_; }
-  std::string Log(std::uint16_t rtsp_port, const std::string& pipe) const {
-    return testsupport::ReadFileText(dir_.path() /
-                                     LogFileName(InstanceKey(rtsp_port, pipe), "unused"));
-  }
-  // Removes the log of an earlier run, so that WaitForLog sees only the next one's lines.
-  void ForgetLog(std::uint16_t rtsp_port, const std::string& pipe) const {
-    std::filesystem::remove(dir_.path() / LogFileName(InstanceKey(rtsp_port, pipe), "unused"));
-  }
-  // Waits until the log holds `text`.
-  bool WaitForLog(std::uint16_t rtsp_port, const std::string& pipe, const std::string& text,
-                  std::chrono::milliseconds limit = 20s) const {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (Log(rtsp_port, pipe).find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(20ms);
-    }
-    return false;
-  }
-
- private:
-  testsupport::TempDir dir_;
-  std::filesystem::path binary_;
-};
-
-// Headless, with a home of its own, so that no real VRChat installation is ever touched.
-testsupport::ProcessOptions Headless(const std::filesystem::path& home) {
-  testsupport::ProcessOptions options;
-  options.environment["QT_QPA_PLATFORM"] = "offscreen";
-  options.environment["MIRELL_LOG"] = "debug";
-  options.environment["HOME"] = home.string();
-  return options;
-}
 
 using testsupport::MakeTaggedFile;
 

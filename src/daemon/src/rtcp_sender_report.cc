@@ -60,4 +60,14 @@ std::vector<std::uint8_t> BuildSenderReport(std::uint32_t ssrc, std::uint64_t nt
   return report;
 }
 
+std::vector<std::uint8_t> BuildGoodbye(std::uint32_t ssrc, std::uint64_t ntp_time,
+                                       std::uint32_t rtp_time, std::uint32_t packets,
+                                       std::uint32_t octets) {
+  // A compound RTCP packet starts with a report; the BYE names one source and gives no reason.
+  std::vector<std::uint8_t> packet = BuildSenderReport(ssrc, ntp_time, rtp_time, packets, octets);
+  packet.insert(packet.end(), {0x81, 203, 0, 1});
+  Put32(packet, ssrc);
+  return packet;
+}
+
 }  // namespace mirell::daemon

@@ -1,5 +1,6 @@
 // RTCP sender reports for the interleaved RTSP connection: SR followed by an SDES with a CNAME,
-// so that a player can map RTP time to wall-clock time and line the two tracks up.
+// so that a player can map RTP time to wall-clock time and line the two tracks up; and the BYE
+// that ends a track.
 #pragma once
 
 #include <cstdint>
@@ -17,5 +18,11 @@ std::int64_t SystemTicks100ns();
 std::vector<std::uint8_t> BuildSenderReport(std::uint32_t ssrc, std::uint64_t ntp_time,
                                             std::uint32_t rtp_time, std::uint32_t packets,
                                             std::uint32_t octets);
+
+// A sender report followed by a BYE: the track has ended, and a player that has one for every
+// track ends its stream.
+std::vector<std::uint8_t> BuildGoodbye(std::uint32_t ssrc, std::uint64_t ntp_time,
+                                       std::uint32_t rtp_time, std::uint32_t packets,
+                                       std::uint32_t octets);
 
 }  // namespace mirell::daemon

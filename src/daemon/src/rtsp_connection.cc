@@ -66,7 +66,11 @@ void RtspConnection::Run() {
   std::array<char, 8192> buffer{};
   for (;;) {
     requests.clear();
-    if (WaitReadable(socket_, playing_ && !StreamEnded() ? 0 : 200)) {
+    if (playing_ && StreamEnded()) {
+      SayGoodbye();
+      break;
+    }
+    if (WaitReadable(socket_, playing_ ? 0 : 200)) {
       const auto received = ReceiveSome(socket_, buffer);
       if (received < 1) break;
       pending_.append(buffer.data(), static_cast<std::size_t>(received));
@@ -90,10 +94,25 @@ void RtspConnection::Run() {
   Unsubscribe();
 }
 
-// A withdrawn stream has closed the subscriptions: nothing more will come, so the loop waits on
-// the socket instead of turning without pause until the player leaves.
+// A withdrawn stream has closed the subscriptions: nothing more will come.
 bool RtspConnection::StreamEnded() const {
   return video_sub_ && video_sub_->Closed() && (!audio_sub_ || audio_sub_->Closed());
+}
+
+// The end of a withdrawn stream, told to the player rather than left as a frozen picture: a BYE
+// on every track, after which the connection closes. Players end their stream on the BYEs, or at
+// the latest on the closed connection.
+void RtspConnection::SayGoodbye() {
+  const std::uint64_t ntp_time = NtpTime(SystemTicks100ns());
+  QueueInterleaved(video_rtcp_channel_, BuildGoodbye(h264_.ssrc(), ntp_time, video_rtp_time_,
+                                                     video_packets_, video_octets_));
+  if (audio_sub_) {
+    QueueInterleaved(audio_rtcp_channel_, BuildGoodbye(aac_.ssrc(), ntp_time, audio_rtp_time_,
+                                                       audio_packets_, audio_octets_));
+  }
+  SendAll(socket_, outgoing_);
+  outgoing_.clear();
+  LOG_INFO("client={} stream ended, goodbye sent", client_);
 }
 
 void RtspConnection::Unsubscribe() {
@@ -305,15 +324,35 @@ void RtspConnection::QueueVideo() {
 // so that a player lines them up the same way. The times last sent would not do: a new player
 // gets all its primed sound with the first frame, and its two tracks' last times then differ by
 // the primed span.
+//
+// "Now" runs on an anchor (media time minus steady time) rather than on each report's newest
+// frame, because frames that came over the network are published with jitter, and a player
+// re-times everything at each report: a report whose media time runs ahead of the last one's
+// steps its time stamps back. The anchor follows the latest-published frames at once (time stamps
+// then step forward, which players take in their stride) and earlier ones only by a fifth of a
+// millisecond per second, which covers the drift between two machines' clocks.
+std::int64_t RtspConnection::ReportMediaNow(std::int64_t steady_ns) {
+  constexpr std::int64_t kAnchorCreepPerReport = 2'000;  // 100 ns: 0.2 ms.
+  const FrameBus::LiveEdge edge = stream_->frames().live_edge();
+  if (edge.pts_100ns >= 0) {
+    const std::int64_t lag = edge.pts_100ns - edge.published_ns / 100;
+    if (!report_anchor_ || lag < *report_anchor_) {
+      report_anchor_ = lag;
+    } else {
+      report_anchor_ = std::min(lag, *report_anchor_ + kAnchorCreepPerReport);
+    }
+  }
+  return report_anchor_ ? *report_anchor_ + steady_ns / 100 : -1;
+}
+
 void RtspConnection::QueueSenderReports(SteadyTime now) {
   if (now - last_report_ < kReportInterval || video_packets_ == 0) return;
-  const FrameBus::LiveEdge edge = stream_->frames().live_edge();
-  const std::int64_t steady_ns = SteadyNowNs();
+  const std::int64_t media_now = ReportMediaNow(SteadyNowNs());
   const std::uint64_t ntp_time = NtpTime(SystemTicks100ns());
   std::uint32_t video_rtp_time = video_rtp_time_;
   std::uint32_t audio_rtp_time = audio_rtp_time_;
-  if (edge.pts_100ns >= 0) {
-    const std::int64_t delta = edge.pts_100ns + (steady_ns - edge.published_ns) / 100 - first_timestamp_;
+  if (media_now >= 0) {
+    const std::int64_t delta = media_now - first_timestamp_;
     video_rtp_time = rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, 9, 1000));
     audio_rtp_time = rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, audio_rate_, kTicksPerSecond));
   }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -55,6 +56,8 @@ class RtspConnection {
   void LogStatistics(SteadyTime now);
   void Unsubscribe();
   bool StreamEnded() const;
+  void SayGoodbye();
+  std::int64_t ReportMediaNow(std::int64_t steady_ns);
   std::int64_t MsSinceConnect() const;
 
   RtspConnectionContext context_;
@@ -78,6 +81,8 @@ class RtspConnection {
   std::shared_ptr<AudioBus::Subscription> audio_sub_;
   std::int64_t first_timestamp_ = -1;
   std::uint32_t rtp_base_ = 0;
+  // The reports' media clock: media time minus steady time, in 100 ns; see QueueSenderReports.
+  std::optional<std::int64_t> report_anchor_;
   std::uint32_t video_rtp_time_ = 0, audio_rtp_time_ = 0;
   std::uint32_t video_packets_ = 0, audio_packets_ = 0;
   std::uint32_t video_octets_ = 0, audio_octets_ = 0;

@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+#include <set>
+#include <atomic>
+
 #include <optional>
 
 #include <future>
@@ -388,6 +392,49 @@ TEST_F(RtspServerTest, BothTracksReportsNameOneMediaInstantWhenTheSoundWasSentAh
   EXPECT_GT(video_ms, 0.0);
 }
 
+// Frames that came over a network are published with jitter. A player re-times its packets at
+// each report, so a report whose media time ran ahead of the wall clock since the last one would
+// step its time stamps back.
+TEST_F(RtspServerTest, ReportsNeverRunAheadOfTheWallClockWhenFramesArriveWithJitter) {
+  RtspTestClient client(server_.port());
+  ASSERT_EQ(StartPlaying(client).status, 200);
+  std::atomic<bool> publishing{true};
+  std::thread publisher([&] {
+    std::minstd_rand random(7);  // A fixed pattern of lateness.
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; publishing.load(); ++i) {
+      // On time, or up to 45 ms late.
+      const auto late = std::chrono::milliseconds(random() % 46);
+      std::this_thread::sleep_until(start + i * 33333us + late);
+      stream_->frames().Publish(MakeFrame(i * kFrame100ns, i % 15 == 0));
+    }
+  });
+  struct Report {
+    double wall_s;
+    double media_s;
+  };
+  std::vector<Report> reports;
+  const auto deadline = std::chrono::steady_clock::now() + 6500ms;
+  while (std::chrono::steady_clock::now() < deadline) {
+    const auto frame = client.ReadFrame(500ms);
+    if (!frame || frame->channel != 1 || frame->payload.size() < 20 || frame->payload[1] != 200) {
+      continue;
+    }
+    const double ntp_seconds = ReadBigEndian32(frame->payload, 8);
+    const double ntp_fraction = ReadBigEndian32(frame->payload, 12) / 4294967296.0;
+    reports.push_back({ntp_seconds + ntp_fraction, ReadBigEndian32(frame->payload, 16) / 90000.0});
+  }
+  publishing = false;
+  publisher.join();
+  ASSERT_GE(reports.size(), 5u);
+  for (std::size_t k = 1; k < reports.size(); ++k) {
+    const double wall = reports[k].wall_s - reports[k - 1].wall_s;
+    const double media = reports[k].media_s - reports[k - 1].media_s;
+    EXPECT_LE(media, wall + 0.0005) << "report " << k;
+    EXPECT_GT(media, wall - 0.05) << "report " << k;  // And not far behind it either.
+  }
+}
+
 TEST_F(RtspServerTest, WhilePlayingAStalledSourceTheSocketIsStillReadFourTimesASecond) {
   RtspTestClient client(server_.port());
   ASSERT_EQ(StartPlaying(client).status, 200);
@@ -486,24 +533,48 @@ TEST_F(RtspServerTest, StopEndsAConnectionBlockedInASend) {
   EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
 }
 
-TEST_F(RtspServerTest, WithdrawEndsDeliveryAndStopJoinsEveryThread) {
+TEST_F(RtspServerTest, WithdrawSaysGoodbyeOnEveryTrackAndEndsTheConnection) {
+  stream_->SetAudio(AudioConfig{48000, 2, 128, {0x11, 0x90}});
   stream_->SetPriming(1, 33);
   RtspTestClient first(server_.port());
+  ASSERT_EQ(first.Request("DESCRIBE", uri_, 1).status, 200);
+  first.Request("SETUP", uri_ + "/trackID=0", 2, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
+  first.Request("SETUP", uri_ + "/trackID=1", 3, "Transport: RTP/AVP/TCP;interleaved=2-3\r\n");
+  ASSERT_EQ(first.Request("PLAY", uri_, 4).status, 200);
   RtspTestClient second(server_.port());
-  ASSERT_EQ(StartPlaying(first).status, 200);
   ASSERT_EQ(StartPlaying(second).status, 200);
   stream_->frames().Publish(MakeFrame(0, true));
   ASSERT_TRUE(first.ReadFrame().has_value());
   ASSERT_TRUE(second.ReadFrame().has_value());
   registry_.Withdraw("tok");
   stream_->frames().Publish(MakeFrame(kFrame100ns, false));
-  // Sender reports may still come on channel 1; no media comes any more.
+
+  // No media any more: a BYE on each track's RTCP channel, then the connection closes.
   for (auto* client : {&first, &second}) {
-    while (const auto frame = client->ReadFrame(600ms)) {
-      EXPECT_NE(frame->channel, 0) << "media after the stream was withdrawn";
+    std::set<int> goodbyes;
+    while (const auto frame = client->ReadFrame(2s)) {
+      if (frame->channel == 0 || frame->channel == 2) continue;  // Media sent before the end.
+      const auto& rtcp = frame->payload;
+      ASSERT_GE(rtcp.size(), 8u);
+      if (rtcp.size() == 60 && rtcp[52] == 0x81 && rtcp[53] == 203) {
+        EXPECT_EQ(std::vector<std::uint8_t>(rtcp.begin() + 56, rtcp.end()),
+                  std::vector<std::uint8_t>(rtcp.begin() + 4, rtcp.begin() + 8))
+            << "the BYE names the report's source";
+        goodbyes.insert(frame->channel);
+      }
     }
+    EXPECT_TRUE(client->WaitClosed(2s));
+    EXPECT_EQ(goodbyes, (std::set<int>{1, 3}));
   }
-  EXPECT_FALSE(first.closed()) << "a withdrawn stream leaves the connection open";
+  EXPECT_NE(testsupport::ReadFileText(dir_.path() / "log").find("stream ended, goodbye sent"),
+            std::string::npos);
+}
+
+TEST_F(RtspServerTest, StopJoinsEveryThread) {
+  RtspTestClient first(server_.port());
+  RtspTestClient second(server_.port());
+  ASSERT_EQ(StartPlaying(first).status, 200);
+  ASSERT_EQ(StartPlaying(second).status, 200);
   const auto started = std::chrono::steady_clock::now();
   server_.Stop();
   EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
