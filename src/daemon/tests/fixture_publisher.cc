@@ -27,7 +27,7 @@ FixturePublisher::FixturePublisher(const std::filesystem::path& dir,
     : stream_(std::move(stream)), options_(options) {
   video_units_ = media::testing::SplitAtDelimiters(media::testing::ReadBytes(
       media::testing::MakeH264Fixture(dir, options_.frames, options_.width, options_.height,
-                                      options_.video_kbps)));
+                                      options_.video_kbps, options_.video_source)));
   if (video_units_.empty()) throw std::runtime_error("the H.264 fixture has no access units");
   for (const auto& unit : video_units_) keyframes_.push_back(HasNalOfType(unit, 5));
 
@@ -42,7 +42,7 @@ FixturePublisher::FixturePublisher(const std::filesystem::path& dir,
   stream_->SetPriming(static_cast<std::uint64_t>(options_.prime_ms) * 30 / 1000, options_.prime_ms);
   if (options_.audio) {
     audio_units_ = media::testing::ParseAdts(media::testing::ReadBytes(
-        media::testing::MakeAacFixture(dir, options_.frames / 30.0 + 0.2)));
+        media::testing::MakeAacFixture(dir, options_.frames / 30.0 + 0.2, options_.audio_source)));
     stream_->SetAudio(AudioConfig{48000, 2, 128, {}});
     stream_->audio().SetHistory(100);
   }
@@ -68,8 +68,9 @@ void FixturePublisher::Run() {
   while (running_.load()) {
     const std::int64_t video_pts = static_cast<std::int64_t>(video_index) * frame_ticks;
     // From the sample count, so that 1024-sample steps do not accumulate rounding.
-    const std::int64_t audio_pts =
-        static_cast<std::int64_t>(audio_index) * kAudioSamples * kTicksPerSecond / kAudioRate;
+    const std::int64_t audio_sample =
+        static_cast<std::int64_t>(audio_index) * kAudioSamples - (options_.sound_on_time ? kAudioSamples : 0);
+    const std::int64_t audio_pts = audio_sample * kTicksPerSecond / kAudioRate;
     const bool video_next = audio_units_.empty() || video_pts <= audio_pts;
     const std::int64_t pts = video_next ? video_pts : audio_pts;
     std::this_thread::sleep_until(start + std::chrono::microseconds(pts / 10));

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -20,6 +21,12 @@ struct FixtureOptions {
   int video_kbps = 0;  // 0: x264's default quality.
   bool audio = true;
   std::uint64_t prime_ms = 500;
+  // lavfi sources instead of the test pattern and the sine (see MakeH264Fixture, MakeAacFixture).
+  std::string video_source;
+  std::string audio_source;
+  // Time stamps of the sound units go back by the encoder's priming, so that what decodes from a
+  // unit is stamped with the time it was made at, as a share's encoder does.
+  bool sound_on_time = false;
 };
 
 class FixturePublisher {

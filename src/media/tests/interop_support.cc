@@ -74,11 +74,12 @@ int FreeUdpPort() {
 }
 
 std::filesystem::path MakeH264Fixture(const std::filesystem::path& dir, int frames, int width, int height,
-                                      int bitrate_kbps) {
+                                      int bitrate_kbps, const std::string& source) {
   const auto path = dir / "fixture.h264";
+  const std::string size = std::to_string(width) + "x" + std::to_string(height);
   std::vector<std::string> command = {
       "ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
-      "testsrc2=size=" + std::to_string(width) + "x" + std::to_string(height) + ":rate=30", "-frames:v",
+      source.empty() ? "testsrc2=size=" + size + ":rate=30" : source, "-s", size, "-frames:v",
       std::to_string(frames), "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "veryfast", "-bf", "0",
       "-g", "15", "-x264-params", "aud=1:repeat-headers=1"};
   if (bitrate_kbps > 0) {
@@ -108,10 +109,12 @@ std::vector<Bytes> SplitAtDelimiters(const Bytes& stream) {
   return units;
 }
 
-std::filesystem::path MakeAacFixture(const std::filesystem::path& dir, double seconds) {
+std::filesystem::path MakeAacFixture(const std::filesystem::path& dir, double seconds,
+                                     const std::string& source) {
   const auto path = dir / "fixture.aac";
   RunOrThrow({"ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
-              "sine=frequency=1000:sample_rate=48000:duration=" + std::to_string(seconds), "-ac", "2", "-c:a", "aac",
+              source.empty() ? "sine=frequency=1000:sample_rate=48000" : source, "-t",
+              std::to_string(seconds), "-ac", "2", "-c:a", "aac",
               "-b:a", "128k", "-f", "adts", path.string()});
   return path;
 }

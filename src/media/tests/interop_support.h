@@ -33,16 +33,19 @@ class UdpSocket {
 // A free UDP port on 127.0.0.1 at the moment of asking.
 int FreeUdpPort();
 
-// H.264 from testsrc2 with libx264, no B-frames, an access unit delimiter in front of every unit
-// and parameter sets in front of every keyframe.
-// With `bitrate_kbps` above 0, at that constant rate instead of x264's default quality.
+// H.264 from testsrc2 (or the lavfi `source`, 30 frames per second, of any size: it is scaled)
+// with libx264, no B-frames, an access unit delimiter in front of every unit and parameter sets
+// in front of every keyframe. With `bitrate_kbps` above 0, at that constant rate instead of
+// x264's default quality.
 std::filesystem::path MakeH264Fixture(const std::filesystem::path& dir, int frames, int width, int height,
-                                      int bitrate_kbps = 0);
+                                      int bitrate_kbps = 0, const std::string& source = {});
 // Splits an Annex B stream into access units at its delimiters (NAL type 9).
 std::vector<Bytes> SplitAtDelimiters(const Bytes& stream);
 
-// Stereo 48 kHz AAC-LC of a 1 kHz sine, as ADTS.
-std::filesystem::path MakeAacFixture(const std::filesystem::path& dir, double seconds);
+// Stereo 48 kHz AAC-LC of a 1 kHz sine (or of the 48 kHz lavfi `source`), as ADTS. ffmpeg's
+// encoder puts 1024 samples of priming in front: unit k decodes to the source's unit k - 1.
+std::filesystem::path MakeAacFixture(const std::filesystem::path& dir, double seconds,
+                                     const std::string& source = {});
 // The raw access units of an ADTS stream.
 std::vector<Bytes> ParseAdts(const Bytes& stream);
 // Raw AAC-LC access units as an ADTS stream that any decoder reads.

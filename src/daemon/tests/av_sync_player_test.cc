@@ -1,0 +1,165 @@
+// Picture and sound stay together at the player. The stream's picture flashes white and its sound
+// clicks at the same media times, once a second; ffmpeg's and GStreamer's RTSP clients play it from
+// our server, one primed with the stream's history at its start and one joining late, and the
+// decoded flashes and clicks must agree within 20 ms from the first second of playing on.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cmath>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "fixture_publisher.h"
+#include "mirell/base/logging.h"
+#include "mirell/daemon/rtsp_server.h"
+#include "mirell/daemon/stream_path.h"
+#include "mirell/daemon/stream_registry.h"
+#include "mirell/testsupport/subprocess.h"
+
+namespace mirell::daemon {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Seconds in the player's own time line.
+struct Marks {
+  double first_picture = -1;
+  std::vector<double> flashes;
+  std::vector<double> clicks;
+  std::string log;
+};
+
+// From ffmpeg's showinfo (a white picture's mean luma is 235, black's 16) and silencedetect (the
+// end of a silence is the onset of a click, to the sample).
+Marks ReadMarks(const std::string& log) {
+  static const std::regex kPicture(R"(Parsed_showinfo.*pts_time:\s*([-0-9.]+).*mean:\[(\d+))");
+  static const std::regex kClick(R"(silence_end:\s*([-0-9.]+))");
+  Marks marks;
+  marks.log = log;
+  std::istringstream lines(log);
+  std::string line;
+  std::smatch match;
+  while (std::getline(lines, line)) {
+    if (std::regex_search(line, match, kPicture)) {
+      const double time = std::stod(match[1]);
+      if (marks.first_picture < 0) marks.first_picture = time;
+      if (std::stoi(match[2]) > 128) marks.flashes.push_back(time);
+    } else if (std::regex_search(line, match, kClick)) {
+      marks.clicks.push_back(std::stod(match[1]));
+    }
+  }
+  return marks;
+}
+
+// The analysis both players' output goes through: ffmpeg on a URL or a file.
+std::vector<std::string> AnalyseCommand(const std::string& input, double seconds) {
+  std::vector<std::string> command = {"ffmpeg", "-hide_banner", "-nostdin", "-loglevel", "info"};
+  if (input.rfind("rtsp://", 0) == 0) command.insert(command.end(), {"-rtsp_transport", "tcp"});
+  command.insert(command.end(), {"-i", input, "-t", std::to_string(seconds), "-vf", "showinfo",
+                                 "-af", "silencedetect=noise=-30dB:d=0.2", "-f", "null", "-"});
+  return command;
+}
+
+void ExpectFlashesAndClicksTogether(const Marks& marks) {
+  ASSERT_GE(marks.first_picture, -1.0) << marks.log;
+  int pairs = 0;
+  for (const double flash : marks.flashes) {
+    if (flash < marks.first_picture + 1.0) continue;  // From the first second of playing on.
+    double nearest = 1e9;
+    for (const double click : marks.clicks) {
+      if (std::abs(click - flash) < std::abs(nearest - flash)) nearest = click;
+    }
+    EXPECT_NEAR(nearest, flash, 0.020) << "the flash at " << flash << " s\n" << marks.log;
+    ++pairs;
+  }
+  EXPECT_GE(pairs, 3) << marks.log;
+}
+
+class AvSyncPlayerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!testsupport::HaveProgram("ffmpeg") || !testsupport::HaveProgram("gst-launch-1.0")) {
+      GTEST_SKIP() << "needs ffmpeg and gst-launch-1.0 (scripts/install-deps installs them)";
+    }
+    ASSERT_TRUE(SetLogFile(dir_.path() / "log"));
+    SetLogLevel(LogLevel::kInfo);
+    stream_ = std::make_shared<MediaStream>("flash and click", 30, 2000);
+    testing::FixtureOptions options;
+    options.width = 320;
+    options.height = 240;
+    options.frames = 600;  // 20 s: no test plays past the end of the fixture into its loop.
+    options.video_source =
+        "color=c=black:s=320x240:r=30,drawbox=color=white:t=fill:enable='eq(mod(n\\,30)\\,0)'";
+    options.audio_source =
+        "aevalsrc=exprs='if(lt(mod(t\\,1)\\,0.01)\\,0.8*sin(2*PI*2000*t)\\,0)':s=48000";
+    options.sound_on_time = true;
+    publisher_ = std::make_unique<testing::FixturePublisher>(dir_.path(), stream_, options);
+    registry_.Publish("ABCDEFGHJKMN", stream_);
+    server_.Start(0);
+    url_ = "rtsp://127.0.0.1:" + std::to_string(server_.port()) + "/s/ABCDEFGHJKMN";
+    publisher_->Start();
+  }
+  void TearDown() override {
+    if (publisher_) publisher_->Stop();
+    server_.Stop();
+  }
+
+  Marks PlayWithFfmpeg(double seconds) {
+    testsupport::ProcessOptions options;
+    options.timeout = 60s;
+    const auto result = testsupport::RunProcess(AnalyseCommand(url_, seconds), options);
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    return ReadMarks(result.err);
+  }
+
+  // GStreamer's rtspsrc lines the tracks up by the sender reports; what it recorded, with its
+  // time stamps, is read back by the same analysis.
+  Marks PlayWithGstreamer(int seconds) {
+    const auto file = dir_.path() / "gstreamer.mkv";
+    testsupport::ProcessOptions options;
+    options.timeout = 60s;
+    const auto recorded = testsupport::RunProcess(
+        {"timeout", "-s", "INT", std::to_string(seconds), "gst-launch-1.0", "-e", "rtspsrc",
+         "location=" + url_, "protocols=tcp", "latency=200", "name=src", "src.", "!",
+         "application/x-rtp,media=video", "!", "rtph264depay", "!", "h264parse", "!", "queue", "!",
+         "matroskamux", "name=mux", "!", "filesink", "location=" + file.string(), "src.", "!",
+         "application/x-rtp,media=audio", "!", "rtpmp4gdepay", "!", "aacparse", "!", "queue", "!",
+         "mux."},
+        options);
+    EXPECT_EQ(recorded.err.find("ERROR"), std::string::npos) << recorded.err;
+    const auto result = testsupport::RunProcess(AnalyseCommand(file.string(), 60), options);
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    return ReadMarks(result.err);
+  }
+
+  testsupport::TempDir dir_;
+  StreamRegistry registry_;
+  RtspServer server_{[this](const std::string& path) { return registry_.Find(TokenFromPath(path)); }};
+  std::shared_ptr<MediaStream> stream_;
+  std::unique_ptr<testing::FixturePublisher> publisher_;
+  std::string url_;
+};
+
+TEST_F(AvSyncPlayerTest, FfmpegPrimedAtTheStart) {
+  std::this_thread::sleep_for(700ms);  // The history holds the primed half second.
+  ExpectFlashesAndClicksTogether(PlayWithFfmpeg(5));
+}
+
+TEST_F(AvSyncPlayerTest, FfmpegJoiningLate) {
+  std::this_thread::sleep_for(6s);
+  ExpectFlashesAndClicksTogether(PlayWithFfmpeg(5));
+}
+
+TEST_F(AvSyncPlayerTest, GstreamerPrimedAtTheStart) {
+  std::this_thread::sleep_for(700ms);
+  ExpectFlashesAndClicksTogether(PlayWithGstreamer(6));
+}
+
+TEST_F(AvSyncPlayerTest, GstreamerJoiningLate) {
+  std::this_thread::sleep_for(6s);
+  ExpectFlashesAndClicksTogether(PlayWithGstreamer(6));
+}
+
+}  // namespace
+}  // namespace mirell::daemon
