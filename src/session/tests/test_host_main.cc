@@ -24,6 +24,7 @@
 #include "mirell/daemon/media_stream.h"
 #include "mirell/media/aac_rtp.h"
 #include "mirell/session/share_session.h"
+#include "mirell/transport/peer_link.h"
 #include "mirell/transport/signal_client.h"
 
 namespace {
@@ -121,6 +122,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   SetLogLevel(LogLevel::kDebug);
+  // As the tray application does at start: the WebRTC stack is set up before the first viewer.
+  transport::InitialiseTransportLogging();
   Events events(options.dir / "events");
   auto stream = std::make_shared<daemon::MediaStream>("test host", 30, 2000);
   daemon::testing::FixturePublisher publisher(options.dir, stream, {});
