@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -31,6 +32,26 @@ std::string WindowsPath(const fs::path& path) {
     if (c == '/') c = '\\';
   }
   return text;
+}
+
+bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(25ms);
+  }
+  return true;
+}
+
+bool WaitForPort(std::uint16_t port) {
+  return WaitFor([port] {
+    try {
+      mirell::testsupport::TcpClient probe(port);
+      return true;
+    } catch (const std::exception&) {
+      return false;
+    }
+  }, 20s);
 }
 
 class StubUnderWine : public ::testing::Test {
@@ -119,6 +140,80 @@ TEST_F(StubUnderWine, ShareLinkPrintsTheDaemonsAddressFromARunningMirell) {
   const std::string url = "https://example.com/watch?v=1&t=2";
   EXPECT_EQ(AsVrchat(tools_ / "yt-dlp.exe", url), AsVrchat(tools_ / "yt-dlp-mirell-orig.exe", url));
   EXPECT_NE(StubLog().find("resolved to rtspt://"), std::string::npos);
+  ui.Signal(SIGTERM);
+  ui.Wait(20s);
+}
+
+// As VRChat would meet a share link: the stub asks a viewer's mirell-ui, which watches a share of a
+// test host through our signal server; the address the stub prints plays the card, then, once the
+// host lets the viewer in, the host's picture.
+TEST_F(StubUnderWine, AShareLinkThroughTheStubPlaysTheCardThenTheHost) {
+  if (!mirell::testsupport::HaveProgram("ffmpeg")) GTEST_SKIP() << "needs ffmpeg";
+  TempDir home, host_dir;
+  const std::uint16_t signal_port = mirell::testsupport::FreeLoopbackPort();
+  const std::uint16_t rtsp_port = mirell::testsupport::FreeLoopbackPort();
+  const std::string signal_url = "ws://127.0.0.1:" + std::to_string(signal_port) + "/signal";
+  mirell::testsupport::ChildProcess signal(
+      {MIRELL_SIGNAL_BINARY, "--listen", "127.0.0.1:" + std::to_string(signal_port)});
+  ASSERT_TRUE(WaitForPort(signal_port));
+  const std::string token = "WINETOKEN234";
+  mirell::testsupport::ChildProcess host({MIRELL_TEST_HOST_BINARY, "--signal", signal_url, "--token",
+                                          token, "--secret", "WINESECRET234567890ABCDEFGHJKMNP",
+                                          "--dir", host_dir.path().string()});
+  const auto events = [&] { return mirell::testsupport::ReadFileText(host_dir.path() / "events"); };
+  ASSERT_TRUE(WaitFor([&] { return events().find("hosting") != std::string::npos; }, 30s));
+
+  ProcessOptions options;
+  options.environment["QT_QPA_PLATFORM"] = "offscreen";
+  options.environment["HOME"] = home.path().string();
+  options.environment["MIRELL_LOG"] = "debug";
+  const fs::path ui_dir = home.path() / "ui";
+  fs::create_directories(ui_dir);
+  fs::copy_file(MIRELL_UI_BINARY, ui_dir / "mirell-ui");
+  mirell::testsupport::ChildProcess ui(
+      {(ui_dir / "mirell-ui").string(), "--no-stub", "--signal", signal_url, "--pipe",
+       "127.0.0.1:" + std::to_string(pipe_port_), "--rtsp-port", std::to_string(rtsp_port)},
+      options);
+  ASSERT_TRUE(WaitForPort(pipe_port_));
+  // The card is built in the background at start-up.
+  ASSERT_TRUE(WaitFor([&] {
+    for (const auto& entry : fs::directory_iterator(ui_dir)) {
+      if (entry.path().extension() == ".log" &&
+          mirell::testsupport::ReadFileText(entry.path()).find("card frames=") != std::string::npos) {
+        return true;
+      }
+    }
+    return false;
+  }, 60s));
+
+  const std::string printed =
+      AsVrchat(tools_ / "yt-dlp.exe", "https://127.0.0.1:" + std::to_string(signal_port) + "/s/" + token);
+  const std::string address = "rtspt://127.0.0.1:" + std::to_string(rtsp_port) + "/s/" + token;
+  ASSERT_EQ(printed, "exit=0\n" + address + "\r\n");
+
+  ProcessOptions player_options;
+  player_options.timeout = 90s;
+  mirell::testsupport::ChildProcess player(
+      {"ffmpeg", "-hide_banner", "-nostdin", "-rtsp_transport", "tcp", "-i",
+       "rtsp" + address.substr(5), "-t", "9", "-vf", "showinfo", "-f", "null", "-"},
+      player_options);
+  std::string peer;
+  ASSERT_TRUE(WaitFor([&] {
+    const std::string text = events();
+    const auto at = text.find("pending ");
+    if (at == std::string::npos) return false;
+    peer = text.substr(at + 8, text.find(' ', at + 8) - at - 8);
+    return true;
+  }, 20s));
+  std::this_thread::sleep_for(2s);
+  std::ofstream(host_dir.path() / "commands", std::ios::app) << "approve " << peer << '\n';
+  const auto played = player.Wait(60s);
+  EXPECT_FALSE(played.timed_out);
+  const auto first_host = played.err.find("s:640x360");
+  const auto last_card = played.err.rfind("s:1280x720");
+  ASSERT_NE(last_card, std::string::npos) << played.err;
+  ASSERT_NE(first_host, std::string::npos) << played.err;
+  EXPECT_LT(last_card, first_host) << "the card after the host's picture";
   ui.Signal(SIGTERM);
   ui.Wait(20s);
 }
