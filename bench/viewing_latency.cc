@@ -15,12 +15,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
 #include "mirell/transport/signal_client.h"
@@ -111,15 +111,6 @@ double FirstPicture(LiveProcess& player, const std::string& text, Clock::time_po
   return -1;
 }
 
-bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-  const auto deadline = Clock::now() + limit;
-  while (!done()) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
-}
-
 bool PortOpen(std::uint16_t port) {
   try {
     mirell::testsupport::TcpClient probe(port);
@@ -168,7 +159,7 @@ int main(int argc, char** argv) {
                        fmt::format("127.0.0.1:{}", pipe_port), "--rtsp-port", std::to_string(rtsp_port),
                        "--no-stub"},
                       viewer_options);
-  if (!WaitFor([&] { return PortOpen(signal_port) && PortOpen(pipe_port); }, 20s)) {
+  if (!mirell::testsupport::Eventually([&] { return PortOpen(signal_port) && PortOpen(pipe_port); }, 20s)) {
     fmt::print(stderr, "the signal server or mirell-ui did not start\n");
     return 1;
   }
@@ -195,7 +186,7 @@ int main(int argc, char** argv) {
                        "--secret", credentials.secret, "--dir", host_dir.path().string()},
                       quiet);
     const auto events = [&] { return mirell::testsupport::ReadFileText(host_dir.path() / "events"); };
-    if (!WaitFor([&] { return events().find("hosting") != std::string::npos; }, 30s)) {
+    if (!mirell::testsupport::Eventually([&] { return events().find("hosting") != std::string::npos; }, 30s)) {
       ++card_failures;
       ++host_failures;
       continue;
@@ -213,7 +204,7 @@ int main(int argc, char** argv) {
     }
     card.push_back(card_ms);
     std::string peer;
-    WaitFor([&] {
+    mirell::testsupport::Eventually([&] {
       const std::string text = events();
       const auto at = text.find("pending ");
       if (at == std::string::npos) return false;

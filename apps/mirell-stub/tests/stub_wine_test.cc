@@ -10,11 +10,11 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <future>
 #include <thread>
 
 #include "mirell/daemon/resolve_service.h"
+#include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
 
@@ -34,17 +34,10 @@ std::string WindowsPath(const fs::path& path) {
   return text;
 }
 
-bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(25ms);
-  }
-  return true;
-}
+using mirell::testsupport::Eventually;
 
 bool WaitForPort(std::uint16_t port) {
-  return WaitFor([port] {
+  return Eventually([port] {
     try {
       mirell::testsupport::TcpClient probe(port);
       return true;
@@ -161,7 +154,7 @@ TEST_F(StubUnderWine, AShareLinkThroughTheStubPlaysTheCardThenTheHost) {
                                           token, "--secret", "WINESECRET234567890ABCDEFGHJKMNP",
                                           "--dir", host_dir.path().string()});
   const auto events = [&] { return mirell::testsupport::ReadFileText(host_dir.path() / "events"); };
-  ASSERT_TRUE(WaitFor([&] { return events().find("hosting") != std::string::npos; }, 30s));
+  ASSERT_TRUE(Eventually([&] { return events().find("hosting") != std::string::npos; }, 30s));
 
   ProcessOptions options;
   options.environment["QT_QPA_PLATFORM"] = "offscreen";
@@ -176,7 +169,7 @@ TEST_F(StubUnderWine, AShareLinkThroughTheStubPlaysTheCardThenTheHost) {
       options);
   ASSERT_TRUE(WaitForPort(pipe_port_));
   // The card is built in the background at start-up.
-  ASSERT_TRUE(WaitFor([&] {
+  ASSERT_TRUE(Eventually([&] {
     for (const auto& entry : fs::directory_iterator(ui_dir)) {
       if (entry.path().extension() == ".log" &&
           mirell::testsupport::ReadFileText(entry.path()).find("card frames=") != std::string::npos) {
@@ -198,7 +191,7 @@ TEST_F(StubUnderWine, AShareLinkThroughTheStubPlaysTheCardThenTheHost) {
        "rtsp" + address.substr(5), "-t", "9", "-vf", "showinfo", "-f", "null", "-"},
       player_options);
   std::string peer;
-  ASSERT_TRUE(WaitFor([&] {
+  ASSERT_TRUE(Eventually([&] {
     const std::string text = events();
     const auto at = text.find("pending ");
     if (at == std::string::npos) return false;
