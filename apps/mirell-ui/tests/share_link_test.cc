@@ -79,6 +79,39 @@ TEST(DaemonHostResolve, TheConfiguredSignalHostsLinksAreOursAndTheDefaultOnesAre
       << "another port is another deployment";
 }
 
+// A share link resolved makes sure a stream is there at once: a watch of the link, or, for a link
+// of this program's own share, its own stream with no watch and so no peer connection.
+TEST(DaemonHostResolve, AShareLinkGetsAWatchAndAnOwnShareIsServedFromItsOwnStream) {
+  DaemonConfig config;
+  config.rtsp_port = testsupport::FreeLoopbackPort();
+  config.pipe_name = "127.0.0.1:0";
+  config.install_stub = false;
+  config.signal_url = "ws://127.0.0.1:9/signal";  // Nobody listens: the watch plays the card.
+  DaemonHost host(config);
+  host.Start();
+  ASSERT_EQ(host.Resolve("https://mirell.example/s/WATCHED12345").status,
+            daemon::ResolveStatus::kResolved);
+  EXPECT_EQ(host.viewing().WatchCount(), 1u);
+  const auto watched = host.registry().Find("WATCHED12345");
+  ASSERT_NE(watched, nullptr);
+  EXPECT_EQ(watched->label(), "watching WATCHED12345");
+
+  auto own = std::make_shared<daemon::MediaStream>("sharing screen", 30, 6000);
+  host.registry().Publish("OWNSHARE1234", own);
+  ASSERT_EQ(host.Resolve("https://mirell.example/s/OWNSHARE1234").status,
+            daemon::ResolveStatus::kResolved);
+  EXPECT_EQ(host.viewing().WatchCount(), 1u);
+  EXPECT_EQ(host.registry().Find("OWNSHARE1234"), own);
+
+  // The poll drops a watch that has ended, and its stream with it.
+  host.viewing().Drop("WATCHED12345");
+  host.Poll();
+  EXPECT_EQ(host.viewing().WatchCount(), 0u);
+  EXPECT_EQ(host.registry().Find("WATCHED12345"), nullptr);
+  host.Stop();
+  EXPECT_EQ(host.registry().Find("OWNSHARE1234"), own) << "not the viewing side's to withdraw";
+}
+
 TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {
   DaemonConfig config;
   config.pipe_name = "127.0.0.1:0";

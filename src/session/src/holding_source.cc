@@ -14,7 +14,11 @@ HoldingClip::HoldingClip(HoldingClipConfig config) : config_(std::move(config)) 
   builder_ = std::thread([this] { Build(); });
 }
 
-HoldingClip::~HoldingClip() { builder_.join(); }
+HoldingClip::~HoldingClip() {
+  // A program that quits right after starting does not wait for a card nobody will see.
+  abandoned_ = true;
+  builder_.join();
+}
 
 bool HoldingClip::WaitReady(int ms) const {
   std::unique_lock lock(mutex_);
@@ -81,6 +85,10 @@ void HoldingClip::BuildClip() {
   try {
     // Exactly one loop of pictures; an encoder that holds frames back gives them up at Drain.
     for (std::uint64_t i = 0; i < total; ++i) {
+      if (abandoned_.load()) {
+        LOG_DEBUG("card build abandoned at frame {}", i);
+        return;
+      }
       const auto picture = card.Render(static_cast<double>(i) / static_cast<double>(total));
       encoder->Encode(picture, static_cast<std::int64_t>(i) * frame_duration, frames);
     }

@@ -36,6 +36,21 @@ TEST(HoldingClip, ConstructionReturnsAtOnceAndTheClipIsBuiltBehind) {
   EXPECT_FALSE(clip.Silence().empty());
 }
 
+// A program that quits while its card is still being built does not wait for the whole clip.
+TEST(HoldingClip, DestroyedWhileBuildingItStopsEarly) {
+  testsupport::TempDir dir;
+  ASSERT_TRUE(SetLogFile(dir.path() / "log"));
+  SetLogLevel(LogLevel::kDebug);
+  {
+    HoldingClipConfig config;  // The full card: 1280x720, four seconds.
+    HoldingClip clip(config);
+  }
+  SetLogLevel(LogLevel::kWarn);
+  const std::string log = testsupport::ReadFileText(dir.path() / "log");
+  EXPECT_NE(log.find("card build abandoned at frame "), std::string::npos) << log;
+  EXPECT_EQ(log.find("card frames="), std::string::npos) << log;
+}
+
 TEST(HoldingClip, WithoutH264TheClipIsEmptyButReady) {
   testsupport::TempDir dir;
   ASSERT_TRUE(SetLogFile(dir.path() / "log"));

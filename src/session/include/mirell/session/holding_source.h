@@ -58,6 +58,7 @@ class HoldingClip {
   std::vector<encode::EncodedFrame> frames_;
   std::vector<std::uint8_t> silence_;
   std::atomic<bool> ready_{false};
+  std::atomic<bool> abandoned_{false};  // Set by the destructor: the build stops early.
   mutable std::condition_variable ready_changed_;
   std::thread builder_;
 };
