@@ -77,6 +77,10 @@ int main(int argc, char** argv) {
       given_update_url ? *given_update_url : DeriveUpdateUrl(config.signal_url);
   LOG_DEBUG("update check {}", update_url.empty() ? "off" : update_url);
 
+  // Before anything listens: a stop signal that comes during start-up is handled once the event
+  // loop runs, and ends the program in order rather than killing it.
+  QuitEventLoopOnSignals();
+
   DaemonHost host(config);
   try {
     host.Start();
@@ -94,7 +98,6 @@ int main(int argc, char** argv) {
   QObject::connect(&poll_timer, &QTimer::timeout, [&host] { host.Poll(); });
   poll_timer.start(500);
 
-  QuitEventLoopOnSignals();
   const int result = QApplication::exec();
   host.Stop();
   LOG_INFO("mirell-ui stopped ({})", result);

@@ -120,7 +120,8 @@ class AvSyncPlayerTest : public ::testing::Test {
     testsupport::ProcessOptions options;
     options.timeout = 60s;
     const auto recorded = testsupport::RunProcess(
-        {"timeout", "-s", "INT", std::to_string(seconds), "gst-launch-1.0", "-e", "rtspsrc",
+        // SIGINT ends the recording with an EOS; a pipeline that does not end on it is killed.
+        {"timeout", "-k", "10", "-s", "INT", std::to_string(seconds), "gst-launch-1.0", "-e", "rtspsrc",
          "location=" + url_, "protocols=tcp", "latency=200", "name=src", "src.", "!",
          "application/x-rtp,media=video", "!", "rtph264depay", "!", "h264parse", "!", "queue", "!",
          "matroskamux", "name=mux", "!", "filesink", "location=" + file.string(), "src.", "!",
