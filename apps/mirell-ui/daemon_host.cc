@@ -32,8 +32,10 @@ void DaemonHost::Start() {
   if (started_) return;
   // Set first, so that Stop cleans up after a start that fails half-way.
   started_ = true;
-  // Sets the WebRTC stack up now rather than in the first resolve, which must answer at once.
+  // The WebRTC stack's set-up and certificate now rather than in the first resolve, which must
+  // answer at once, or in the first viewer's connection.
   transport::InitialiseTransportLogging();
+  transport::PrepareLinks();
   rtsp_.emplace([this](const std::string& path) {
     return registry_.Find(daemon::TokenFromPath(path));
   });

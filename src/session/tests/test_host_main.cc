@@ -124,6 +124,7 @@ int main(int argc, char** argv) {
   SetLogLevel(LogLevel::kDebug);
   // As the tray application does at start: the WebRTC stack is set up before the first viewer.
   transport::InitialiseTransportLogging();
+  transport::PrepareLinks();
   Events events(options.dir / "events");
   auto stream = std::make_shared<daemon::MediaStream>("test host", 30, 2000);
   daemon::testing::FixturePublisher publisher(options.dir, stream, {});

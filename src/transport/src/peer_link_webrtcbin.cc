@@ -815,4 +815,19 @@ std::unique_ptr<PeerLink> CreateAnswerer(const PeerConfig& config) {
   return link;
 }
 
+void PrepareLinks() {
+  // The DTLS certificate is made with the first link's transports and kept for every later link
+  // of the process: one link made and closed pays for it.
+  const auto started = std::chrono::steady_clock::now();
+  try {
+    CreateOfferer(PeerConfig{{}, 1}, OfferMedia{})->Close();
+  } catch (const std::exception& error) {
+    LOG_WARN("links not prepared: {}", error.what());
+    return;
+  }
+  LOG_DEBUG("links prepared in {} ms", std::chrono::duration_cast<std::chrono::milliseconds>(
+                                           std::chrono::steady_clock::now() - started)
+                                           .count());
+}
+
 }  // namespace mirell::transport

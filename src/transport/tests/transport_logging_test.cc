@@ -35,6 +35,17 @@ TEST_F(TransportLoggingTest, TheStacksWarningsComeIntoOurLogAndItsChatterDoesNot
   EXPECT_EQ(log.find("chatter"), std::string::npos) << log;
 }
 
+TEST_F(TransportLoggingTest, PreparingLinksWarnsOfNothingAndLinksStillWorkAfterIt) {
+  SetLogLevel(LogLevel::kDebug);
+  PrepareLinks();
+  PrepareLinks();  // Again: harmless.
+  const std::string log = Log();
+  EXPECT_NE(log.find("links prepared in "), std::string::npos) << log;
+  EXPECT_EQ(log.find("warn  "), std::string::npos) << log;
+  testing::LinkPair pair(PeerConfig{{}, 1}, PeerConfig{{}, 1});
+  EXPECT_TRUE(pair.Connect());
+}
+
 TEST_F(TransportLoggingTest, AHealthyConnectionCarryingMediaLeavesNoWarnings) {
   {
     testing::LinkPair pair(PeerConfig{{}, 1}, PeerConfig{{}, 1});

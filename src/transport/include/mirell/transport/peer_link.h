@@ -99,6 +99,11 @@ class PeerLink {
 std::unique_ptr<PeerLink> CreateOfferer(const PeerConfig& config, const OfferMedia& media);
 std::unique_ptr<PeerLink> CreateAnswerer(const PeerConfig& config);
 
+// Pays the WebRTC stack's one-time costs now (its set-up, and the DTLS certificate that every
+// link of the process shares, some 200 ms of key generation), so that the first link made later
+// is as quick as any other. Blocks while it works; a failure is logged, never thrown.
+void PrepareLinks();
+
 // Routes the WebRTC stack's own log into ours ("rtc: ..."): its errors and warnings at warn,
 // everything else at debug. Idempotent; the factories also set the stack up on first use.
 void InitialiseTransportLogging();
