@@ -65,6 +65,7 @@ void FixturePublisher::Run() {
   const std::int64_t frame_ticks = kTicksPerSecond / 30;
   const std::int64_t audio_ticks = kAudioSamples * kTicksPerSecond / kAudioRate;
   std::uint64_t video_index = 0, audio_index = 0;
+  std::uint64_t unit_offset = 0;  // Grows when a keyframe request skips ahead in the fixture.
   while (running_.load()) {
     const std::int64_t video_pts = static_cast<std::int64_t>(video_index) * frame_ticks;
     // From the sample count, so that 1024-sample steps do not accumulate rounding.
@@ -76,7 +77,10 @@ void FixturePublisher::Run() {
     std::this_thread::sleep_until(start + std::chrono::microseconds(pts / 10));
     if (video_next) {
       auto frame = std::make_shared<encode::EncodedFrame>();
-      const std::size_t at = video_index % video_units_.size();
+      if (keyframe_requested_.exchange(false)) {
+        while (!keyframes_[(video_index + unit_offset) % video_units_.size()]) ++unit_offset;
+      }
+      const std::size_t at = (video_index + unit_offset) % video_units_.size();
       frame->data = video_units_[at];
       frame->keyframe = keyframes_[at];
       frame->pts_100ns = video_pts;

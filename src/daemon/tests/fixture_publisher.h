@@ -41,6 +41,9 @@ class FixturePublisher {
   // Starts publishing on its own thread, paced by time stamps from now.
   void Start();
   void Stop();
+  // As an encoder asked for a keyframe: the next picture published is the fixture's next keyframe
+  // (the picture skips ahead; the time stamps go on evenly).
+  void RequestKeyframe() { keyframe_requested_ = true; }
   std::uint64_t video_published() const { return video_published_.load(); }
 
  private:
@@ -52,6 +55,7 @@ class FixturePublisher {
   std::vector<bool> keyframes_;
   std::vector<std::vector<std::uint8_t>> audio_units_;
   std::atomic<bool> running_{false};
+  std::atomic<bool> keyframe_requested_{false};
   std::atomic<std::uint64_t> video_published_{0};
   std::thread thread_;
 };

@@ -1,6 +1,7 @@
 // A host in a process of its own for the two-process viewing tests, built from the pieces a share
 // uses: a stream fed in real time by the H.264 + AAC fixture, a host signal client and a share
-// session whose decisions the test makes. Test code only.
+// session whose decisions the test makes. A keyframe request skips the fixture ahead to its next
+// keyframe, as an encoder would make one. Test code only.
 //
 //   mirell_test_host --signal URL --token TOKEN --secret SECRET --dir DIR [--allow USER_ID]
 //
@@ -64,7 +65,7 @@ struct Door {
 };
 
 std::unique_ptr<Door> OpenDoor(const Options& options, daemon::MediaStream& stream,
-                               Events& events) {
+                               daemon::testing::FixturePublisher& publisher, Events& events) {
   transport::SignalConfig config;
   config.url = options.signal_url;
   config.token = options.token;
@@ -86,6 +87,7 @@ std::unique_ptr<Door> OpenDoor(const Options& options, daemon::MediaStream& stre
       door->signal.get(), &stream.frames(), &stream.audio(), transport::PeerConfig{{}, 1},
       transport::OfferMedia{}, 48000);
   if (!options.allow.empty()) door->session->SetAllowlist({{options.allow, "allowed"}});
+  door->session->SetKeyframeHandler([&publisher] { publisher.RequestKeyframe(); });
   door->session->SetPendingHandler(
       [&events](const std::string& peer, const transport::PeerIdentity& identity) {
         events.Write("pending " + peer + " " + (identity.identity.empty() ? "-" : identity.identity));
@@ -128,13 +130,14 @@ int main(int argc, char** argv) {
   Events events(options.dir / "events");
   auto stream = std::make_shared<daemon::MediaStream>("test host", 30, 2000);
   daemon::testing::FixturePublisher publisher(options.dir, stream, {});
+  stream->SetKeyframeRequester([&publisher] { publisher.RequestKeyframe(); });
   publisher.Start();
-  std::unique_ptr<Door> door = OpenDoor(options, *stream, events);
+  std::unique_ptr<Door> door = OpenDoor(options, *stream, publisher, events);
 
   std::size_t commands_read = 0;
   std::size_t last_count = 0;
   for (;;) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     door->session->Sweep();
     const std::size_t count = door->session->ViewerCount();
     if (count != last_count) events.Write("viewers " + std::to_string(count));
@@ -153,7 +156,7 @@ int main(int argc, char** argv) {
       else if (verb == "disconnect") door->session->Disconnect(peer);
       else if (verb == "restart-signal") {
         door.reset();
-        door = OpenDoor(options, *stream, events);
+        door = OpenDoor(options, *stream, publisher, events);
       }
     }
   }
