@@ -295,10 +295,16 @@ bool IsCaptureSupported() {
   return x.ok() && x.HasExtension("Composite") && x.HasExtension("DAMAGE") && x.HasExtension("XFIXES");
 }
 
+std::string CaptureUnsupportedReason() {
+  if (IsWaylandOnlySession()) {
+    return "window and screen capture need an X11 session or XWayland for now; this is a Wayland "
+           "session without an X display";
+  }
+  return "capture needs an X11 display with the Composite, DAMAGE and XFIXES extensions";
+}
+
 std::unique_ptr<ICapturer> CreateCapturer(const CaptureTarget& target) {
-  MIRELL_CHECK(!IsWaylandOnlySession(),
-               "window and screen capture need an X11 session or XWayland for now; this is a Wayland session without an X display");
-  MIRELL_CHECK(IsCaptureSupported(), "capture needs an X11 display with the Composite, DAMAGE and XFIXES extensions");
+  MIRELL_CHECK(IsCaptureSupported(), "{}", CaptureUnsupportedReason());
   return std::make_unique<X11Capturer>(target);
 }
 

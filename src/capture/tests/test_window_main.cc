@@ -1,12 +1,16 @@
 // A window with known content for the capture tests, in a process of its own (the capture
 // targets leave out the test's own windows). It paints one colour, or two alternating ones with
 // --alternate-ms, on every expose and resize, and writes its window id to --ready-file once it
-// has painted. Runs until killed.
+// has painted. With --tone-file it also plays that sound file over and over (through paplay, in
+// child processes, so that its sound belongs to the window's process tree). Runs until killed.
 //
 // mirell_test_window [--title T] [--size WxH] [--position X,Y] [--color RRGGBB]
 //                    [--color2 RRGGBB --alternate-ms N] [--type NAME] [--no-pid | --fake-pid N]
-//                    [--child-title T] [--bars] [--ready-file P]
+//                    [--child-title T] [--bars] [--ready-file P] [--tone-file WAV]
 #include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <xcb/xcb.h>
 
@@ -32,6 +36,7 @@ struct Options {
   std::string child_title;
   bool bars = false;
   std::string ready_file;
+  std::string tone_file;
 };
 
 xcb_atom_t Atom(xcb_connection_t* c, const char* name) {
@@ -59,6 +64,7 @@ Options Parse(int argc, char** argv) {
     else if (a == "--child-title") o.child_title = v, ++i;
     else if (a == "--bars") o.bars = true;
     else if (a == "--ready-file") o.ready_file = v, ++i;
+    else if (a == "--tone-file") o.tone_file = v, ++i;
     else {
       std::fprintf(stderr, "unknown option %s\n", a.c_str());
       std::exit(2);
@@ -67,10 +73,30 @@ Options Parse(int argc, char** argv) {
   return o;
 }
 
+// A child that plays the file again each time paplay ends. Every process of the chain dies with
+// its parent, so that killing the window silences it.
+void PlayForever(const std::string& file) {
+  if (fork() != 0) return;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  for (;;) {
+    const pid_t player = fork();
+    if (player == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      execlp("paplay", "paplay", file.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    int status = 0;
+    waitpid(player, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 127) _exit(1);
+    if (!WIFEXITED(status)) usleep(100'000);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const Options o = Parse(argc, argv);
+  if (!o.tone_file.empty()) PlayForever(o.tone_file);
   xcb_connection_t* c = xcb_connect(nullptr, nullptr);
   if (xcb_connection_has_error(c) != 0) return 1;
   xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;

@@ -54,6 +54,9 @@ class ICapturer {
 // Whether this session can capture: on Linux, an X display with the Composite, DAMAGE and XFIXES
 // extensions (a Wayland session without XWayland cannot, for now). Any thread.
 bool IsCaptureSupported();
+// Why capture is not supported here, as a sentence for a person; meaningful only when
+// IsCaptureSupported() is false.
+std::string CaptureUnsupportedReason();
 
 // Opens the target; no frame flows before Start. Throws Error when capture is not supported,
 // for a window that is 0 or no longer exists, a monitor index that is not listed, or a target

@@ -66,6 +66,8 @@ class CaptureSource {
   // encoder stay there. Idempotent; must not be called from the encode thread or a callback.
   void Stop();
 
+  // Started, not stopped, and the target still there (a closed window ends it); any thread.
+  bool capturing() const { return running_.load() && capturer_->alive(); }
   // The index of the next frame to encode; any thread.
   std::uint64_t next_frame() const { return next_frame_; }
   Counters counters() const;

@@ -1,0 +1,161 @@
+// The host's side of a share: the chain capture -> encoder -> stream -> signal client -> share
+// session, the share's token and secret, its time limit, and the swap of what is captured
+// without viewers noticing. One instance lives as long as the process and holds at most one
+// share at a time. One encoder serves every viewer: capture and sound write into one stream's
+// buses, and each admitted viewer reads them through a sender of its own, so the number of
+// viewers does not change the cost of capture and encoding. The stream is published under the
+// token, so that this machine can play its own share through the loopback RTSP server.
+//
+// Threads: every operation comes from the interface thread. The pending handler, the keyframe
+// handlers and the signal client's handlers run on library threads. mutex_ guards the settings,
+// the allowlist and the state; it is held through the whole of Retarget (no reader sees a
+// half-swapped share) and released around the stopping in Stop and Revoke, which wait for
+// threads whose handlers may call back. Lock order: mutex_, then the session's.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "mirell/capture/audio_capturer.h"
+#include "mirell/capture/capturer.h"
+#include "mirell/daemon/stream_registry.h"
+#include "mirell/session/share_session.h"
+#include "mirell/transport/peer_config.h"
+
+namespace mirell::session {
+
+// What the user picked.
+struct ShareTarget {
+  capture::CaptureTarget capture;
+  std::string label;             // What the user calls it; shown and logged, never sent.
+  std::uint32_t process_id = 0;  // A window's process, for its sound.
+  bool whole_mix = false;        // Capture the whole output mix; set for a monitor.
+};
+
+// The quality settings, laid out as the first six fields of Sharing::Config.
+struct ShareQuality {
+  std::uint32_t width = 1280;
+  std::uint32_t height = 720;
+  std::uint32_t fps = 30;
+  std::uint32_t video_kbps = 6000;
+  std::uint32_t audio_kbps = 128;
+  bool mono = false;
+};
+
+// Where pictures and sound come from: the platform's capture, or what a test puts in its place.
+struct CaptureFactories {
+  std::function<std::unique_ptr<capture::ICapturer>(const capture::CaptureTarget&)> picture =
+      capture::CreateCapturer;
+  // One process's sound, which may fall back to the whole mix.
+  std::function<std::unique_ptr<capture::IAudioCapturer>(std::uint32_t pid, const capture::AudioFormat&)>
+      process_sound = capture::CreateAudioCapturer;
+  std::function<std::unique_ptr<capture::IAudioCapturer>(const capture::AudioFormat&)> whole_mix =
+      capture::CreateDeviceLoopbackCapturer;
+};
+
+class Sharing {
+ public:
+  struct Config {
+    std::uint32_t width = 1280;  // Encoded size.
+    std::uint32_t height = 720;
+    std::uint32_t fps = 30;
+    std::uint32_t video_kbps = 6000;
+    std::uint32_t audio_kbps = 128;
+    bool mono = false;                 // Fold the sound to mono.
+    std::uint32_t video_profile = 1;   // Main.
+    bool audio_enabled = true;         // Share sound at all.
+    bool always_whole_mix = false;     // The whole output mix for windows too.
+    std::int64_t prime_ms = 500;       // History a new reader of the stream gets.
+    std::string signal_url;            // Empty: no peering, the share plays locally only.
+    std::vector<transport::IceServer> ice_servers;
+    std::uint32_t ice_policy = 0;
+    std::string share_prefix;          // Host and "/s/", no scheme.
+    std::int64_t lifetime_minutes = 360;  // 0 or less: no limit.
+  };
+
+  using PendingHandler = ShareSession::PendingHandler;
+
+  Sharing(daemon::StreamRegistry& registry, Config config, CaptureFactories factories = {});
+  // Stops.
+  ~Sharing();
+  Sharing(const Sharing&) = delete;
+  Sharing& operator=(const Sharing&) = delete;
+
+  // Begins a share, replacing any that runs; new token and secret. Throws on failure, and then
+  // nothing is left running or published.
+  void Start(const ShareTarget& target);
+  // Swaps what a running share captures: same token, stream, encoder and viewers, frame times
+  // going on where they were. Throws on failure, and the old source goes on. No share: nothing.
+  void Retarget(const ShareTarget& target);
+  // New token and secret for the running share; every viewer of the old link is dropped. The
+  // stream is the same, already closed, object: the share shows nothing new until the next
+  // Start.
+  void Revoke();
+  // Ends the share; nothing when none runs.
+  void Stop();
+  // Moves the time limit to now + `minutes` (not added to what was left); a share without a
+  // limit keeps none.
+  void Extend(std::int32_t minutes);
+  // The heartbeat: ends a share whose time is up, and sweeps the door.
+  void Poll();
+
+  // Read at each call, so that it applies to a running share too.
+  void OnViewerPending(PendingHandler handler);
+  // Also handed to the running share's door.
+  void SetAllowlist(std::map<std::string, std::string> allowlist);
+  // For the next share; a running one keeps what it has.
+  void SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy);
+  void SetQuality(const ShareQuality& quality);
+  // False admits every viewer at once.
+  void SetAdmissionRequired(bool required);
+  // The user's decisions about a viewer, forwarded to the door; nothing without a share.
+  void Admit(const std::string& connection_id);
+  void Deny(const std::string& connection_id);
+  void Disconnect(const std::string& connection_id);
+
+  // Each has a neutral answer when there is no share.
+  bool active() const;
+  bool capture_running() const;
+  bool audio_open() const;
+  bool audio_whole_mix() const;
+  bool expired() const { return expired_.load(); }
+  std::int64_t seconds_left() const;
+  std::string label() const;
+  std::string token() const;
+  // "https://" + share prefix + token; empty without a share.
+  std::string link() const;
+  std::size_t viewer_count() const;
+  std::uint32_t uplink_kbps() const;  // Summed over the viewers.
+  std::vector<ViewerInfo> viewers() const;
+  std::vector<PendingViewer> pending_viewers() const;
+
+ private:
+  struct State;
+
+  // The state's sound, as far as it can be opened; a failure leaves the share silent.
+  void OpenAudio(State& state, const ShareTarget& target);
+  // The signal client and the door, when there is a signal server.
+  void StartPeering(State& state);
+  std::unique_ptr<class CaptureSource> MakeCaptureSource(State& state, const ShareTarget& target);
+
+  daemon::StreamRegistry& registry_;
+  Config config_;
+  const CaptureFactories factories_;
+  bool admission_required_ = false;
+  std::atomic<bool> expired_{false};
+  std::map<std::string, std::string> allowlist_;
+  // Its own lock: the door calls it on the signal client's thread, which must never wait for
+  // mutex_ (held through a whole Retarget).
+  std::mutex handler_mutex_;
+  PendingHandler on_viewer_pending_;
+  mutable std::mutex mutex_;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace mirell::session

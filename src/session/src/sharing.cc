@@ -1,0 +1,448 @@
+#include "mirell/session/sharing.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <exception>
+#include <utility>
+
+#include "mirell/base/clock.h"
+#include "mirell/base/error.h"
+#include "mirell/base/logging.h"
+#include "mirell/capture/audio_capturer.h"
+#include "mirell/daemon/media_stream.h"
+#include "mirell/encode/aac_encoder.h"
+#include "mirell/encode/h264_encoder.h"
+#include "mirell/encode/video_processor.h"
+#include "mirell/media/aac_rtp.h"
+#include "mirell/session/audio_source.h"
+#include "mirell/session/capture_source.h"
+#include "mirell/transport/peer_link.h"
+#include "mirell/transport/signal_client.h"
+
+namespace mirell::session {
+
+namespace {
+
+constexpr std::int64_t kNanosecondsPerMinute = 60'000'000'000;
+constexpr std::uint32_t kGopSeconds = 2;
+constexpr std::uint32_t kAudioRate = 48000;
+constexpr std::uint32_t kAudioChannels = 2;
+
+}  // namespace
+
+struct Sharing::State {
+  std::shared_ptr<daemon::MediaStream> stream;
+  std::string token;
+  std::string secret;
+  // There is no graphics device here: pictures travel in system memory.
+  std::unique_ptr<encode::H264Encoder> encoder;  // Lives across retargets.
+  std::unique_ptr<AudioSource> audio;            // May be empty.
+  std::unique_ptr<CaptureSource> capture;
+  std::unique_ptr<transport::SignalClient> signal;  // May be empty.
+  std::unique_ptr<ShareSession> session;            // May be empty.
+  std::atomic<std::int64_t> epoch{0};  // Shared time zero of picture and sound, 100 ns.
+  std::int64_t expires_at = 0;         // Steady clock, ns; 0: no limit.
+  std::string label;
+  bool whole_mix = false;
+  bool audio_whole_mix = false;
+  bool audio_open = false;
+
+  // Destroys the parts in the order the share was built against: the door before its client,
+  // the sources before the encoder they feed, the stream last.
+  ~State() {
+    label.clear();
+    session.reset();
+    signal.reset();
+    capture.reset();
+    audio.reset();
+    encoder.reset();
+    secret.clear();
+    token.clear();
+    stream.reset();
+  }
+};
+
+Sharing::Sharing(daemon::StreamRegistry& registry, Config config, CaptureFactories factories)
+    : registry_(registry), config_(std::move(config)), factories_(std::move(factories)) {}
+
+Sharing::~Sharing() { Stop(); }
+
+std::unique_ptr<CaptureSource> Sharing::MakeCaptureSource(State& state, const ShareTarget& target) {
+  auto source = std::make_unique<CaptureSource>(
+      factories_.picture(target.capture), *state.encoder,
+      encode::CreateVideoProcessor(config_.width, config_.height), state.stream->frames(),
+      config_.fps);
+  source->SetEpoch(&state.epoch);
+  // The stream's description follows what actually goes out.
+  daemon::MediaStream* stream = state.stream.get();
+  encode::H264Encoder* encoder = state.encoder.get();
+  source->SetKeyframeCallback([stream, encoder] { stream->SetSequenceHeader(encoder->sequence_header()); });
+  return source;
+}
+
+void Sharing::Start(const ShareTarget& target) {
+  Stop();
+  expired_ = false;
+  auto state = std::make_unique<State>();
+  state->label = target.label;
+  state->whole_mix = target.whole_mix;
+  if (config_.lifetime_minutes > 0) {
+    state->expires_at = SteadyNowNs() + config_.lifetime_minutes * kNanosecondsPerMinute;
+  }
+  const transport::ShareCredentials credentials = transport::GenerateShareCredentials();
+  state->token = credentials.token;
+  state->secret = credentials.secret;
+  MIRELL_CHECK(capture::IsCaptureSupported(), "{}", capture::CaptureUnsupportedReason());
+
+  encode::H264EncoderConfig video;
+  video.width = config_.width;
+  video.height = config_.height;
+  video.fps_numerator = config_.fps;
+  video.fps_denominator = 1;
+  video.bitrate_bps = config_.video_kbps * 1000;
+  video.gop_seconds = kGopSeconds;
+  video.profile = static_cast<encode::H264Profile>(config_.video_profile);
+  video.prefer_hardware = true;
+  state->encoder = encode::CreateH264Encoder(video);
+
+  state->stream = std::make_shared<daemon::MediaStream>(fmt::format("sharing {}", target.label),
+                                                         static_cast<int>(config_.fps), config_.video_kbps);
+  state->stream->SetPriming(config_.fps * static_cast<std::uint64_t>(config_.prime_ms) / 1000,
+                            static_cast<std::uint64_t>(config_.prime_ms));
+  encode::H264Encoder* encoder = state->encoder.get();
+  state->stream->SetKeyframeRequester([encoder] { encoder->RequestKeyframe(); });
+
+  OpenAudio(*state, target);
+  state->capture = MakeCaptureSource(*state, target);
+  if (state->audio) state->audio->Start();
+  state->capture->Start();
+  // From here a failure must also take back what has been made public.
+  try {
+    StartPeering(*state);
+    registry_.Publish(state->token, state->stream);
+  } catch (...) {
+    registry_.Withdraw(state->token);
+    if (state->session) state->session->Stop();
+    if (state->signal) state->signal->Stop();
+    throw;
+  }
+  LOG_INFO("target={} token={}", state->label, state->token);
+  std::lock_guard lock(mutex_);
+  state_ = std::move(state);
+}
+
+void Sharing::OpenAudio(State& state, const ShareTarget& target) {
+  if (!config_.audio_enabled) return;
+  try {
+    const capture::AudioFormat wanted{kAudioRate, kAudioChannels};
+    std::unique_ptr<capture::IAudioCapturer> capturer =
+        target.whole_mix || config_.always_whole_mix
+            ? factories_.whole_mix(wanted)
+            : factories_.process_sound(target.process_id, wanted);
+    const capture::AudioFormat format = capturer->format();
+    encode::AacEncoderConfig audio;
+    audio.sample_rate = format.sample_rate;
+    audio.channels = format.channels;
+    audio.bitrate_bps = config_.audio_kbps * 1000;
+    std::unique_ptr<encode::AacEncoder> encoder = encode::CreateAacEncoder(audio);
+
+    daemon::AudioConfig settled;
+    settled.sample_rate = encoder->sample_rate();
+    settled.channels = encoder->channels();
+    settled.bitrate_kbps = encoder->bitrate_bps() / 1000;
+    const auto config = encoder->audio_specific_config();
+    settled.audio_specific_config.assign(config.begin(), config.end());
+
+    const std::optional<daemon::AudioConfig> advertised = state.stream->Audio();
+    if (advertised && (advertised->sample_rate != settled.sample_rate ||
+                       advertised->channels != settled.channels)) {
+      // Viewers and the signal server were told the old format; only a retarget gets here.
+      LOG_WARN("retarget audio={}/{} advertised={}/{} mismatch, keeping advertised", settled.sample_rate,
+               settled.channels, advertised->sample_rate, advertised->channels);
+    } else {
+      state.stream->audio().SetHistory(
+          static_cast<std::uint64_t>((config_.prime_ms + 3000) * settled.sample_rate / 1024000));
+      state.stream->SetAudio(settled);
+    }
+    state.audio_whole_mix = !capturer->process_scoped();
+    state.audio = std::make_unique<AudioSource>(std::move(capturer), std::move(encoder), state.stream->audio());
+    state.audio->SetEpoch(&state.epoch);
+    state.audio->SetMono(config_.mono);
+    state.audio_open = true;
+  } catch (const std::exception& error) {
+    LOG_WARN("audio unavailable: {}", error.what());
+    state.audio.reset();
+    state.audio_open = false;
+  }
+}
+
+void Sharing::StartPeering(State& state) {
+  if (config_.signal_url.empty()) return;
+  transport::PeerConfig peer_config{config_.ice_servers, config_.ice_policy};
+  const std::optional<daemon::AudioConfig> audio =
+      state.audio_open ? state.stream->Audio() : std::nullopt;
+
+  transport::OfferMedia offer;
+  offer.video_payload_type = 96;
+  offer.audio_payload_type = 97;
+  offer.has_audio = audio.has_value();
+  if (audio) {
+    offer.sample_rate = audio->sample_rate;
+    offer.channels = audio->channels;
+    offer.audio_specific_config = audio->audio_specific_config;
+  }
+
+  transport::SignalConfig signal;
+  signal.url = config_.signal_url;
+  signal.token = state.token;
+  signal.secret = state.secret;
+  transport::StreamMedia media;
+  media.width = config_.width;
+  media.height = config_.height;
+  media.fps = config_.fps;
+  media.video_kbps = config_.video_kbps;
+  if (audio) {
+    media.sample_rate = audio->sample_rate;
+    media.channels = audio->channels;
+    media.audio_kbps = audio->bitrate_kbps;
+    media.audio_config = media::HexEncode(audio->audio_specific_config);
+  }
+  signal.media = media;
+
+  state.signal = transport::CreateHostSignalClient(signal);
+  state.session = std::make_unique<ShareSession>(state.signal.get(), &state.stream->frames(),
+                                                 audio ? &state.stream->audio() : nullptr, peer_config,
+                                                 offer, audio ? audio->sample_rate : kAudioRate);
+  state.session->SetAdmissionRequired(admission_required_);
+  state.session->SetAllowlist(allowlist_);
+  state.session->SetPendingHandler(
+      [this](const std::string& connection_id, const transport::PeerIdentity& identity) {
+        PendingHandler handler;
+        {
+          std::lock_guard lock(handler_mutex_);
+          handler = on_viewer_pending_;
+        }
+        if (handler) handler(connection_id, identity);
+      });
+  encode::H264Encoder* encoder = state.encoder.get();
+  state.session->SetKeyframeHandler([encoder] { encoder->RequestKeyframe(); });
+  state.session->Start();
+  state.signal->OnRefused([](const std::string& reason) { LOG_WARN("signal refused: {}", reason); });
+  state.signal->Start();
+}
+
+void Sharing::Retarget(const ShareTarget& target) {
+  std::unique_ptr<CaptureSource> old_capture;
+  std::unique_ptr<AudioSource> old_audio;
+  {
+    std::lock_guard lock(mutex_);
+    if (!state_) return;
+    State& state = *state_;
+    const std::uint64_t resume_frame = state.capture->next_frame();
+    // A failure here leaves the share as it was.
+    std::unique_ptr<CaptureSource> replacement = MakeCaptureSource(state, target);
+    replacement->SetResumeFrame(resume_frame);
+
+    old_capture = std::move(state.capture);
+    old_audio = std::move(state.audio);
+    state.audio_open = false;
+    state.capture = std::move(replacement);
+    state.label = target.label;
+    state.whole_mix = target.whole_mix;
+
+    old_capture->Stop();
+    if (old_audio) old_audio->Stop();
+    OpenAudio(state, target);
+    if (state.audio) state.audio->Start();
+    state.capture->Start();
+    // Viewers resynchronise at once on the new picture.
+    state.encoder->RequestKeyframe();
+    LOG_INFO("retarget={} resume_frame={}", state.label, resume_frame);
+  }
+  old_audio.reset();
+  old_capture.reset();
+}
+
+void Sharing::Revoke() {
+  const transport::ShareCredentials credentials = transport::GenerateShareCredentials();
+  std::string old_token;
+  std::unique_ptr<transport::SignalClient> old_signal;
+  std::unique_ptr<ShareSession> old_session;
+  {
+    std::lock_guard lock(mutex_);
+    if (!state_) return;
+    old_token = state_->token;
+    old_signal = std::move(state_->signal);
+    old_session = std::move(state_->session);
+    state_->token = credentials.token;
+    state_->secret = credentials.secret;
+  }
+  // Withdrawing closes the stream's buses for good: the same stream published again below stays
+  // closed, so new viewers and local players see nothing until the next Start.
+  registry_.Withdraw(old_token);
+  if (old_session) old_session->Stop();
+  if (old_signal) old_signal->Stop();
+  {
+    std::lock_guard lock(mutex_);
+    if (state_ && state_->token == credentials.token) {
+      registry_.Publish(state_->token, state_->stream);
+      StartPeering(*state_);
+      LOG_INFO("token={} revoked -> {}", old_token, state_->token);
+    }
+  }
+  old_session.reset();
+  old_signal.reset();
+}
+
+void Sharing::Stop() {
+  std::unique_ptr<State> state;
+  {
+    std::lock_guard lock(mutex_);
+    state = std::move(state_);
+  }
+  if (!state) return;
+  registry_.Withdraw(state->token);
+  if (state->session) state->session->Stop();
+  if (state->signal) state->signal->Stop();
+  if (state->audio) state->audio->Stop();
+  state->capture->Stop();
+  LOG_INFO("target={} stopped", state->label);
+}
+
+void Sharing::Extend(std::int32_t minutes) {
+  std::lock_guard lock(mutex_);
+  if (!state_ || state_->expires_at == 0) return;
+  state_->expires_at = SteadyNowNs() + std::int64_t{minutes} * kNanosecondsPerMinute;
+  LOG_INFO("extended by {} minutes", minutes);
+}
+
+void Sharing::Poll() {
+  ShareSession* session = nullptr;
+  {
+    std::unique_lock lock(mutex_);
+    if (!state_) return;
+    if (state_->expires_at != 0 && SteadyNowNs() >= state_->expires_at) {
+      lock.unlock();
+      expired_ = true;
+      LOG_INFO("lifetime expired, stopped");
+      Stop();
+      return;
+    }
+    session = state_->session.get();
+  }
+  // Only the interface thread, which is this one, replaces the session.
+  if (session) session->Sweep();
+}
+
+void Sharing::OnViewerPending(PendingHandler handler) {
+  std::lock_guard lock(handler_mutex_);
+  on_viewer_pending_ = std::move(handler);
+}
+
+void Sharing::SetAllowlist(std::map<std::string, std::string> allowlist) {
+  std::lock_guard lock(mutex_);
+  allowlist_ = std::move(allowlist);
+  if (state_ && state_->session) state_->session->SetAllowlist(allowlist_);
+}
+
+void Sharing::SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy) {
+  std::lock_guard lock(mutex_);
+  config_.ice_servers = std::move(servers);
+  config_.ice_policy = policy;
+}
+
+void Sharing::SetQuality(const ShareQuality& quality) {
+  std::lock_guard lock(mutex_);
+  config_.width = quality.width;
+  config_.height = quality.height;
+  config_.fps = quality.fps;
+  config_.video_kbps = quality.video_kbps;
+  config_.audio_kbps = quality.audio_kbps;
+  config_.mono = quality.mono;
+}
+
+void Sharing::SetAdmissionRequired(bool required) {
+  std::lock_guard lock(mutex_);
+  admission_required_ = required;
+}
+
+void Sharing::Admit(const std::string& connection_id) {
+  std::lock_guard lock(mutex_);
+  if (state_ && state_->session) state_->session->Approve(connection_id);
+}
+
+void Sharing::Deny(const std::string& connection_id) {
+  std::lock_guard lock(mutex_);
+  if (state_ && state_->session) state_->session->Deny(connection_id);
+}
+
+void Sharing::Disconnect(const std::string& connection_id) {
+  std::lock_guard lock(mutex_);
+  if (state_ && state_->session) state_->session->Disconnect(connection_id);
+}
+
+bool Sharing::active() const {
+  std::lock_guard lock(mutex_);
+  return state_ != nullptr;
+}
+
+bool Sharing::capture_running() const {
+  std::lock_guard lock(mutex_);
+  return state_ && state_->capture && state_->capture->capturing();
+}
+
+bool Sharing::audio_open() const {
+  std::lock_guard lock(mutex_);
+  return state_ && state_->audio_open;
+}
+
+bool Sharing::audio_whole_mix() const {
+  std::lock_guard lock(mutex_);
+  return state_ && state_->audio_whole_mix;
+}
+
+std::int64_t Sharing::seconds_left() const {
+  std::lock_guard lock(mutex_);
+  if (!state_ || state_->expires_at == 0) return 0;
+  const std::int64_t left_ns = state_->expires_at - SteadyNowNs();
+  return left_ns > 0 ? left_ns / 1'000'000'000 : 0;
+}
+
+std::string Sharing::label() const {
+  std::lock_guard lock(mutex_);
+  return state_ ? state_->label : std::string();
+}
+
+std::string Sharing::token() const {
+  std::lock_guard lock(mutex_);
+  return state_ ? state_->token : std::string();
+}
+
+std::string Sharing::link() const {
+  std::lock_guard lock(mutex_);
+  return state_ ? fmt::format("https://{}{}", config_.share_prefix, state_->token) : std::string();
+}
+
+std::size_t Sharing::viewer_count() const {
+  std::lock_guard lock(mutex_);
+  return state_ && state_->session ? state_->session->ViewerCount() : 0;
+}
+
+std::uint32_t Sharing::uplink_kbps() const {
+  std::uint32_t sum = 0;
+  for (const ViewerInfo& viewer : viewers()) sum += viewer.uplink_kbps;
+  return sum;
+}
+
+std::vector<ViewerInfo> Sharing::viewers() const {
+  std::lock_guard lock(mutex_);
+  return state_ && state_->session ? state_->session->Viewers() : std::vector<ViewerInfo>{};
+}
+
+std::vector<PendingViewer> Sharing::pending_viewers() const {
+  std::lock_guard lock(mutex_);
+  return state_ && state_->session ? state_->session->PendingViewers() : std::vector<PendingViewer>{};
+}
+
+}  // namespace mirell::session
