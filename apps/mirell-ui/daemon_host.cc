@@ -12,6 +12,22 @@ namespace mirell::ui {
 
 namespace {
 
+session::Sharing::Config SharingConfigOf(const DaemonConfig& config) {
+  session::Sharing::Config sharing;
+  sharing.width = config.width;
+  sharing.height = config.height;
+  sharing.fps = config.fps;
+  sharing.video_kbps = config.video_kbps;
+  sharing.audio_kbps = config.audio_kbps;
+  sharing.mono = config.mono;
+  sharing.prime_ms = config.prime_ms;
+  sharing.signal_url = config.signal_url;
+  sharing.ice_servers = config.ice_servers;
+  sharing.ice_policy = config.ice_policy;
+  sharing.share_prefix = config.share_prefix;
+  return sharing;
+}
+
 session::Viewing::Config ViewingConfigOf(const DaemonConfig& config) {
   session::Viewing::Config viewing;
   viewing.signal_url = config.signal_url;
@@ -24,7 +40,13 @@ session::Viewing::Config ViewingConfigOf(const DaemonConfig& config) {
 }  // namespace
 
 DaemonHost::DaemonHost(DaemonConfig config)
-    : config_(std::move(config)), viewing_(registry_, ViewingConfigOf(config_)) {}
+    : config_(std::move(config)),
+      sharing_(registry_, SharingConfigOf(config_)),
+      viewing_(registry_, ViewingConfigOf(config_)) {
+  // Nobody gets in unasked.
+  sharing_.SetAdmissionRequired(true);
+  sharing_.SetAllowlist(config_.allowlist);
+}
 
 DaemonHost::~DaemonHost() { Stop(); }
 
@@ -66,6 +88,7 @@ void DaemonHost::Start() {
 void DaemonHost::Stop() {
   if (!started_) return;
   started_ = false;
+  sharing_.Stop();
   viewing_.Stop();
   if (rtsp_) {
     rtsp_->Stop();
@@ -89,12 +112,41 @@ daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
           fmt::format("rtspt://127.0.0.1:{}/s/{}", rtsp_bound_port_.load(), token), {}};
 }
 
-void DaemonHost::Poll() { viewing_.Poll(); }
+void DaemonHost::Poll() {
+  sharing_.Poll();
+  viewing_.Poll();
+  if (sharing_.active() && !sharing_.capture_running()) {
+    LOG_INFO("capture target gone, stopped");
+    sharing_.Stop();
+  }
+}
 
 void DaemonHost::SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy) {
   config_.ice_servers = servers;
   config_.ice_policy = policy;
+  sharing_.SetIceServers(servers, policy);
   viewing_.SetIceServers(std::move(servers), policy);
+}
+
+void DaemonHost::SetQuality(const session::ShareQuality& quality) {
+  config_.width = quality.width;
+  config_.height = quality.height;
+  config_.fps = quality.fps;
+  config_.video_kbps = quality.video_kbps;
+  config_.audio_kbps = quality.audio_kbps;
+  config_.mono = quality.mono;
+  sharing_.SetQuality(quality);
+}
+
+void DaemonHost::SetAllowlist(std::map<std::string, std::string> allowlist) {
+  sharing_.SetAllowlist(std::move(allowlist));
+}
+
+void DaemonHost::OnViewerPending(std::function<void(std::string, transport::PeerIdentity)> callback) {
+  sharing_.OnViewerPending(
+      [callback = std::move(callback)](const std::string& connection_id, const transport::PeerIdentity& identity) {
+        callback(connection_id, identity);
+      });
 }
 
 std::uint16_t DaemonHost::rtsp_port() const { return rtsp_ ? rtsp_->port() : 0; }

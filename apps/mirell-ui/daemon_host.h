@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -14,6 +16,7 @@
 #include "mirell/daemon/rtsp_server.h"
 #include "mirell/daemon/stub_installer.h"
 #include "mirell/daemon/stream_registry.h"
+#include "mirell/session/sharing.h"
 #include "mirell/session/viewing.h"
 #include "mirell/transport/peer_config.h"
 
@@ -36,10 +39,19 @@ class DaemonHost {
   // start (its marker stays).
   void Stop();
 
-  // One heartbeat, from the interface thread's timer: drops the watches that have ended.
+  // One heartbeat, from the interface thread's timer: ends a share whose time is up or whose
+  // capture has ended (a closed window), and drops the watches that have ended.
   void Poll();
-  // Stored, and used by the watches made from now on; those that exist keep what they have.
+  // Stored, and used by the shares and watches made from now on; those that exist keep what
+  // they have.
   void SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy);
+  // For the next share.
+  void SetQuality(const session::ShareQuality& quality);
+  // To the share's door; the start-up copy in config() stays as it was.
+  void SetAllowlist(std::map<std::string, std::string> allowlist);
+  // Called on the signal client's thread for a viewer the user must decide about: it must only
+  // copy and post.
+  void OnViewerPending(std::function<void(std::string, transport::PeerIdentity)> callback);
 
   // The decision for one URL, as the resolve service gets it: a share link of this deployment
   // makes sure a stream is there for its token (the host's own, or a watch that plays the card
@@ -48,6 +60,7 @@ class DaemonHost {
 
   const DaemonConfig& config() const { return config_; }
   daemon::StreamRegistry& registry() { return registry_; }
+  session::Sharing& sharing() { return sharing_; }
   session::Viewing& viewing() { return viewing_; }
   // The resolve endpoint as bound; empty when not started.
   std::string resolve_endpoint() const;
@@ -60,6 +73,7 @@ class DaemonHost {
   // Member order is destruction order in reverse: the services end before the registry they use.
   DaemonConfig config_;
   daemon::StreamRegistry registry_;
+  session::Sharing sharing_;
   session::Viewing viewing_;
   std::optional<daemon::RtspServer> rtsp_;
   std::optional<daemon::ResolveService> resolve_;

@@ -7,12 +7,14 @@
 #include <QObject>
 #include <QString>
 #include <QTimer>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <optional>
 #include <span>
 #include <string>
 
+#include "command_line_share.h"
 #include "daemon_host.h"
 #include "instance_key.h"
 #include "mirell/base/logging.h"
@@ -76,6 +78,14 @@ int main(int argc, char** argv) {
   const std::string update_url =
       given_update_url ? *given_update_url : DeriveUpdateUrl(config.signal_url);
   LOG_DEBUG("update check {}", update_url.empty() ? "off" : update_url);
+  const ShareOptions share = ScanShareOptions(ArgumentsOf(argc, argv));
+  if (!share.error.empty()) {
+    LOG_ERROR("{}", share.error);
+    std::fprintf(stderr, "mirell-ui: %s\n", share.error.c_str());
+    return 2;
+  }
+  // For this run only: nothing is stored.
+  for (const std::string& user_id : share.allow) config.allowlist.emplace(user_id, user_id);
 
   // Before anything listens: a stop signal that comes during start-up is handled once the event
   // loop runs, and ends the program in order rather than killing it.
@@ -92,8 +102,17 @@ int main(int argc, char** argv) {
     }
     return 1;
   }
+  try {
+    StartCommandLineShare(host, share);
+  } catch (const std::exception& error) {
+    LOG_ERROR("could not share: {}", error.what());
+    std::fprintf(stderr, "mirell-ui: could not share: %s\n", error.what());
+    host.Stop();
+    return 1;
+  }
 
-  // The heartbeat that drops ended watches. The main window takes it over once it exists.
+  // The heartbeat that ends expired or orphaned shares and drops ended watches. The main window
+  // takes it over once it exists.
   QTimer poll_timer;
   QObject::connect(&poll_timer, &QTimer::timeout, [&host] { host.Poll(); });
   poll_timer.start(500);

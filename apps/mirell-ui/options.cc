@@ -62,6 +62,35 @@ std::optional<std::string> ScanServiceOptions(Arguments arguments, DaemonConfig&
   return update_url;
 }
 
+ShareOptions ScanShareOptions(Arguments arguments) {
+  ShareOptions options;
+  bool window_given = false;
+  Scan(arguments,
+       {{"--share-window", true, [&](const char* value) {
+           window_given = true;
+           options.window_title = value;
+         }},
+        {"--share-monitor", true, [&](const char* value) {
+           const std::string text = value;
+           if (text.empty() || text.size() > 3 || text.find_first_not_of("0123456789") != std::string::npos) {
+             options.error = "--share-monitor takes a monitor number (0 is the first), not \"" + text + "\"";
+             return;
+           }
+           options.monitor = static_cast<std::uint32_t>(std::stoul(text));
+         }},
+        {"--allow", true, [&](const char* value) {
+           if (*value != '\0') options.allow.emplace_back(value);
+         }},
+        {"--admit-everyone", false, [&](const char*) { options.admit_everyone = true; }}});
+  if (!options.error.empty()) return options;
+  if (window_given && options.window_title.empty()) {
+    options.error = "--share-window needs part of a window's title";
+  } else if (window_given && options.monitor) {
+    options.error = "--share-window and --share-monitor cannot both be given: a share has one target";
+  }
+  return options;
+}
+
 std::string DeriveSharePrefix(const std::string& signal_url) {
   const auto slashes = signal_url.find("://");
   if (slashes == std::string::npos) return {};

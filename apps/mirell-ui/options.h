@@ -8,6 +8,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "daemon_config.h"
 
@@ -29,6 +30,22 @@ StartOptions ScanStartOptions(Arguments arguments, const DaemonConfig& defaults)
 // `config`; "--signal" also moves the share prefix to the signal server's host (see
 // DeriveSharePrefix). Returns the update URL when "--update-url" was given at all, even empty.
 std::optional<std::string> ScanServiceOptions(Arguments arguments, DaemonConfig& config);
+
+// A share started from the command line, for headless use and scripts, with its admission rule.
+struct ShareOptions {
+  std::string window_title;              // "--share-window": part of a window's title.
+  std::optional<std::uint32_t> monitor;  // "--share-monitor": an index of the monitor list.
+  std::vector<std::string> allow;        // "--allow", repeatable: VRChat user ids let in at once.
+  bool admit_everyone = false;           // "--admit-everyone".
+  std::string error;                     // Set for a command line that cannot be followed.
+
+  bool wants_share() const { return !window_title.empty() || monitor.has_value(); }
+};
+
+// Third scan, of the share options only. Unlike the other scans it rejects what it cannot follow
+// (a monitor that is not a number, an empty title, both kinds of target) in `error`: a share
+// asked for by a script must not quietly become another.
+ShareOptions ScanShareOptions(Arguments arguments);
 
 // The update endpoint of a signal server: "https://" + host + "/latest" for a "wss://" URL with
 // a path behind its host; empty (no update check) for anything else.

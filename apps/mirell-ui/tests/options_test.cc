@@ -134,5 +134,43 @@ TEST(UpdateUrl, OffForOtherSchemesAndUrlsWithoutAPath) {
   EXPECT_EQ(DeriveUpdateUrl(""), "");
 }
 
+TEST(ShareOptions, NothingAskedForMeansNoShareAndNoError) {
+  const auto options = ScanShareOptions(Args({"--rtsp-port", "9000", "--no-stub"}).span());
+  EXPECT_FALSE(options.wants_share());
+  EXPECT_TRUE(options.allow.empty());
+  EXPECT_FALSE(options.admit_everyone);
+  EXPECT_EQ(options.error, "");
+}
+
+TEST(ShareOptions, AWindowByPartOfItsTitleWithEveryAllowedUser) {
+  const auto options = ScanShareOptions(
+      Args({"--allow", "usr_a", "--share-window", "Demo", "--allow", "usr_b", "--admit-everyone"}).span());
+  EXPECT_TRUE(options.wants_share());
+  EXPECT_EQ(options.window_title, "Demo");
+  EXPECT_FALSE(options.monitor.has_value());
+  EXPECT_EQ(options.allow, (std::vector<std::string>{"usr_a", "usr_b"}));
+  EXPECT_TRUE(options.admit_everyone);
+  EXPECT_EQ(options.error, "");
+}
+
+TEST(ShareOptions, AMonitorByItsIndex) {
+  const auto options = ScanShareOptions(Args({"--share-monitor", "1"}).span());
+  ASSERT_TRUE(options.monitor.has_value());
+  EXPECT_EQ(*options.monitor, 1u);
+  EXPECT_TRUE(options.wants_share());
+  EXPECT_EQ(options.error, "");
+}
+
+TEST(ShareOptions, WhatCannotBeFollowedIsAnErrorNotAnotherShare) {
+  EXPECT_EQ(ScanShareOptions(Args({"--share-monitor", "second"}).span()).error,
+            "--share-monitor takes a monitor number (0 is the first), not \"second\"");
+  EXPECT_EQ(ScanShareOptions(Args({"--share-monitor", "-1"}).span()).error,
+            "--share-monitor takes a monitor number (0 is the first), not \"-1\"");
+  EXPECT_EQ(ScanShareOptions(Args({"--share-window", ""}).span()).error,
+            "--share-window needs part of a window's title");
+  EXPECT_EQ(ScanShareOptions(Args({"--share-window", "Demo", "--share-monitor", "0"}).span()).error,
+            "--share-window and --share-monitor cannot both be given: a share has one target");
+}
+
 }  // namespace
 }  // namespace mirell::ui

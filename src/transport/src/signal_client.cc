@@ -190,6 +190,8 @@ class Client final : public SignalClient {
       case Kind::kHosting:
       case Kind::kJoined:
         attempt.registered.store(true);
+        // Once per socket: a person reading the log sees that the share is reachable again.
+        LOG_INFO("{} token={}", host_ ? "hosting" : "joined", config_.token);
         if (message.media) Call(on_media_, *message.media);
         connected_.store(true);
         Call(on_ready_);

@@ -1,0 +1,339 @@
+// The whole product, headless: a window with moving colours and a tone on a private Xvfb with
+// openbox and a private PulseAudio server, one mirell-ui sharing it from the command line, our
+// signal server, a second mirell-ui as the viewer, and ffmpeg as VRChat's player on the address
+// the viewer's resolver gives. What ffmpeg decodes is checked by its pixels and its spectrum.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "installed_ui.h"
+#include "mirell/testsupport/eventually.h"
+#include "mirell/testsupport/subprocess.h"
+#include "mirell/testsupport/tcp_client.h"
+#include "mirell/testsupport/xvfb.h"
+#include "mirell/transport/signal_client.h"
+#include "pulse_server.h"
+#include "test_window.h"
+#include "tone_power.h"
+
+namespace mirell::ui {
+namespace {
+
+using namespace std::chrono_literals;
+using testsupport::ChildProcess;
+using testsupport::Eventually;
+
+// ffmpeg's pictures, shrunk to this size for the pixel checks.
+constexpr int kThumbWidth = 64;
+constexpr int kThumbHeight = 36;
+
+struct Rgb {
+  int r = 0, g = 0, b = 0;
+  bool red() const { return r > 150 && g < 90 && b < 90; }
+  bool blue() const { return b > 150 && r < 90 && g < 90; }
+  bool black() const { return r < 40 && g < 40 && b < 40; }
+};
+
+// What ffmpeg played: every picture's time, the pictures themselves and the sound.
+struct Recording {
+  std::vector<double> times;
+  std::vector<std::vector<std::uint8_t>> pictures;  // kThumbWidth x kThumbHeight RGB.
+  std::vector<float> sound;                         // Mono, 48 kHz.
+  std::string log;
+
+  Rgb At(std::size_t picture, int x, int y) const {
+    const std::uint8_t* p = pictures[picture].data() + (y * kThumbWidth + x) * 3;
+    return {p[0], p[1], p[2]};
+  }
+};
+
+// One mirell-ui process on ports of its own.
+struct UiProcess {
+  std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
+  std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
+  std::unique_ptr<ChildProcess> process;
+};
+
+class SharingAcrossProcesses : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* program : {"ffmpeg", "paplay", "sox", "Xvfb", "openbox"}) {
+      if (!testsupport::HaveProgram(program)) GTEST_SKIP() << "needs " << program;
+    }
+    pulse_ = std::make_unique<capture::PulseServer>();
+    if (!pulse_->available()) GTEST_SKIP() << "no PulseAudio server";
+    signal_port_ = testsupport::FreeLoopbackPort();
+    signal_ = std::make_unique<ChildProcess>(std::vector<std::string>{
+        MIRELL_SIGNAL_BINARY, "--listen", "127.0.0.1:" + std::to_string(signal_port_)});
+    ASSERT_TRUE(Eventually([&] {
+      try {
+        testsupport::TcpClient probe(signal_port_);
+        return true;
+      } catch (const std::runtime_error&) {
+        return false;
+      }
+    }));
+  }
+
+  void StartDisplay(int width, int height) {
+    testsupport::XvfbOptions options;
+    options.width = width;
+    options.height = height;
+    options.window_manager = true;
+    display_ = std::make_unique<testsupport::XvfbDisplay>(options);
+    ASSERT_TRUE(display_->available());
+  }
+
+  std::unique_ptr<capture::TestWindow> OpenWindow(std::vector<std::string> arguments, int hertz) {
+    if (hertz != 0) {
+      const auto file = dir_.path() / ("tone-" + std::to_string(hertz) + ".wav");
+      testsupport::RunProcess({"sox", "-n", "-r", "48000", "-c", "2", "-b", "16", file.string(), "synth", "30",
+                               "sine", std::to_string(hertz), "vol", "0.5"});
+      arguments.insert(arguments.end(), {"--tone-file", file.string()});
+    }
+    auto window = std::make_unique<capture::TestWindow>(display_->name(), arguments);
+    EXPECT_NE(window->id(), 0u) << "the test window did not come up";
+    return window;
+  }
+
+  std::string SignalUrl() const { return "ws://127.0.0.1:" + std::to_string(signal_port_) + "/signal"; }
+
+  testsupport::ProcessOptions UiEnvironment() const {
+    testsupport::ProcessOptions options = Headless(home_.path());
+    options.environment["DISPLAY"] = display_->name();
+    options.environment["PULSE_SERVER"] = pulse_->address();
+    return options;
+  }
+
+  // The sharing mirell-ui with the given share options; returns the link it printed.
+  std::string StartHost(const std::vector<std::string>& share_options) {
+    std::vector<std::string> argv{"sh", "-c", "exec \"$0\" \"$@\" > \"" + (dir_.path() / "host.out").string() + "\"",
+                                  ui_.binary().string(), "--signal", SignalUrl(), "--pipe", host_.pipe,
+                                  "--rtsp-port", std::to_string(host_.rtsp_port), "--no-stub"};
+    argv.insert(argv.end(), share_options.begin(), share_options.end());
+    host_.process = std::make_unique<ChildProcess>(argv, UiEnvironment());
+    std::string link;
+    Eventually([&] {
+      std::istringstream out(testsupport::ReadFileText(dir_.path() / "host.out"));
+      return static_cast<bool>(std::getline(out, link));
+    }, 30s);
+    EXPECT_FALSE(link.empty()) << HostLog();
+    return link;
+  }
+
+  void StartViewer() {
+    viewer_.process = std::make_unique<ChildProcess>(
+        std::vector<std::string>{ui_.binary().string(), "--signal", SignalUrl(), "--pipe", viewer_.pipe,
+                                 "--rtsp-port", std::to_string(viewer_.rtsp_port), "--no-stub"},
+        UiEnvironment());
+    ASSERT_TRUE(ui_.WaitForLog(viewer_.rtsp_port, viewer_.pipe, "listening " + viewer_.pipe)) << ViewerLog();
+    ASSERT_TRUE(ui_.WaitForLog(viewer_.rtsp_port, viewer_.pipe, "card frames=", 60s)) << ViewerLog();
+  }
+
+  std::string HostLog() const { return ui_.Log(host_.rtsp_port, host_.pipe); }
+  std::string ViewerLog() const { return ui_.Log(viewer_.rtsp_port, viewer_.pipe); }
+  bool HostLogged(const std::string& text, std::chrono::milliseconds limit = 20s) const {
+    return ui_.WaitForLog(host_.rtsp_port, host_.pipe, text, limit);
+  }
+
+  // As the stub asks: the viewer's resolver gives the loopback address to play.
+  std::string Resolve(const std::string& link) {
+    const std::string answer = testsupport::ExchangeOnce(viewer_.pipe_port, "RESOLVE " + link + "\n");
+    EXPECT_EQ(answer.rfind("OK rtspt://127.0.0.1:", 0), 0u) << answer;
+    if (answer.size() < 4) return {};
+    return "rtsp" + answer.substr(8, answer.size() - 9);  // "rtspt://" played as rtsp over TCP.
+  }
+
+  std::unique_ptr<ChildProcess> Play(const std::string& url, double seconds) {
+    testsupport::ProcessOptions options;
+    options.timeout = 180s;
+    const std::string scale = "showinfo,scale=" + std::to_string(kThumbWidth) + ":" + std::to_string(kThumbHeight) +
+                              ":flags=area,format=rgb24";
+    return std::make_unique<ChildProcess>(
+        std::vector<std::string>{"ffmpeg", "-hide_banner", "-nostdin", "-y", "-loglevel", "info", "-rtsp_transport",
+                                 "tcp", "-i", url, "-t", std::to_string(seconds), "-map", "0:v", "-vf", scale, "-f",
+                                 "rawvideo", (dir_.path() / "video.rgb").string(), "-t", std::to_string(seconds),
+                                 "-map", "0:a", "-ac", "1", "-ar", "48000", "-f", "f32le",
+                                 (dir_.path() / "sound.raw").string()},
+        options);
+  }
+
+  Recording Finish(ChildProcess& player, std::chrono::milliseconds limit = 90s) {
+    const auto result = player.Wait(limit);
+    EXPECT_FALSE(result.timed_out) << result.err;
+    Recording recording;
+    recording.log = result.err;
+    static const std::regex kVideo(R"(Parsed_showinfo.*pts_time:\s*([-0-9.]+))");
+    std::istringstream lines(result.err);
+    std::string line;
+    std::smatch match;
+    while (std::getline(lines, line)) {
+      if (std::regex_search(line, match, kVideo)) recording.times.push_back(std::stod(match[1]));
+    }
+    const std::string pictures = testsupport::ReadFileText(dir_.path() / "video.rgb");
+    const std::size_t size = kThumbWidth * kThumbHeight * 3;
+    for (std::size_t at = 0; at + size <= pictures.size(); at += size) {
+      recording.pictures.emplace_back(pictures.begin() + static_cast<std::ptrdiff_t>(at),
+                                      pictures.begin() + static_cast<std::ptrdiff_t>(at + size));
+    }
+    const std::string sound = testsupport::ReadFileText(dir_.path() / "sound.raw");
+    recording.sound.resize(sound.size() / sizeof(float));
+    std::memcpy(recording.sound.data(), sound.data(), recording.sound.size() * sizeof(float));
+    return recording;
+  }
+
+  testsupport::TempDir dir_;
+  testsupport::TempDir home_;
+  InstalledUi ui_;
+  std::unique_ptr<capture::PulseServer> pulse_;
+  std::unique_ptr<testsupport::XvfbDisplay> display_;
+  std::uint16_t signal_port_ = 0;
+  std::unique_ptr<ChildProcess> signal_;
+  UiProcess host_;
+  UiProcess viewer_;
+};
+
+TEST_F(SharingAcrossProcesses, AWindowAndItsSoundPlayOnAnotherMirell) {
+  StartDisplay(1280, 720);
+  auto window = OpenWindow({"--title", "Moving Demo", "--size", "640x360", "--color", "FF0000", "--color2",
+                            "0000FF", "--alternate-ms", "400"},
+                           660);
+  const std::string link = StartHost({"--share-window", "moving demo", "--admit-everyone"});
+  ASSERT_TRUE(std::regex_match(link, std::regex("https://127\\.0\\.0\\.1:" + std::to_string(signal_port_) +
+                                                "/s/[0-9A-Z]{12}")))
+      << link;
+  EXPECT_TRUE(HostLogged("every viewer is let in without asking (--admit-everyone)")) << HostLog();
+  EXPECT_TRUE(HostLogged("target=Moving Demo token=")) << HostLog();
+  StartViewer();
+  auto player = Play(Resolve(link), 8);
+  const Recording recording = Finish(*player);
+
+  ASSERT_GT(recording.pictures.size(), 150u) << recording.log;
+  // showinfo runs ahead of the cut at 8 s, so it may list a picture or two more.
+  ASSERT_GE(recording.times.size(), recording.pictures.size()) << recording.log;
+  std::size_t red = 0, blue = 0;
+  for (std::size_t i = 0; i < recording.pictures.size(); ++i) {
+    const Rgb centre = recording.At(i, kThumbWidth / 2, kThumbHeight / 2);
+    red += centre.red() ? 1u : 0u;
+    blue += centre.blue() ? 1u : 0u;
+  }
+  EXPECT_GT(red, 40u) << "the window's first colour";
+  EXPECT_GT(blue, 40u) << "the window's second colour";
+  for (std::size_t i = 1; i < recording.times.size(); ++i) {
+    if (recording.times[i] >= 1.0) {
+      ASSERT_GT(recording.times[i], recording.times[i - 1]) << "picture " << i << " steps back\n" << recording.log;
+    }
+  }
+  ASSERT_GT(recording.sound.size(), 48000u * 3) << recording.log;
+  const std::vector<float> last(recording.sound.end() - 96000, recording.sound.end());
+  const double at_tone = capture::PowerAt(last, 660);
+  EXPECT_GT(at_tone, 0.001);
+  EXPECT_GT(at_tone, 100 * capture::PowerAt(last, 440));
+  EXPECT_GT(at_tone, 100 * capture::PowerAt(last, 990));
+}
+
+TEST_F(SharingAcrossProcesses, AMonitorIsLetterboxedToTheOutputSize) {
+  StartDisplay(1280, 1024);
+  auto window = OpenWindow({"--title", "Corner", "--size", "640x512", "--position", "0,0", "--color", "FF0000"}, 0);
+  const std::string link = StartHost({"--share-monitor", "0", "--admit-everyone"});
+  EXPECT_TRUE(HostLogged("target=Monitor 1 (")) << HostLog();
+  StartViewer();
+  auto player = Play(Resolve(link), 5);
+  const Recording recording = Finish(*player);
+  ASSERT_GT(recording.pictures.size(), 60u) << recording.log;
+  // A 5:4 screen in a 16:9 picture: bars left and right (190 and 190 of 1280 pixels), the
+  // screen between, its top-left quarter the red window.
+  const std::size_t last = recording.pictures.size() - 1;
+  EXPECT_TRUE(recording.At(last, 2, kThumbHeight / 2).black());
+  EXPECT_TRUE(recording.At(last, kThumbWidth - 3, kThumbHeight / 2).black());
+  EXPECT_TRUE(recording.At(last, 20, 10).red()) << recording.At(last, 20, 10).r;
+}
+
+TEST_F(SharingAcrossProcesses, ClosingTheSharedWindowEndsTheShareAndTheViewersStream) {
+  StartDisplay(1280, 720);
+  auto window = OpenWindow({"--title", "Closing Soon", "--size", "640x360", "--color", "00FF00"}, 0);
+  const std::string link = StartHost({"--share-window", "Closing Soon", "--admit-everyone"});
+  StartViewer();
+  auto player = Play(Resolve(link), 120);
+  ASSERT_TRUE(ui_.WaitForLog(viewer_.rtsp_port, viewer_.pipe, " connected", 30s)) << ViewerLog();
+  std::this_thread::sleep_for(2s);
+  window.reset();
+  EXPECT_TRUE(HostLogged("capture target gone, stopped")) << HostLog();
+  EXPECT_TRUE(HostLogged("target=Closing Soon stopped")) << HostLog();
+  // The viewer's stream ends: its player stops long before the two minutes it asked for.
+  const auto result = player->Wait(45s);
+  EXPECT_FALSE(result.timed_out) << ViewerLog();
+}
+
+// A viewer as the signal server sees one: the test joins the share with a claimed identity and
+// notes whether the host makes it an offer (lets it in).
+class Joiner {
+ public:
+  Joiner(const std::string& url, const std::string& token, const std::string& identity) {
+    transport::SignalConfig config;
+    config.url = url;
+    config.token = token;
+    config.identity = identity;
+    config.display_name = "Name of " + identity;
+    client_ = transport::CreateViewerSignalClient(config);
+    client_->OnOffer([this](const std::string&) { offered_ = true; });
+    client_->Start();
+  }
+  ~Joiner() { client_->Stop(); }
+  bool offered() const { return offered_; }
+
+ private:
+  std::atomic<bool> offered_{false};
+  std::unique_ptr<transport::SignalClient> client_;
+};
+
+std::string TokenOf(const std::string& link) { return link.substr(link.rfind('/') + 1); }
+
+TEST_F(SharingAcrossProcesses, AnAllowedIdentityGetsInAtOnceAndAnotherWaitsLogged) {
+  StartDisplay(1280, 720);
+  auto window = OpenWindow({"--title", "Door", "--size", "320x180"}, 0);
+  const std::string link = StartHost({"--share-window", "Door", "--allow", "usr_friend"});
+  ASSERT_TRUE(HostLogged("hosting")) << HostLog();
+  Joiner friend_viewer(SignalUrl(), TokenOf(link), "usr_friend");
+  Joiner stranger(SignalUrl(), TokenOf(link), "usr_stranger");
+  EXPECT_TRUE(Eventually([&] { return friend_viewer.offered(); }, 20s)) << HostLog();
+  EXPECT_TRUE(HostLogged("waits to be let in; says it is usr_stranger (Name of usr_stranger)")) << HostLog();
+  std::this_thread::sleep_for(1s);
+  EXPECT_FALSE(stranger.offered());
+}
+
+TEST_F(SharingAcrossProcesses, WithoutAdmissionOptionsEveryViewerWaits) {
+  StartDisplay(1280, 720);
+  auto window = OpenWindow({"--title", "Closed Door", "--size", "320x180"}, 0);
+  const std::string link = StartHost({"--share-window", "Closed Door"});
+  ASSERT_TRUE(HostLogged("hosting")) << HostLog();
+  Joiner someone(SignalUrl(), TokenOf(link), "usr_friend");
+  EXPECT_TRUE(HostLogged("waits to be let in; says it is usr_friend")) << HostLog();
+  std::this_thread::sleep_for(1s);
+  EXPECT_FALSE(someone.offered());
+}
+
+TEST_F(SharingAcrossProcesses, AShareThatCannotStartEndsTheProgramWithTheReason) {
+  StartDisplay(1280, 720);
+  const auto result = testsupport::RunProcess(
+      {ui_.binary().string(), "--signal", SignalUrl(), "--pipe", host_.pipe, "--rtsp-port",
+       std::to_string(host_.rtsp_port), "--no-stub", "--share-window", "No Such Window"},
+      UiEnvironment());
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_NE(result.err.find("mirell-ui: could not share: no window's title contains \"No Such Window\""),
+            std::string::npos)
+      << result.err;
+  const auto bad = testsupport::RunProcess({ui_.binary().string(), "--share-monitor", "first"}, UiEnvironment());
+  EXPECT_EQ(bad.exit_code, 2);
+  EXPECT_NE(bad.err.find("--share-monitor takes a monitor number"), std::string::npos) << bad.err;
+}
+
+}  // namespace
+}  // namespace mirell::ui
