@@ -37,8 +37,7 @@ double CpuSeconds(int who) {
 
 // utime + stime of another process, from /proc.
 double ProcessCpuSeconds(int pid) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  const std::string text = mirell::testsupport::ReadFileText("/proc/" + std::to_string(pid) + "/stat");
   std::istringstream fields(text.substr(text.rfind(')') + 2));
   std::string field;
   double ticks = 0;

@@ -97,8 +97,8 @@ int main(int argc, char** argv) {
         {"ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
          fmt::format("testsrc2=size={}x{}:rate=30", size.width, size.height), "-frames:v",
          std::to_string(frames), "-pix_fmt", "nv12", "-f", "rawvideo", raw_path.string()});
-    std::ifstream file(raw_path, std::ios::binary);
-    const std::vector<std::uint8_t> raw((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::string bytes = mirell::testsupport::ReadFileText(raw_path);
+    const std::vector<std::uint8_t> raw(bytes.begin(), bytes.end());
     const Figures reference = CommandLine(size.width, size.height, size.bitrate, raw_path.string(), frames);
     const Figures ours = Ours(size.width, size.height, size.bitrate, raw, frames);
     fmt::print("{:<34} {:>9} {:>9} {:>9.2f} {:>7.0f} {:>7}\n",

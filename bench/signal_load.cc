@@ -144,7 +144,9 @@ class ServerProcess {
   }
   double CpuSeconds() const {
     std::ifstream file("/proc/" + std::to_string(pid_) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::stringstream contents;
+    contents << file.rdbuf();
+    const std::string text = contents.str();
     std::istringstream fields(text.substr(text.rfind(')') + 2));
     std::string field;
     long utime = 0, stime = 0;

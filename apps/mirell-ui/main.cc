@@ -86,6 +86,12 @@ int main(int argc, char** argv) {
   }
   // For this run only: nothing is stored.
   for (const std::string& user_id : share.allow) config.allowlist.emplace(user_id, user_id);
+  if (share.width) {
+    config.width = *share.width;
+    config.height = *share.height;
+    config.fps = *share.fps;
+    LOG_INFO("quality from the command line {}x{}@{}", config.width, config.height, config.fps);
+  }
 
   // Before anything listens: a stop signal that comes during start-up is handled once the event
   // loop runs, and ends the program in order rather than killing it.

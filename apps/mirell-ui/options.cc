@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <vector>
@@ -81,7 +82,21 @@ ShareOptions ScanShareOptions(Arguments arguments) {
         {"--allow", true, [&](const char* value) {
            if (*value != '\0') options.allow.emplace_back(value);
          }},
-        {"--admit-everyone", false, [&](const char*) { options.admit_everyone = true; }}});
+        {"--admit-everyone", false, [&](const char*) { options.admit_everyone = true; }},
+        {"--quality", true, [&](const char* value) {
+           unsigned width = 0, height = 0, fps = 0;
+           char end = 0;
+           if (std::sscanf(value, "%ux%u@%u%c", &width, &height, &fps, &end) != 3 || width < 160 ||
+               width > 3840 || height < 90 || height > 2160 || width % 2 != 0 || height % 2 != 0 || fps < 1 ||
+               fps > 60) {
+             options.error = std::string("--quality takes WIDTHxHEIGHT@FPS with even sizes from 160x90 to "
+                                         "3840x2160 and 1 to 60 frames a second, not \"") + value + "\"";
+             return;
+           }
+           options.width = width;
+           options.height = height;
+           options.fps = fps;
+         }}});
   if (!options.error.empty()) return options;
   if (window_given && options.window_title.empty()) {
     options.error = "--share-window needs part of a window's title";

@@ -37,14 +37,17 @@ struct ShareOptions {
   std::optional<std::uint32_t> monitor;  // "--share-monitor": an index of the monitor list.
   std::vector<std::string> allow;        // "--allow", repeatable: VRChat user ids let in at once.
   bool admit_everyone = false;           // "--admit-everyone".
+  // "--quality WIDTHxHEIGHT@FPS": the size and rate a share is encoded at.
+  std::optional<std::uint32_t> width, height, fps;
   std::string error;                     // Set for a command line that cannot be followed.
 
   bool wants_share() const { return !window_title.empty() || monitor.has_value(); }
 };
 
 // Third scan, of the share options only. Unlike the other scans it rejects what it cannot follow
-// (a monitor that is not a number, an empty title, both kinds of target) in `error`: a share
-// asked for by a script must not quietly become another.
+// (a monitor that is not a number, an empty title, both kinds of target, a quality outside even
+// sizes of 160x90 to 3840x2160 at 1 to 60 frames a second) in `error`: a share asked for by a
+// script must not quietly become another.
 ShareOptions ScanShareOptions(Arguments arguments);
 
 // The update endpoint of a signal server: "https://" + host + "/latest" for a "wss://" URL with

@@ -172,5 +172,20 @@ TEST(ShareOptions, WhatCannotBeFollowedIsAnErrorNotAnotherShare) {
             "--share-window and --share-monitor cannot both be given: a share has one target");
 }
 
+TEST(ShareOptions, AQualityOfSizeAndRate) {
+  const auto options = ScanShareOptions(Args({"--quality", "1920x1080@30"}).span());
+  EXPECT_EQ(options.error, "");
+  EXPECT_EQ(options.width, 1920u);
+  EXPECT_EQ(options.height, 1080u);
+  EXPECT_EQ(options.fps, 30u);
+  EXPECT_FALSE(ScanShareOptions(Args({}).span()).width.has_value());
+  for (const char* bad : {"1920x1080", "1921x1080@30", "1920x1080@0", "1920x1080@61", "100x100@30",
+                          "8000x1080@30", "1920x1080@30fps", "big"}) {
+    EXPECT_NE(ScanShareOptions(Args({"--quality", bad}).span()).error.find("--quality takes WIDTHxHEIGHT@FPS"),
+              std::string::npos)
+        << bad;
+  }
+}
+
 }  // namespace
 }  // namespace mirell::ui

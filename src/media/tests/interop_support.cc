@@ -177,7 +177,10 @@ std::vector<Framemd5Line> ParseFramemd5(const std::string& text) {
 
 Bytes ReadBytes(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  std::stringstream contents;
+  contents << file.rdbuf();
+  const std::string text = contents.str();
+  return Bytes(text.begin(), text.end());
 }
 
 void WriteBytes(const std::filesystem::path& path, const Bytes& bytes) {
