@@ -8,10 +8,12 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "fake_audio_capturer.h"
 #include "fake_signal_server.h"
+#include "mirell/base/logging.h"
 #include "mirell/daemon/media_stream.h"
 #include "mirell/daemon/stream_registry.h"
 #include "mirell/session/sharing.h"
@@ -399,6 +401,8 @@ TEST_F(SharingTest, ARetargetThatOpensSoundAt44100KeepsTheAdvertisedDescription)
   };
   auto config = SmallConfig();
   config.signal_url = signal_.url();
+  const auto log = dir_.path() / "sharing.log";
+  ASSERT_TRUE(SetLogFile(log));
   Sharing sharing(registry_, config, factories);
   sharing.Start(WindowTarget(*window, "window"));
   const auto stream = registry_.Find(sharing.token());
@@ -410,6 +414,31 @@ TEST_F(SharingTest, ARetargetThatOpensSoundAt44100KeepsTheAdvertisedDescription)
   EXPECT_TRUE(sharing.audio_open()) << "the new sound replaces the old, whatever viewers were told";
   EXPECT_TRUE(sharing.audio_whole_mix());
   EXPECT_EQ(*stream->Audio(), advertised);
+  EXPECT_NE(testsupport::ReadFileText(log).find(
+                "retarget audio=44100/2 advertised=48000/2 mismatch, keeping advertised"),
+            std::string::npos);
+}
+
+TEST_F(SharingTest, WhenSoundCannotBeOpenedTheShareGoesOnWithoutIt) {
+  auto window = OpenWindow("Mute", "FF0000");
+  CaptureFactories factories;
+  factories.process_sound = [](std::uint32_t, const capture::AudioFormat&) -> std::unique_ptr<capture::IAudioCapturer> {
+    throw std::runtime_error("no sound server here");
+  };
+  const auto log = dir_.path() / "sharing.log";
+  ASSERT_TRUE(SetLogFile(log));
+  auto config = SmallConfig();
+  config.signal_url = signal_.url();
+  Sharing sharing(registry_, config, factories);
+  sharing.Start(WindowTarget(*window, "mute"));
+  EXPECT_TRUE(sharing.active());
+  EXPECT_FALSE(sharing.audio_open());
+  EXPECT_FALSE(registry_.Find(sharing.token())->Audio().has_value());
+  EXPECT_TRUE(KeyframeFlows(sharing.token()));
+  EXPECT_NE(testsupport::ReadFileText(log).find("audio unavailable: no sound server here"), std::string::npos);
+  const auto host = NextHost();
+  ASSERT_TRUE(host.has_value());
+  EXPECT_EQ(host->at("media").at("sampleRate"), 0);
 }
 
 TEST_F(SharingTest, TheAllowlistAndPendingHandlerReachTheRunningDoor) {

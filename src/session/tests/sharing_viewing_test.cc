@@ -251,5 +251,28 @@ TEST_F(SharingToAViewer, ARevokedLinkDropsItsViewersAndNoLongerLeadsToTheShare) 
   late->Stop();
 }
 
+TEST_F(SharingToAViewer, WithoutASignalServerTheShareStillPlaysOnThisMachine) {
+  auto window = OpenWindow("Local Window", "0000FF");
+  Sharing::Config config;
+  config.width = 640;
+  config.height = 360;
+  config.audio_enabled = false;
+  Sharing local(host_registry_, config);
+  local.Start(WindowTarget(*window, "local"));
+  EXPECT_EQ(local.viewer_count(), 0u);
+  daemon::RtspServer host_rtsp(
+      [this](const std::string& path) { return host_registry_.Find(daemon::TokenFromPath(path)); });
+  host_rtsp.Start(0);
+  const auto result = testsupport::RunProcess(
+      {"ffmpeg", "-hide_banner", "-nostdin", "-rtsp_transport", "tcp", "-i",
+       "rtsp://127.0.0.1:" + std::to_string(host_rtsp.port()) + "/s/" + local.token(), "-t", "2", "-an", "-vf",
+       "crop=8:8:iw/2-4:ih/2-4,scale=1:1:flags=area,format=rgb24,showinfo", "-f", "rawvideo",
+       (dir_.path() / "centre.rgb").string()});
+  host_rtsp.Stop();
+  const std::vector<Picture> pictures = Pictures(result.err);
+  ASSERT_GT(pictures.size(), 40u) << result.err;
+  EXPECT_TRUE(pictures.back().blue());
+}
+
 }  // namespace
 }  // namespace mirell::session
