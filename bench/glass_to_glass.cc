@@ -44,15 +44,6 @@ struct Figures {
   bool ok = false;
 };
 
-bool PortOpen(std::uint16_t port) {
-  try {
-    mirell::testsupport::TcpClient probe(port);
-    return true;
-  } catch (const std::runtime_error&) {
-    return false;
-  }
-}
-
 // Each player hands over every picture as it is decoded: no frame-rate conversion, no output
 // buffering (a picture's last bytes would otherwise wait for the next one).
 std::string PlayerCommand(const std::string& player, const std::string& url, bool has_audio) {
@@ -128,7 +119,10 @@ int main() {
       return 0;
     }
   }
+  // Room around the 1280x720 window: ximagesrc reads only what is on screen, title bar aside.
   mirell::testsupport::XvfbOptions display_options;
+  display_options.width = 1920;
+  display_options.height = 1080;
   display_options.window_manager = true;
   mirell::testsupport::XvfbDisplay display(display_options);
   mirell::capture::PulseServer pulse;
@@ -150,7 +144,7 @@ int main() {
   {
     const std::uint16_t signal_port = mirell::testsupport::FreeLoopbackPort();
     ChildProcess signal({MIRELL_SIGNAL_BINARY, "--listen", fmt::format("127.0.0.1:{}", signal_port)});
-    Eventually([&] { return PortOpen(signal_port); });
+    Eventually([&] { return mirell::testsupport::LoopbackPortAccepts(signal_port); });
     const std::string signal_url = fmt::format("ws://127.0.0.1:{}/signal", signal_port);
     const std::uint16_t host_rtsp = mirell::testsupport::FreeLoopbackPort();
     auto host = StartUi(dir.path(), "host",
@@ -164,7 +158,7 @@ int main() {
                            fmt::format("127.0.0.1:{}", viewer_pipe)});
     std::string link;
     Eventually([&] { return !(link = FirstLine(dir.path() / "host.out")).empty(); }, 60s);
-    if (link.empty() || !Eventually([&] { return PortOpen(viewer_pipe); }, 60s)) {
+    if (link.empty() || !Eventually([&] { return mirell::testsupport::LoopbackPortAccepts(viewer_pipe); }, 60s)) {
       std::printf("glass to glass: mirell-ui did not start\n%s\n",
                   mirell::testsupport::ReadFileText(dir.path() / "host.err").c_str());
       return 1;
@@ -193,7 +187,7 @@ int main() {
     // Debian's interpreter, where GStreamer's Python bindings are installed.
     ChildProcess reference({"/usr/bin/python3", std::string(MIRELL_BENCH_SOURCE_DIR) + "/reference_rtsp_server.py",
                             std::to_string(port), "--x11-window", xid, "1280", "720", "30", "6000"});
-    if (!Eventually([&] { return PortOpen(port); }, 30s)) {
+    if (!Eventually([&] { return mirell::testsupport::LoopbackPortAccepts(port); }, 30s)) {
       std::printf("glass to glass: the reference server did not start\n");
       return 1;
     }

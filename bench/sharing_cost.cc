@@ -63,15 +63,6 @@ class Viewer {
   std::unique_ptr<mirell::transport::SignalClient> signal_;
 };
 
-bool PortOpen(std::uint16_t port) {
-  try {
-    mirell::testsupport::TcpClient probe(port);
-    return true;
-  } catch (const std::runtime_error&) {
-    return false;
-  }
-}
-
 // User and system CPU of a process, in seconds.
 double CpuSeconds(int pid) {
   const std::string text = mirell::testsupport::ReadFileText(fmt::format("/proc/{}/stat", pid));
@@ -167,7 +158,7 @@ int main() {
                        "--ready-file", ready.string()});
   const std::uint16_t signal_port = mirell::testsupport::FreeLoopbackPort();
   ChildProcess signal({MIRELL_SIGNAL_BINARY, "--listen", fmt::format("127.0.0.1:{}", signal_port)});
-  if (!Eventually([&] { return std::filesystem::exists(ready) && PortOpen(signal_port); }, 30s)) {
+  if (!Eventually([&] { return std::filesystem::exists(ready) && mirell::testsupport::LoopbackPortAccepts(signal_port); }, 30s)) {
     std::printf("sharing cost: the demo window or the signal server did not come up\n");
     return 1;
   }

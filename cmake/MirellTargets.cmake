@@ -48,13 +48,15 @@ function(mirell_library name)
   mirell_target_defaults(${name})
 endfunction()
 
-# mirell_test(<name> SOURCES ... [DEPS ...] [LABELS ...] [TIMEOUT seconds])
-# A GoogleTest executable whose tests CTest discovers one by one.
+# mirell_test(<name> SOURCES ... [DEPS ...] [LABELS ...] [TIMEOUT seconds] [SERIAL] [FILTER gtest-filter])
+# A GoogleTest executable whose tests CTest discovers one by one. SERIAL runs each of them with
+# no other test beside it: for tests of real-time behaviour that a loaded machine would distort.
+# FILTER keeps only the tests that match (two targets can so split one source's tests).
 function(mirell_test name)
   if(NOT MIRELL_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "SERIAL" "TIMEOUT;FILTER" "SOURCES;DEPS;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
@@ -63,9 +65,19 @@ function(mirell_test name)
   mirell_target_defaults(${name})
   set(properties TIMEOUT ${ARG_TIMEOUT})
   if(ARG_LABELS)
-    list(APPEND properties LABELS "${ARG_LABELS}")
+    # One label, the names joined by commas: test discovery splits a list apart and would read
+    # a second name as a property's. "ctest -L x11" matches it all the same (-L is a regex).
+    string(REPLACE ";" "," labels "${ARG_LABELS}")
+    list(APPEND properties LABELS "${labels}")
   endif()
-  gtest_discover_tests(${name} PROPERTIES ${properties} DISCOVERY_TIMEOUT 60)
+  if(ARG_SERIAL)
+    list(APPEND properties RUN_SERIAL TRUE)
+  endif()
+  set(filter)
+  if(ARG_FILTER)
+    set(filter TEST_FILTER "${ARG_FILTER}")
+  endif()
+  gtest_discover_tests(${name} ${filter} PROPERTIES ${properties} DISCOVERY_TIMEOUT 60)
 endfunction()
 
 # mirell_fuzzer(<name> DEPS ... [INCLUDE_PRIVATE_SOURCES])

@@ -66,14 +66,7 @@ class ViewingAcrossProcesses : public ::testing::Test {
     signal_port_ = testsupport::FreeLoopbackPort();
     signal_ = std::make_unique<ChildProcess>(std::vector<std::string>{
         MIRELL_SIGNAL_BINARY, "--listen", "127.0.0.1:" + std::to_string(signal_port_)});
-    ASSERT_TRUE(Eventually([&] {
-      try {
-        testsupport::TcpClient probe(signal_port_);
-        return true;
-      } catch (const std::runtime_error&) {
-        return false;
-      }
-    }));
+    ASSERT_TRUE(Eventually([&] { return testsupport::LoopbackPortAccepts(signal_port_); }));
     credentials_ = transport::GenerateShareCredentials();
     StartHost();
     StartViewer();

@@ -104,4 +104,13 @@ std::uint16_t FreeLoopbackPort() {
   return ntohs(address.sin_port);
 }
 
+bool LoopbackPortAccepts(std::uint16_t port) {
+  try {
+    TcpClient probe(port);
+    return true;
+  } catch (const std::runtime_error&) {
+    return false;
+  }
+}
+
 }  // namespace mirell::testsupport

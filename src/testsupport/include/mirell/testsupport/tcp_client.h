@@ -38,6 +38,9 @@ std::string ExchangeOnce(std::uint16_t port, std::string_view request,
 // The port of an endpoint "host:PORT"; 0 when there is none.
 std::uint16_t EndpointPort(std::string_view endpoint);
 
+// Whether something accepts connections on 127.0.0.1:port now (a server that has come up).
+bool LoopbackPortAccepts(std::uint16_t port);
+
 // A port on 127.0.0.1 that was free a moment ago (bound to 0, read back, released).
 std::uint16_t FreeLoopbackPort();
 
