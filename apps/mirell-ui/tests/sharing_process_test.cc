@@ -93,6 +93,9 @@ class SharingAcrossProcesses : public ::testing::Test {
     }
     auto window = std::make_unique<capture::TestWindow>(display_->name(), arguments);
     EXPECT_NE(window->id(), 0u) << "the test window did not come up";
+    if (hertz != 0) {
+      EXPECT_TRUE(capture::WaitUntilPlaying(window->pid())) << "the window's tone never played";
+    }
     return window;
   }
 

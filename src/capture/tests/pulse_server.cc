@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "mirell/capture/audio_capturer.h"
+#include "mirell/base/error.h"
 #include "mirell/testsupport/eventually.h"
 
 namespace mirell::capture {
@@ -49,6 +51,16 @@ TonePlayer::TonePlayer(const PulseServer& server, int hertz, int seconds) {
   testsupport::ProcessOptions options;
   options.environment["PULSE_SERVER"] = server.address();
   process_ = std::make_unique<testsupport::ChildProcess>(std::vector<std::string>{"paplay", file.string()}, options);
+}
+
+bool WaitUntilPlaying(int pid, std::chrono::milliseconds bound) {
+  return testsupport::Eventually([&] {
+    try {
+      return CreateProcessLoopbackCapturer(static_cast<std::uint32_t>(pid), {}) != nullptr;
+    } catch (const Error&) {
+      return false;
+    }
+  }, bound);
 }
 
 }  // namespace mirell::capture

@@ -5,6 +5,7 @@
 // server is used instead and none is started.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -42,5 +43,10 @@ class TonePlayer {
  private:
   std::unique_ptr<testsupport::ChildProcess> process_;
 };
+
+// Waits until the process `pid` (or one of its children) plays into the server: a sound capture
+// started before that falls back to the whole output, which tests of one application's sound
+// must not mistake for a fault. False when nothing played within `bound`.
+bool WaitUntilPlaying(int pid, std::chrono::milliseconds bound = std::chrono::seconds(10));
 
 }  // namespace mirell::capture

@@ -239,10 +239,8 @@ void Sharing::Retarget(const ShareTarget& target) {
     std::lock_guard lock(mutex_);
     if (!state_) return;
     State& state = *state_;
-    const std::uint64_t resume_frame = state.capture->next_frame();
     // A failure here leaves the share as it was.
     std::unique_ptr<CaptureSource> replacement = MakeCaptureSource(state, target);
-    replacement->SetResumeFrame(resume_frame);
 
     old_capture = std::move(state.capture);
     old_audio = std::move(state.audio);
@@ -252,6 +250,10 @@ void Sharing::Retarget(const ShareTarget& target) {
     state.whole_mix = target.whole_mix;
 
     old_capture->Stop();
+    // Read once the old source has stopped: it goes on encoding while the new one is made, and
+    // a frame number taken before would repeat its last frames' times (they would step back).
+    const std::uint64_t resume_frame = old_capture->next_frame();
+    state.capture->SetResumeFrame(resume_frame);
     if (old_audio) old_audio->Stop();
     OpenAudio(state, target);
     if (state.audio) state.audio->Start();

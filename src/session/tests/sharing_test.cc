@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "fake_audio_capturer.h"
 #include "fake_signal_server.h"
@@ -68,6 +70,7 @@ class SharingTest : public ::testing::Test {
     }
     auto window = std::make_unique<capture::TestWindow>(display_->name(), arguments);
     if (window->id() == 0) ADD_FAILURE() << "the test window did not come up";
+    if (hertz != 0 && !capture::WaitUntilPlaying(window->pid())) ADD_FAILURE() << "the window's tone never played";
     return window;
   }
 
@@ -352,6 +355,35 @@ TEST_F(SharingTest, RetargetFromAWindowToAMonitorMovesTheSoundToTheWholeMix) {
   EXPECT_GE(keyframes, 1);
   EXPECT_FALSE(reader->Closed());
   EXPECT_EQ(signal_.connections(), connections) << "no new registration";
+}
+
+// Making the new source takes time (a slow X server, a loaded machine) while the old one goes on
+// encoding: the new frame numbers must begin after the old source's last, not where it stood
+// when the retarget began.
+TEST_F(SharingTest, FrameTimesRiseStrictlyThoughTheNewSourceIsSlowToMake) {
+  auto first = OpenWindow("First", "FF0000");
+  auto second = OpenWindow("Second", "0000FF");
+  auto config = SmallConfig();
+  config.audio_enabled = false;
+  std::atomic<int> made{0};
+  CaptureFactories factories;
+  factories.picture = [&made](const capture::CaptureTarget& target) {
+    if (made++ > 0) std::this_thread::sleep_for(400ms);  // Six frame intervals at 15 fps.
+    return capture::CreateCapturer(target);
+  };
+  Sharing sharing(registry_, config, factories);
+  sharing.Start(WindowTarget(*first, "first"));
+  const auto reader = registry_.Find(sharing.token())->frames().Subscribe(256, 0);
+  ASSERT_TRUE(KeyframeFlows(sharing.token()));
+
+  sharing.Retarget(WindowTarget(*second, "second"));
+  std::int64_t last_pts = INT64_MIN;
+  for (int i = 0; i < 30; ++i) {
+    const auto unit = reader->Pop(1000);
+    ASSERT_NE(unit, nullptr);
+    EXPECT_GT(unit->pts_100ns, last_pts) << "unit " << i;
+    last_pts = unit->pts_100ns;
+  }
 }
 
 TEST_F(SharingTest, RetargetToATargetThatCannotBeOpenedLeavesTheShareAsItWas) {
