@@ -52,6 +52,8 @@ DaemonHost::~DaemonHost() { Stop(); }
 
 void DaemonHost::Start() {
   if (started_) return;
+  // Before anything can resolve, so that a link resolved in the first moments carries the account.
+  RefreshIdentity();
   // Set first, so that Stop cleans up after a start that fails half-way.
   started_ = true;
   // The WebRTC stack's set-up and certificate now rather than in the first resolve, which must
@@ -112,7 +114,14 @@ daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
           fmt::format("rtspt://127.0.0.1:{}/s/{}", rtsp_bound_port_.load(), token), {}};
 }
 
+void DaemonHost::RefreshIdentity() {
+  if (!identity_.Poll()) return;
+  daemon::VRChatIdentity identity = identity_.Identity();
+  viewing_.SetIdentity({std::move(identity.user_id), std::move(identity.display_name)});
+}
+
 void DaemonHost::Poll() {
+  RefreshIdentity();
   sharing_.Poll();
   viewing_.Poll();
   if (sharing_.active() && !sharing_.capture_running()) {

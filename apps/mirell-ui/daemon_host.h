@@ -16,6 +16,7 @@
 #include "mirell/daemon/rtsp_server.h"
 #include "mirell/daemon/stub_installer.h"
 #include "mirell/daemon/stream_registry.h"
+#include "mirell/daemon/vrchat_identity.h"
 #include "mirell/session/sharing.h"
 #include "mirell/session/viewing.h"
 #include "mirell/transport/peer_config.h"
@@ -39,8 +40,9 @@ class DaemonHost {
   // start (its marker stays).
   void Stop();
 
-  // One heartbeat, from the interface thread's timer: ends a share whose time is up or whose
-  // capture has ended (a closed window), and drops the watches that have ended.
+  // One heartbeat, from the interface thread's timer: reads VRChat's log for the account the
+  // watches claim, ends a share whose time is up or whose capture has ended (a closed window),
+  // and drops the watches that have ended.
   void Poll();
   // Stored, and used by the shares and watches made from now on; those that exist keep what
   // they have.
@@ -62,6 +64,7 @@ class DaemonHost {
   daemon::StreamRegistry& registry() { return registry_; }
   session::Sharing& sharing() { return sharing_; }
   session::Viewing& viewing() { return viewing_; }
+  const daemon::VRChatIdentityWatcher& identity() const { return identity_; }
   // The resolve endpoint as bound; empty when not started.
   std::string resolve_endpoint() const;
   // The RTSP server's port; 0 when not started.
@@ -78,9 +81,13 @@ class DaemonHost {
   std::optional<daemon::RtspServer> rtsp_;
   std::optional<daemon::ResolveService> resolve_;
   std::optional<daemon::StubInstaller> stub_;
+  daemon::VRChatIdentityWatcher identity_;  // VRChat's own log folder.
   // Read by the resolver on the resolve service's thread.
   std::atomic<std::uint16_t> rtsp_bound_port_{0};
   bool started_ = false;
+
+  // Hands a newly seen VRChat account to the watches, for the joins made from now on.
+  void RefreshIdentity();
 };
 
 }  // namespace mirell::ui

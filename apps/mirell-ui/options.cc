@@ -6,6 +6,8 @@
 #include <vector>
 #include <string_view>
 
+#include "mirell/daemon/vrchat_identity.h"
+
 namespace mirell::ui {
 namespace {
 
@@ -80,7 +82,12 @@ ShareOptions ScanShareOptions(Arguments arguments) {
            options.monitor = static_cast<std::uint32_t>(std::stoul(text));
          }},
         {"--allow", true, [&](const char* value) {
-           if (*value != '\0') options.allow.emplace_back(value);
+           if (!daemon::IsVRChatUserId(value)) {
+             options.error = std::string("--allow takes a VRChat user id (\"usr_\" and 36 more characters, or an "
+                                         "older id of 6 to 20 letters and digits), not \"") + value + "\"";
+             return;
+           }
+           options.allow.emplace_back(value);
          }},
         {"--admit-everyone", false, [&](const char*) { options.admit_everyone = true; }},
         {"--quality", true, [&](const char* value) {

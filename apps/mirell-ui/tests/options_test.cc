@@ -7,6 +7,8 @@
 namespace mirell::ui {
 namespace {
 
+constexpr const char* kFriend = "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413";
+
 // Holds argument texts for a scan.
 struct Args {
   explicit Args(std::vector<const char*> list) : values(std::move(list)) {}
@@ -144,11 +146,11 @@ TEST(ShareOptions, NothingAskedForMeansNoShareAndNoError) {
 
 TEST(ShareOptions, AWindowByPartOfItsTitleWithEveryAllowedUser) {
   const auto options = ScanShareOptions(
-      Args({"--allow", "usr_a", "--share-window", "Demo", "--allow", "usr_b", "--admit-everyone"}).span());
+      Args({"--allow", kFriend, "--share-window", "Demo", "--allow", "4KxR2TmqZa", "--admit-everyone"}).span());
   EXPECT_TRUE(options.wants_share());
   EXPECT_EQ(options.window_title, "Demo");
   EXPECT_FALSE(options.monitor.has_value());
-  EXPECT_EQ(options.allow, (std::vector<std::string>{"usr_a", "usr_b"}));
+  EXPECT_EQ(options.allow, (std::vector<std::string>{kFriend, "4KxR2TmqZa"}));
   EXPECT_TRUE(options.admit_everyone);
   EXPECT_EQ(options.error, "");
 }
@@ -170,6 +172,10 @@ TEST(ShareOptions, WhatCannotBeFollowedIsAnErrorNotAnotherShare) {
             "--share-window needs part of a window's title");
   EXPECT_EQ(ScanShareOptions(Args({"--share-window", "Demo", "--share-monitor", "0"}).span()).error,
             "--share-window and --share-monitor cannot both be given: a share has one target");
+  EXPECT_EQ(ScanShareOptions(Args({"--share-window", "Demo", "--allow", "usr_friend"}).span()).error,
+            "--allow takes a VRChat user id (\"usr_\" and 36 more characters, or an older id of 6 to 20 letters "
+            "and digits), not \"usr_friend\"");
+  EXPECT_NE(ScanShareOptions(Args({"--allow", ""}).span()).error, "");
 }
 
 TEST(ShareOptions, AQualityOfSizeAndRate) {

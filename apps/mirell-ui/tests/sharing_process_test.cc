@@ -292,15 +292,19 @@ class Joiner {
 
 std::string TokenOf(const std::string& link) { return link.substr(link.rfind('/') + 1); }
 
+constexpr const char* kFriend = "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413";
+constexpr const char* kStranger = "usr_0a1b2c3d-4e5f-6789-abcd-ef0123456789";
+
 TEST_F(SharingAcrossProcesses, AnAllowedIdentityGetsInAtOnceAndAnotherWaitsLogged) {
   StartDisplay(1280, 720);
   auto window = OpenWindow({"--title", "Door", "--size", "320x180"}, 0);
-  const std::string link = StartHost({"--share-window", "Door", "--allow", "usr_friend"});
+  const std::string link = StartHost({"--share-window", "Door", "--allow", kFriend});
   ASSERT_TRUE(HostLogged("hosting")) << HostLog();
-  Joiner friend_viewer(SignalUrl(), TokenOf(link), "usr_friend");
-  Joiner stranger(SignalUrl(), TokenOf(link), "usr_stranger");
+  Joiner friend_viewer(SignalUrl(), TokenOf(link), kFriend);
+  Joiner stranger(SignalUrl(), TokenOf(link), kStranger);
   EXPECT_TRUE(Eventually([&] { return friend_viewer.offered(); }, 20s)) << HostLog();
-  EXPECT_TRUE(HostLogged("waits to be let in; says it is usr_stranger (Name of usr_stranger)")) << HostLog();
+  EXPECT_TRUE(HostLogged(std::string("waits to be let in; says it is ") + kStranger + " (Name of " + kStranger + ")"))
+      << HostLog();
   std::this_thread::sleep_for(1s);
   EXPECT_FALSE(stranger.offered());
 }
@@ -310,10 +314,35 @@ TEST_F(SharingAcrossProcesses, WithoutAdmissionOptionsEveryViewerWaits) {
   auto window = OpenWindow({"--title", "Closed Door", "--size", "320x180"}, 0);
   const std::string link = StartHost({"--share-window", "Closed Door"});
   ASSERT_TRUE(HostLogged("hosting")) << HostLog();
-  Joiner someone(SignalUrl(), TokenOf(link), "usr_friend");
-  EXPECT_TRUE(HostLogged("waits to be let in; says it is usr_friend")) << HostLog();
+  Joiner someone(SignalUrl(), TokenOf(link), kFriend);
+  EXPECT_TRUE(HostLogged(std::string("waits to be let in; says it is ") + kFriend)) << HostLog();
   std::this_thread::sleep_for(1s);
   EXPECT_FALSE(someone.offered());
+}
+
+// The viewer's mirell-ui reads the account from VRChat's log in its Proton prefix, follows a new
+// log when VRChat starts again, and its watch's join claims the account to the host.
+TEST_F(SharingAcrossProcesses, AViewersJoinClaimsTheVRChatAccountOfItsLog) {
+  StartDisplay(1280, 720);
+  const auto vrchat = home_.path() /
+                      ".local/share/Steam/steamapps/compatdata/438100/pfx/drive_c/users/steamuser/AppData/"
+                      "LocalLow/VRChat/VRChat";
+  std::filesystem::create_directories(vrchat);
+  const auto first_log = vrchat / "output_log_2026-11-24_10-00-00.txt";
+  std::ofstream(first_log) << "2026.11.24 10:00:01 Log        -  User Authenticated: Ann (Fan) (" << kFriend << ")\n";
+  auto window = OpenWindow({"--title", "Claims", "--size", "320x180"}, 0);
+  const std::string link = StartHost({"--share-window", "Claims"});
+  ASSERT_TRUE(HostLogged("hosting")) << HostLog();
+  StartViewer();
+  ASSERT_TRUE(ui_.WaitForLog(viewer_.rtsp_port, viewer_.pipe, "account name=Ann (Fan)")) << ViewerLog();
+  Resolve(link);
+  EXPECT_TRUE(HostLogged(std::string("waits to be let in; says it is ") + kFriend + " (Ann (Fan))")) << HostLog();
+
+  // VRChat started again under another account: a newer log.
+  const auto second_log = vrchat / "output_log_2026-11-24_11-00-00.txt";
+  std::ofstream(second_log) << "2026.11.24 11:00:01 Log        -  User Authenticated: Bo (" << kStranger << ")\n";
+  std::filesystem::last_write_time(second_log, std::filesystem::last_write_time(first_log) + 1s);
+  EXPECT_TRUE(ui_.WaitForLog(viewer_.rtsp_port, viewer_.pipe, "account name=Bo", 10s)) << ViewerLog();
 }
 
 TEST_F(SharingAcrossProcesses, AShareThatCannotStartEndsTheProgramWithTheReason) {

@@ -1,17 +1,7 @@
-#include <algorithm>
-#include <cctype>
-
+#include "mirell/base/ascii.h"
 #include "mirell/capture/capture_targets.h"
 
 namespace mirell::capture {
-
-namespace {
-std::string AsciiLower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-}  // namespace
 
 std::uint32_t FindWindowByTitleIn(std::span<const CapturableWindow> windows, const std::string& text) {
   if (text.empty()) return 0;

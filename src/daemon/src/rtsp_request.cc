@@ -1,8 +1,8 @@
 #include "rtsp_request.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cstdlib>
+
+#include "mirell/base/ascii.h"
 
 namespace mirell::daemon {
 namespace {
@@ -40,9 +40,7 @@ RtspRequest ParseRtspRequest(std::string_view head) {
     if (header.empty()) break;
     const auto colon = header.find(':');
     if (colon == std::string_view::npos) continue;
-    std::string name(Trim(header.substr(0, colon)));
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const std::string name = AsciiLower(Trim(header.substr(0, colon)));
     const auto value = Trim(header.substr(colon + 1));
     if (name == "cseq") {
       request.cseq = AtoiOf(value);

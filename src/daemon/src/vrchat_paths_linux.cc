@@ -71,14 +71,47 @@ std::vector<std::filesystem::path> SteamLibraries() {
   return libraries;
 }
 
-std::filesystem::path DefaultToolsDirectory() {
+namespace {
+
+std::filesystem::path PrefixIn(const std::filesystem::path& library) {
+  return library / "steamapps" / "compatdata" / kVrchatAppId / "pfx";
+}
+
+std::filesystem::path VRChatDirectoryIn(const std::filesystem::path& library) {
+  return PrefixIn(library) / "drive_c" / "users" / "steamuser" / "AppData" / "LocalLow" / "VRChat" / "VRChat";
+}
+
+// The first library's path made by `place` that `exists` accepts.
+template <typename Place, typename Exists>
+std::filesystem::path FirstInLibraries(Place place, Exists exists) {
   for (const auto& library : SteamLibraries()) {
-    const auto tools = library / "steamapps" / "compatdata" / kVrchatAppId / "pfx" / "drive_c" /
-                       "users" / "steamuser" / "AppData" / "LocalLow" / "VRChat" / "VRChat" / "Tools";
+    const auto path = place(library);
     std::error_code ignored;
-    if (std::filesystem::is_directory(tools, ignored)) return tools;
+    if (exists(path, ignored)) return path;
   }
   return {};
+}
+
+bool IsDirectory(const std::filesystem::path& path, std::error_code& error) {
+  return std::filesystem::is_directory(path, error);
+}
+
+bool IsRegularFile(const std::filesystem::path& path, std::error_code& error) {
+  return std::filesystem::is_regular_file(path, error);
+}
+
+}  // namespace
+
+std::filesystem::path DefaultToolsDirectory() {
+  return FirstInLibraries([](const auto& library) { return VRChatDirectoryIn(library) / "Tools"; }, IsDirectory);
+}
+
+std::filesystem::path DefaultVRChatDirectory() {
+  return FirstInLibraries([](const auto& library) { return VRChatDirectoryIn(library); }, IsDirectory);
+}
+
+std::filesystem::path DefaultVRChatPreferencesFile() {
+  return FirstInLibraries([](const auto& library) { return PrefixIn(library) / "user.reg"; }, IsRegularFile);
 }
 
 }  // namespace mirell::daemon

@@ -93,5 +93,18 @@ TEST_F(VrchatPathsTest, TheDotSteamLinkAndTheRootItPointsToCountOnce) {
   EXPECT_EQ(SteamLibraries().size(), 1u);
 }
 
+TEST_F(VrchatPathsTest, VRChatsFolderAndPreferencesAreFoundInTheSamePrefix) {
+  EXPECT_TRUE(DefaultVRChatDirectory().empty());
+  EXPECT_TRUE(DefaultVRChatPreferencesFile().empty());
+  const auto library = home_.path() / ".local/share/Steam";
+  const auto tools = ToolsUnder(library);
+  fs::create_directories(tools);
+  EXPECT_EQ(DefaultVRChatDirectory(), tools.parent_path());
+  EXPECT_TRUE(DefaultVRChatPreferencesFile().empty()) << "no user.reg yet";
+  const auto registry = library / "steamapps/compatdata/438100/pfx/user.reg";
+  std::ofstream(registry) << "WINE REGISTRY Version 2\n";
+  EXPECT_EQ(DefaultVRChatPreferencesFile(), registry);
+}
+
 }  // namespace
 }  // namespace mirell::daemon

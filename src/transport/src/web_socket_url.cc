@@ -1,17 +1,14 @@
 #include "web_socket_url.h"
 
-#include <algorithm>
-#include <cctype>
 #include <charconv>
+
+#include "mirell/base/ascii.h"
 
 namespace mirell::transport {
 namespace {
 
 bool StartsWithNoCase(std::string_view text, std::string_view prefix) {
-  return text.size() >= prefix.size() &&
-         std::equal(prefix.begin(), prefix.end(), text.begin(), [](char wanted, char given) {
-           return std::tolower(static_cast<unsigned char>(given)) == wanted;
-         });
+  return text.size() >= prefix.size() && EqualsIgnoringAsciiCase(text.substr(0, prefix.size()), prefix);
 }
 
 bool ValidPort(std::string_view text) {

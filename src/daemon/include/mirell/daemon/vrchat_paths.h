@@ -11,6 +11,14 @@ namespace mirell::daemon {
 // VRChat's Tools directory (where its resolver yt-dlp.exe lives); empty when none is found.
 std::filesystem::path DefaultToolsDirectory();
 
+// VRChat's own folder, where it writes its logs (the Tools directory's parent); empty when none
+// is found.
+std::filesystem::path DefaultVRChatDirectory();
+
+// The file that holds VRChat's preferences: its registry, under Proton the prefix's user.reg
+// (Wine keeps the registry as text); empty when none is found.
+std::filesystem::path DefaultVRChatPreferencesFile();
+
 // The Steam libraries of this user: the Steam roots that exist, and every library listed in their
 // steamapps/libraryfolders.vdf, in that order, without repeats.
 std::vector<std::filesystem::path> SteamLibraries();
