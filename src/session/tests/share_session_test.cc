@@ -255,6 +255,18 @@ TEST_F(ShareSessionTest, ABadAnswerIsLoggedAndTheViewerStays) {
   EXPECT_EQ(session_.ViewerCount(), 1u);
 }
 
+// The session holds nothing back for a link that is still gathering (its offer not yet sent): the
+// answer goes to the link at once, which here refuses it, and that refusal is what shows it came.
+TEST_F(ShareSessionTest, AnAnswerThatComesWhileTheLinkStillGathersIsHandedToTheLink) {
+  session_.SetAdmissionRequired(false);
+  session_.Start();
+  signal_.Peer("c1", {});
+  ASSERT_FALSE(OfferSentTo("c1")) << "gathering takes far longer than this";
+  signal_.Answer("c1", "an answer before any offer");
+  EXPECT_NE(Log().find("peer=c1 SetRemoteDescription failed: "), std::string::npos) << Log();
+  EXPECT_EQ(session_.ViewerCount(), 1u);
+}
+
 TEST_F(ShareSessionTest, AnOfferThatCannotBeSentIsLogged) {
   signal_.set_send_result(false);
   session_.SetAdmissionRequired(false);
