@@ -6,10 +6,13 @@
 #include <QMessageBox>
 #include <QObject>
 #include <QString>
+#include <QMetaObject>
 #include <QTimer>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -17,6 +20,7 @@
 #include "command_line_share.h"
 #include "daemon_host.h"
 #include "instance_key.h"
+#include "main_window.h"
 #include "mirell/base/logging.h"
 #include "mirell/base/version.h"
 #include "mirell/daemon/winsock.h"
@@ -24,6 +28,7 @@
 #include "options.h"
 #include "quit_on_signal.h"
 #include "restore_mode.h"
+#include "single_instance.h"
 
 namespace {
 
@@ -35,6 +40,19 @@ mirell::ui::Arguments ArgumentsOf(int argc, char** argv) {
 bool HasScreenForMessages() {
   const QString platform = QGuiApplication::platformName();
   return platform != QLatin1String("offscreen") && platform != QLatin1String("minimal");
+}
+
+bool IsSet(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr && *value != '\0';
+}
+
+// With no display at all (a server, a container) Qt would abort looking for one; the program
+// still serves resolves and command-line shares there, without a window.
+bool RunWithoutDisplay() {
+  if (IsSet("DISPLAY") || IsSet("WAYLAND_DISPLAY") || IsSet("QT_QPA_PLATFORM")) return false;
+  qputenv("QT_QPA_PLATFORM", "offscreen");
+  return true;
 }
 
 }  // namespace
@@ -53,7 +71,10 @@ int main(int argc, char** argv) {
   const std::string key = InstanceKey(start.rtsp_port, start.pipe_name);
   const std::string default_key =
       InstanceKey(DaemonConfig{}.rtsp_port, DaemonConfig{}.pipe_name);
+  // Another instance with this key runs and has been asked to show itself.
+  if (!AcquireSingleInstance(key)) return 0;
 
+  const bool without_display = RunWithoutDisplay();
   QApplication application(argc, argv);
   QApplication::setApplicationName("Mirell");
   QApplication::setOrganizationName("Mirell");
@@ -63,6 +84,7 @@ int main(int argc, char** argv) {
   SetLogFile(std::filesystem::path(QCoreApplication::applicationDirPath().toStdString()) /
              LogFileName(key, default_key));
   LOG_INFO("mirell-ui {} starting, instance {}", kVersion, key);
+  if (without_display) LOG_INFO("no display: running without a window");
 
   daemon::WinsockRuntime winsock;
   encode::MediaRuntime media;
@@ -117,14 +139,31 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  // The heartbeat that ends expired or orphaned shares and drops ended watches. The main window
-  // takes it over once it exists.
+  // The window is the heartbeat that ends expired or orphaned shares and drops ended watches;
+  // where nobody can see a window, a timer of its own does that.
+  std::unique_ptr<MainWindow> window;
   QTimer poll_timer;
-  QObject::connect(&poll_timer, &QTimer::timeout, [&host] { host.Poll(); });
-  poll_timer.start(500);
+  if (HasScreenForMessages()) {
+    window = std::make_unique<MainWindow>(&host);
+    window->show();
+    InstallShowRequestFilter(window.get());
+    MainWindow* prompt_target = window.get();
+    // Called on a session thread: the prompt runs on the interface thread.
+    host.OnViewerPending([prompt_target](std::string connection_id,
+                                         transport::PeerIdentity identity) {
+      QMetaObject::invokeMethod(prompt_target, "PromptAdmission", Qt::QueuedConnection,
+                                Q_ARG(QString, QString::fromStdString(connection_id)),
+                                Q_ARG(QString, QString::fromStdString(identity.identity)),
+                                Q_ARG(QString, QString::fromStdString(identity.display_name)));
+    });
+  } else {
+    QObject::connect(&poll_timer, &QTimer::timeout, [&host] { host.Poll(); });
+    poll_timer.start(500);
+  }
 
   const int result = QApplication::exec();
   host.Stop();
+  window.reset();
   LOG_INFO("mirell-ui stopped ({})", result);
   return result;
 }

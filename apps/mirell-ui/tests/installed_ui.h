@@ -45,12 +45,17 @@ class InstalledUi {
   std::filesystem::path binary_;
 };
 
-// Headless, with a home of its own, so that no real VRChat installation is ever touched.
+// Headless, with a home of its own, so that no real VRChat installation is ever touched, and a
+// runtime directory of its own, so that the instance lock is the test's alone.
 inline testsupport::ProcessOptions Headless(const std::filesystem::path& home) {
   testsupport::ProcessOptions options;
   options.environment["QT_QPA_PLATFORM"] = "offscreen";
   options.environment["MIRELL_LOG"] = "debug";
   options.environment["HOME"] = home.string();
+  const std::filesystem::path runtime = home / ".run";
+  std::filesystem::create_directories(runtime);
+  std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
+  options.environment["XDG_RUNTIME_DIR"] = runtime.string();
   return options;
 }
 

@@ -160,6 +160,137 @@ TEST(UiSignalOption, LinksOfTheConfiguredHostResolveAndTheBuiltInOnesPass) {
   EXPECT_EQ(process.Wait(20s).exit_code, 0);
 }
 
+std::size_t CountOf(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
+TEST_F(UiProcess, ASecondStartWithTheSameOptionsExitsAtOnceAndLeavesTheLogAlone) {
+  const std::string log_before = ui_.Log(rtsp_port_, pipe_);
+  const auto second = testsupport::RunProcess(
+      {ui_.binary().string(), "--pipe", pipe_, "--rtsp-port", std::to_string(rtsp_port_)},
+      [&] {
+        auto options = Headless(home_.path());
+        options.timeout = 10s;
+        return options;
+      }());
+  EXPECT_FALSE(second.timed_out);
+  EXPECT_EQ(second.exit_code, 0) << second.err;
+  const std::string log_after = ui_.Log(rtsp_port_, pipe_);
+  EXPECT_EQ(CountOf(log_after, "starting, instance"), 1u) << log_after;
+  EXPECT_EQ(log_after.substr(0, log_before.size()), log_before);
+  EXPECT_TRUE(process_->Running());
+  EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://example.com/\n"), "PASS\n");
+}
+
+TEST_F(UiProcess, AnotherPortOrEndpointRunsBesideIt) {
+  const std::uint16_t other_rtsp = testsupport::FreeLoopbackPort();
+  const std::uint16_t other_pipe_port = testsupport::FreeLoopbackPort();
+  const std::string other_pipe = "127.0.0.1:" + std::to_string(other_pipe_port);
+  ChildProcess other({ui_.binary().string(), "--pipe", other_pipe, "--rtsp-port",
+                      std::to_string(other_rtsp)},
+                     Headless(home_.path()));
+  ASSERT_TRUE(ui_.WaitForLog(other_rtsp, other_pipe, "listening " + other_pipe))
+      << ui_.Log(other_rtsp, other_pipe);
+  EXPECT_EQ(ExchangeOnce(other_pipe_port, "RESOLVE https://example.com/\n"), "PASS\n");
+  EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://example.com/\n"), "PASS\n");
+  other.Signal(SIGTERM);
+  EXPECT_EQ(other.Wait(20s).exit_code, 0);
+}
+
+TEST_F(UiProcess, AKilledInstanceLeavesNoLockBehind) {
+  process_->Signal(SIGKILL);
+  process_->Wait(10s);
+  ui_.ForgetLog(rtsp_port_, pipe_);
+  ChildProcess again({ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+                      std::to_string(rtsp_port_)},
+                     Headless(home_.path()));
+  EXPECT_TRUE(ui_.WaitForLog(rtsp_port_, pipe_, "listening " + pipe_)) << ui_.Log(rtsp_port_, pipe_);
+  again.Signal(SIGTERM);
+  EXPECT_EQ(again.Wait(20s).exit_code, 0);
+}
+
+// Started where there is no display at all (a server): no window, and everything else as usual.
+TEST(UiNoDisplay, StartsWithoutAWindowAndServesResolves) {
+  InstalledUi ui;
+  testsupport::TempDir home;
+  const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
+  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
+  testsupport::ProcessOptions options = Headless(home.path());
+  options.environment["QT_QPA_PLATFORM"] = std::nullopt;
+  options.environment["DISPLAY"] = std::nullopt;
+  options.environment["WAYLAND_DISPLAY"] = std::nullopt;
+  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port",
+                        std::to_string(rtsp_port)},
+                       options);
+  ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "listening " + pipe)) << ui.Log(rtsp_port, pipe);
+  EXPECT_NE(ui.Log(rtsp_port, pipe).find("no display: running without a window"), std::string::npos)
+      << ui.Log(rtsp_port, pipe);
+  EXPECT_EQ(ExchangeOnce(pipe_port, "RESOLVE https://example.com/\n"), "PASS\n");
+  process.Signal(SIGTERM);
+  const auto result = process.Wait(20s);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+}
+
+// The visible window of an X session. Empty when none is shown.
+std::string VisibleWindowNamed(const std::string& display, const std::string& title) {
+  testsupport::ProcessOptions options;
+  options.environment["DISPLAY"] = display;
+  options.timeout = 5s;
+  return testsupport::RunProcess({"xdotool", "search", "--onlyvisible", "--name", title}, options)
+      .out;
+}
+
+bool WaitForVisibility(const std::string& display, const std::string& title, bool visible) {
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (VisibleWindowNamed(display, title).empty() != visible) return true;
+    std::this_thread::sleep_for(100ms);
+  }
+  return false;
+}
+
+TEST(UiSingleInstance, ASecondStartShowsTheHiddenWindowOfTheFirst) {
+  testsupport::XvfbOptions xvfb;
+  xvfb.window_manager = true;
+  testsupport::XvfbDisplay display(xvfb);
+  if (!display.available() || !testsupport::HaveProgram("xdotool")) {
+    GTEST_SKIP() << "needs Xvfb, openbox and xdotool (scripts/install-deps installs them)";
+  }
+  InstalledUi ui;
+  testsupport::TempDir home;
+  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(testsupport::FreeLoopbackPort());
+  testsupport::ProcessOptions options = Headless(home.path());
+  options.environment["QT_QPA_PLATFORM"] = "xcb";
+  options.environment["DISPLAY"] = display.name();
+  const std::vector<std::string> command{ui.binary().string(), "--pipe", pipe, "--rtsp-port",
+                                         std::to_string(rtsp_port), "--no-stub"};
+  ChildProcess first(command, options);
+  ASSERT_TRUE(WaitForVisibility(display.name(), "^Mirell$", true)) << ui.Log(rtsp_port, pipe);
+
+  // Closed by the window manager, as a person would: with no tray to come back from, the
+  // window goes and the process lives on.
+  const std::string window = VisibleWindowNamed(display.name(), "^Mirell$");
+  testsupport::ProcessOptions x = options;
+  x.timeout = 5s;
+  testsupport::RunProcess({"xdotool", "windowactivate", "--sync", window.substr(0, window.find('\n')),
+                           "key", "--clearmodifiers", "alt+F4"},
+                          x);
+  ASSERT_TRUE(WaitForVisibility(display.name(), "^Mirell$", false));
+  EXPECT_TRUE(first.Running());
+
+  options.timeout = 10s;
+  const auto second = testsupport::RunProcess(command, options);
+  EXPECT_EQ(second.exit_code, 0) << second.err;
+  EXPECT_TRUE(WaitForVisibility(display.name(), "^Mirell$", true))
+      << "the second start brings the first one's window back";
+  first.Signal(SIGTERM);
+  EXPECT_EQ(first.Wait(20s).exit_code, 0);
+}
+
 // "--rtsp-port 0" binds any free port; the resolver answers the port bound, not 0.
 TEST(UiRtspPort, PortZeroIsAnsweredWithThePortBound) {
   testsupport::TempDir home;

@@ -1,0 +1,85 @@
+// The one window of the program and its heartbeat: a 500 ms timer drives DaemonHost::Poll and
+// redraws everything from what the services report. There is no model and no signal from the
+// services; the window asks and shows. Closing the window only hides it while a tray icon is
+// there; the tray's menu quits. Interface thread only.
+#pragma once
+
+#include <QMainWindow>
+#include <QString>
+#include <cstdint>
+
+#include "mirell/daemon/vrchat_settings.h"
+
+class QCloseEvent;
+class QLabel;
+class QLineEdit;
+class QPushButton;
+class QSystemTrayIcon;
+class QTableWidget;
+class QTimer;
+
+namespace mirell::ui {
+
+class DaemonHost;
+
+class MainWindow : public QMainWindow {
+  Q_OBJECT
+
+ public:
+  MainWindow(DaemonHost* host, QWidget* parent = nullptr);
+  ~MainWindow() override;
+
+  // The admission prompt for one viewer; reached as a queued call from a session thread's
+  // callback.
+  Q_INVOKABLE void PromptAdmission(QString connection_id, QString user_id, QString display_name);
+
+  QSystemTrayIcon* tray() const { return tray_; }
+
+ protected:
+  void closeEvent(QCloseEvent* event) override;
+
+ private slots:
+  void PickAndShare();
+  void StopSharing();
+  void CopyShareUrl();
+  void NewLink();
+  void RemoveViewer();
+  void ExtendShare();
+  void ViewerSelectionChanged();
+  void Refresh();
+
+ private:
+  void BuildLayout();
+  void BuildTray();
+  void CheckUntrustedUrls();
+  void RefreshShare();
+  void RefreshIdentity();
+  void ShowFromTray();
+
+  DaemonHost* host_;
+  QLabel* untrusted_banner_ = nullptr;
+  QLabel* status_label_ = nullptr;
+  QLabel* sound_label_ = nullptr;
+  QLineEdit* link_edit_ = nullptr;
+  QPushButton* copy_button_ = nullptr;
+  QPushButton* new_link_button_ = nullptr;
+  QLabel* time_left_label_ = nullptr;
+  QPushButton* extend_button_ = nullptr;
+  QTableWidget* viewers_table_ = nullptr;
+  QPushButton* remove_button_ = nullptr;
+  QLabel* watching_label_ = nullptr;
+  QLabel* identity_label_ = nullptr;
+  QPushButton* share_button_ = nullptr;
+  QPushButton* stop_button_ = nullptr;
+  QPushButton* network_button_ = nullptr;
+  QPushButton* quality_button_ = nullptr;
+  QPushButton* allowlist_button_ = nullptr;
+  QSystemTrayIcon* tray_ = nullptr;
+  QTimer* timer_ = nullptr;
+  bool close_hint_shown_ = false;
+  bool limit_notified_ = false;
+  std::int32_t untrusted_countdown_ = 0;
+  daemon::UntrustedUrls untrusted_state_ = daemon::UntrustedUrls::kUnknown;
+};
+
+}  // namespace mirell::ui

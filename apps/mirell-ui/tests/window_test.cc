@@ -1,0 +1,292 @@
+// The main window's pieces in-process: texts, the viewers table, the admission prompt, the
+// window without a share, and the picker with nothing to pick.
+#include <gtest/gtest.h>
+
+#include <QAbstractButton>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTableWidget>
+#include <QTimer>
+#include <fstream>
+#include <functional>
+
+#include "admission_prompt.h"
+#include "daemon_host.h"
+#include "main_window.h"
+#include "mirell/testsupport/subprocess.h"
+#include "picker_dialog.h"
+#include "qt_test_application.h"
+#include "viewers_table.h"
+#include "window_texts.h"
+
+namespace mirell::ui {
+namespace {
+
+session::ViewerInfo Viewer(std::string id, std::string identity = {}, std::string name = {}) {
+  session::ViewerInfo viewer;
+  viewer.connection_id = std::move(id);
+  viewer.identity = std::move(identity);
+  viewer.display_name = std::move(name);
+  return viewer;
+}
+
+
+
+// Runs `action` on the modal widget that `exec` opens next, from inside its event loop.
+void WhenModalOpens(std::function<void(QWidget&)> action) {
+  auto* poll = new QTimer;
+  QObject::connect(poll, &QTimer::timeout, [poll, action] {
+    if (QWidget* modal = QApplication::activeModalWidget()) {
+      poll->stop();
+      poll->deleteLater();
+      action(*modal);
+    }
+  });
+  poll->start(10);
+}
+
+TEST(WindowTexts, DurationsRollOverAtAMinuteAndAnHour) {
+  TestApplication();
+  EXPECT_EQ(DurationText(0), "0s");
+  EXPECT_EQ(DurationText(59), "59s");
+  EXPECT_EQ(DurationText(60), "1m 0s");
+  EXPECT_EQ(DurationText(3599), "59m 59s");
+  EXPECT_EQ(DurationText(3600), "1h 00m");
+  EXPECT_EQ(DurationText(3600 * 5 + 7 * 60 + 59), "5h 07m");
+}
+
+TEST(WindowTexts, RatesInKbpsThenMbpsWithOneDecimal) {
+  TestApplication();
+  EXPECT_EQ(RateText(0), "-");
+  EXPECT_EQ(RateText(1), "1 kbps");
+  EXPECT_EQ(RateText(999), "999 kbps");
+  EXPECT_EQ(RateText(1000), "1.0 Mbps");
+  EXPECT_EQ(RateText(6250), "6.3 Mbps");
+}
+
+TEST(WindowTexts, PeerStatesInWords) {
+  TestApplication();
+  EXPECT_EQ(PeerStateText(transport::PeerState::kConnecting), "connecting");
+  EXPECT_EQ(PeerStateText(transport::PeerState::kConnected), "watching");
+  EXPECT_EQ(PeerStateText(transport::PeerState::kFailed), "failed");
+  EXPECT_EQ(PeerStateText(transport::PeerState::kClosed), "closed");
+  EXPECT_EQ(PeerStateText(static_cast<transport::PeerState>(9)), "unknown");
+}
+
+TEST(WindowTexts, ANamedViewerOnTheListSaysSoAndQuotesTheUserIdNotTheName) {
+  TestApplication();
+  session::ViewerInfo viewer = Viewer("c1", "usr_0123", "Ann");
+  viewer.allowlisted = true;
+  const ViewerCell cell = ViewerCellFor(viewer);
+  EXPECT_EQ(cell.text, "Ann");
+  EXPECT_EQ(cell.tool_tip,
+            "Says they're usr_0123 in VRChat. Mirell can't check that.\nConnection id: c1\n"
+            "On your list, so let in automatically.");
+  viewer.allowlisted = false;
+  EXPECT_EQ(ViewerCellFor(viewer).tool_tip,
+            "Says they're usr_0123 in VRChat. Mirell can't check that.\nConnection id: c1");
+}
+
+TEST(WindowTexts, AViewerWithOnlyAnIdOrNothingAtAll) {
+  TestApplication();
+  const ViewerCell id_only = ViewerCellFor(Viewer("c2", "usr_9"));
+  EXPECT_EQ(id_only.text, "usr_9");
+  EXPECT_EQ(id_only.tool_tip, "A VRChat user id they gave. Mirell can't check it.\nConnection id: c2");
+  const ViewerCell nobody = ViewerCellFor(Viewer("c3"));
+  EXPECT_EQ(nobody.text, "c3");
+  EXPECT_EQ(nobody.tool_tip,
+            "They didn't say who they are. This is the id the signal server gave them.");
+}
+
+TEST(ViewersTable, RowsAreKeyedByConnectionAndUpdatedInPlace) {
+  TestApplication();
+  QTableWidget table;
+  SetUpViewersTable(table);
+  ASSERT_EQ(table.columnCount(), 4);
+  EXPECT_EQ(table.horizontalHeaderItem(1)->text(), "Watching for");
+  EXPECT_EQ(table.horizontalHeaderItem(2)->toolTip(),
+            "Video sent to this viewer, averaged over a few seconds. Your actual usage is about "
+            "3% higher.");
+
+  session::ViewerInfo a = Viewer("a", "usr_a", "Ann");
+  session::ViewerInfo b = Viewer("b");
+  a.seconds = 61;
+  a.uplink_kbps = 2500;
+  a.state = transport::PeerState::kConnected;
+  UpdateViewersTable(table, {a, b});
+  ASSERT_EQ(table.rowCount(), 2);
+  table.selectRow(1);
+  ASSERT_EQ(SelectedConnectionId(table), "b");
+
+  a.seconds = 62;
+  UpdateViewersTable(table, {b, a});  // Another order: rows stay where they are.
+  ASSERT_EQ(table.rowCount(), 2);
+  EXPECT_EQ(table.item(0, 0)->text(), "Ann");
+  EXPECT_EQ(table.item(0, 1)->text(), "1m 2s");
+  EXPECT_EQ(table.item(0, 2)->text(), "2.5 Mbps");
+  EXPECT_EQ(table.item(0, 3)->text(), "watching");
+  EXPECT_EQ(table.item(1, 2)->text(), "-");
+  EXPECT_EQ(SelectedConnectionId(table), "b") << "the selection survives a refresh";
+}
+
+TEST(ViewersTable, AViewerThatLeavesWhileSelectedTakesTheSelectionWithIt) {
+  TestApplication();
+  QTableWidget table;
+  SetUpViewersTable(table);
+  UpdateViewersTable(table, {Viewer("a"), Viewer("b"), Viewer("c")});
+  table.selectRow(1);
+  ASSERT_EQ(SelectedConnectionId(table), "b");
+  UpdateViewersTable(table, {Viewer("a"), Viewer("c")});
+  ASSERT_EQ(table.rowCount(), 2);
+  EXPECT_EQ(table.item(0, 0)->data(Qt::UserRole).toString(), "a");
+  EXPECT_EQ(table.item(1, 0)->data(Qt::UserRole).toString(), "c");
+  EXPECT_TRUE(SelectedConnectionId(table).isEmpty());
+}
+
+TEST(AdmissionPrompt, ClosingTheBoxIsANo) {
+  TestApplication();
+  QString text;
+  QString informative;
+  WhenModalOpens([&](QWidget& modal) {
+    auto& box = dynamic_cast<QMessageBox&>(modal);
+    text = box.text();
+    informative = box.informativeText();
+    box.close();
+  });
+  EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-7", "usr_1", "Ann"));
+  EXPECT_EQ(text, "Someone is asking to watch Game.");
+  EXPECT_EQ(informative, "Says they're Ann in VRChat (usr_1). Mirell can't check that.");
+}
+
+TEST(AdmissionPrompt, LetThemWatchIsAYesAndNoIsANo) {
+  TestApplication();
+  QString informative;
+  WhenModalOpens([&](QWidget& modal) {
+    informative = dynamic_cast<QMessageBox&>(modal).informativeText();
+    ButtonNamed(modal, "Let them watch")->click();
+  });
+  EXPECT_TRUE(AskAdmission(nullptr, "Game", "conn-7", "", ""));
+  EXPECT_EQ(informative, "They didn't say who they are. Mirell only knows them as conn-7.");
+
+  WhenModalOpens([&](QWidget& modal) {
+    informative = dynamic_cast<QMessageBox&>(modal).informativeText();
+    ButtonNamed(modal, "No")->click();
+  });
+  EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-7", "usr_2", ""));
+  EXPECT_EQ(informative, "Says they're usr_2 in VRChat. Mirell can't check that.");
+}
+
+class MainWindowTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    TestApplication();
+    // Nothing of a real VRChat installation is read.
+    previous_home_ = qgetenv("HOME");
+    qputenv("HOME", QByteArray::fromStdString(home_.path().string()));
+    config_.signal_url.clear();
+    config_.install_stub = false;
+    host_ = std::make_unique<DaemonHost>(config_);
+  }
+  void TearDown() override { qputenv("HOME", previous_home_); }
+
+  testsupport::TempDir home_;
+  QByteArray previous_home_;
+  DaemonConfig config_;
+  std::unique_ptr<DaemonHost> host_;
+};
+
+TEST_F(MainWindowTest, WithoutAShareOnlyTheShareButtonWorks) {
+  MainWindow window(host_.get());
+  window.show();
+  EXPECT_EQ(window.windowTitle(), "Mirell");
+  EXPECT_EQ(window.size(), QSize(660, 620));
+  EXPECT_EQ(LabelStartingWith(window, "Not sharing."),
+            "Not sharing. Mirell couldn't replace VRChat's resolver, so share links won't play. "
+            "Check the log.");
+  EXPECT_EQ(LabelStartingWith(window, "VRChat account:"),
+            "VRChat account: not detected. Start VRChat and sign in.");
+  EXPECT_EQ(LabelStartingWith(window, "Not watching"), "Not watching anybody.");
+  ASSERT_NE(ButtonNamed(window, "Share something..."), nullptr);
+  EXPECT_TRUE(ButtonNamed(window, "Share something...")->isEnabled());
+  for (const char* disabled : {"Stop sharing", "Copy", "New link", "Give it longer",
+                               "Remove this viewer"}) {
+    ASSERT_NE(ButtonNamed(window, disabled), nullptr) << disabled;
+    EXPECT_FALSE(ButtonNamed(window, disabled)->isEnabled()) << disabled;
+  }
+  const auto* link = window.findChild<QLineEdit*>();
+  ASSERT_NE(link, nullptr);
+  EXPECT_TRUE(link->text().isEmpty());
+  EXPECT_EQ(link->placeholderText(), "Start sharing to get a link");
+  SaveScreenshot(window, "main_window_idle");
+}
+
+TEST_F(MainWindowTest, TheUntrustedUrlBannerShowsOnlyWhenVRChatSaysItIsOff) {
+  const QString banner_start = "VRChat has Allow Untrusted URLs switched off";
+  {
+    MainWindow window(host_.get());
+    window.show();
+    EXPECT_TRUE(LabelStartingWith(window, banner_start).isEmpty())
+        << "no VRChat here: no claim is made without knowledge";
+  }
+  // VRChat's preferences in its Proton prefix, as Wine keeps them, with the setting off.
+  const std::filesystem::path prefix =
+      home_.path() / ".local/share/Steam/steamapps/compatdata/438100/pfx";
+  std::filesystem::create_directories(prefix);
+  std::ofstream(prefix / "user.reg") << ("WINE REGISTRY Version 2\n\n[Software\\\\VRChat\\\\VRChat] 1700000100\n"
+                             "\"VRC_ALLOW_UNTRUSTED_URL_h3795044449\"=dword:00000000\n");
+  MainWindow window(host_.get());
+  window.show();
+  const QString banner = LabelStartingWith(window, banner_start);
+  EXPECT_EQ(banner,
+            "VRChat has Allow Untrusted URLs switched off, so share links will load and then "
+            "show nothing.\n\nTurn it on in Settings, then Comfort & Safety, then Allow Untrusted "
+            "URLs. VRChat saves its settings when it exits, so this can take a moment to catch up.");
+  SaveScreenshot(window, "main_window_untrusted_urls_off");
+}
+
+TEST(PickerDialogTest, NothingToPickLeavesShareDisabledAndCancelLeavesNoResult) {
+  TestApplication();
+  // No display for the capture layer: no monitor and no window.
+  const QByteArray display = qgetenv("DISPLAY");
+  qunsetenv("DISPLAY");
+  PickerDialog picker;
+  if (!display.isEmpty()) qputenv("DISPLAY", display);
+  EXPECT_EQ(picker.windowTitle(), "Share a screen or a window");
+  EXPECT_EQ(picker.list()->count(), 0);
+  QPushButton* share = ButtonNamed(picker, "Share");
+  ASSERT_NE(share, nullptr);
+  EXPECT_FALSE(share->isEnabled());
+  EXPECT_FALSE(share->isDefault());
+  EXPECT_FALSE(share->autoDefault());
+  WhenModalOpens([](QWidget& modal) { dynamic_cast<QDialog&>(modal).reject(); });
+  EXPECT_EQ(picker.exec(), QDialog::Rejected);
+  EXPECT_FALSE(picker.result().has_value());
+}
+
+TEST(PickerDialogTest, BlankMeansEveryFourthPixelEqualsTheFirst) {
+  TestApplication();
+  EXPECT_TRUE(IsBlankImage(QImage()));
+  QImage black(64, 36, QImage::Format_RGB32);
+  black.fill(Qt::black);
+  EXPECT_TRUE(IsBlankImage(black)) << "a fully black screen has nothing to show";
+  QImage off_grid = black;
+  off_grid.setPixel(1, 1, qRgb(255, 255, 255));
+  EXPECT_TRUE(IsBlankImage(off_grid)) << "only one pixel in sixteen is looked at";
+  QImage on_grid = black;
+  on_grid.setPixel(8, 4, qRgb(255, 255, 255));
+  EXPECT_FALSE(IsBlankImage(on_grid));
+}
+
+TEST(PickerDialogTest, ThePlaceholderIsKeptForItsSize) {
+  TestApplication();
+  const QPixmap first = PlaceholderIcon(QSize(256, 144));
+  EXPECT_EQ(first.size(), QSize(256, 144));
+  EXPECT_EQ(PlaceholderIcon(QSize(256, 144)).cacheKey(), first.cacheKey());
+  EXPECT_EQ(PlaceholderIcon(QSize(64, 36)).size(), QSize(64, 36));
+}
+
+}  // namespace
+}  // namespace mirell::ui

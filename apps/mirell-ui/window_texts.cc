@@ -1,0 +1,59 @@
+#include "window_texts.h"
+
+#include <QCoreApplication>
+
+namespace mirell::ui {
+namespace {
+
+QString Tr(const char* text) {
+  return QCoreApplication::translate("mirell::ui::MainWindow", text);
+}
+
+QString Q(const std::string& text) { return QString::fromStdString(text); }
+
+}  // namespace
+
+QString DurationText(std::int64_t seconds) {
+  if (seconds < 60) return Tr("%1s").arg(seconds);
+  if (seconds < 3600) return Tr("%1m %2s").arg(seconds / 60).arg(seconds % 60);
+  return Tr("%1h %2m").arg(seconds / 3600).arg((seconds % 3600) / 60, 2, 10, QLatin1Char('0'));
+}
+
+QString RateText(std::uint32_t kbps) {
+  if (kbps == 0) return QStringLiteral("-");
+  if (kbps < 1000) return Tr("%1 kbps").arg(kbps);
+  return Tr("%1 Mbps").arg(kbps / 1000.0, 0, 'f', 1);
+}
+
+QString PeerStateText(transport::PeerState state) {
+  switch (state) {
+    case transport::PeerState::kConnecting:
+      return Tr("connecting");
+    case transport::PeerState::kConnected:
+      return Tr("watching");
+    case transport::PeerState::kFailed:
+      return Tr("failed");
+    case transport::PeerState::kClosed:
+      return Tr("closed");
+  }
+  return Tr("unknown");
+}
+
+ViewerCell ViewerCellFor(const session::ViewerInfo& viewer) {
+  const QString id = Q(viewer.connection_id);
+  if (!viewer.display_name.empty()) {
+    // The claimed user id, not the name, goes into the sentence: it is what the list matches.
+    return {Q(viewer.display_name),
+            Tr("Says they're %1 in VRChat. Mirell can't check that.\nConnection id: %2%3")
+                .arg(Q(viewer.identity), id,
+                     viewer.allowlisted ? Tr("\nOn your list, so let in automatically.")
+                                        : QString())};
+  }
+  if (!viewer.identity.empty()) {
+    return {Q(viewer.identity),
+            Tr("A VRChat user id they gave. Mirell can't check it.\nConnection id: %1").arg(id)};
+  }
+  return {id, Tr("They didn't say who they are. This is the id the signal server gave them.")};
+}
+
+}  // namespace mirell::ui

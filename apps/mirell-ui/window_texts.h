@@ -1,0 +1,27 @@
+// The main window's texts that depend on a value: durations, rates, a peer's state and what a
+// viewer's row says about them. Translated in the main window's context, with the English
+// literals as keys.
+#pragma once
+
+#include <QString>
+#include <cstdint>
+
+#include "mirell/session/share_session.h"
+#include "mirell/transport/peer_link.h"
+
+namespace mirell::ui {
+
+// "59s", "59m 59s", "1h 00m".
+QString DurationText(std::int64_t seconds);
+// "-", "999 kbps", "1.0 Mbps".
+QString RateText(std::uint32_t kbps);
+QString PeerStateText(transport::PeerState state);
+
+// The first cell of a viewer's row: who they say they are, and what that means.
+struct ViewerCell {
+  QString text;
+  QString tool_tip;
+};
+ViewerCell ViewerCellFor(const session::ViewerInfo& viewer);
+
+}  // namespace mirell::ui
