@@ -51,14 +51,17 @@ session::ShareTarget ResolveShareTarget(const ShareOptions& options,
   return target;
 }
 
-void StartCommandLineShare(DaemonHost& host, const ShareOptions& options) {
-  session::Sharing& sharing = host.sharing();
-  if (options.admit_everyone) sharing.SetAdmissionRequired(false);
+void LogPendingViewers(DaemonHost& host) {
   host.OnViewerPending([](std::string connection_id, transport::PeerIdentity identity) {
     LOG_INFO("viewer {} waits to be let in; says it is {} ({})", connection_id,
              identity.identity.empty() ? "nobody" : identity.identity,
              identity.display_name.empty() ? "no name" : identity.display_name);
   });
+}
+
+void StartCommandLineShare(DaemonHost& host, const ShareOptions& options) {
+  session::Sharing& sharing = host.sharing();
+  if (options.admit_everyone) sharing.SetAdmissionRequired(false);
   if (!options.wants_share()) return;
 
   const auto windows = capture::EnumerateWindows();

@@ -19,8 +19,10 @@ session::ShareTarget ResolveShareTarget(const ShareOptions& options,
                                         std::span<const capture::CapturableMonitor> monitors);
 
 // Applies the admission rule and, when a target was asked for, starts sharing it and prints the
-// link on stdout. Without a window to ask, a waiting viewer is logged. Throws when the share
-// cannot start.
+// link on stdout. Throws when the share cannot start.
 void StartCommandLineShare(DaemonHost& host, const ShareOptions& options);
+
+// Without a window to ask, a waiting viewer is logged with the identity it claims, and waits.
+void LogPendingViewers(DaemonHost& host);
 
 }  // namespace mirell::ui

@@ -130,15 +130,6 @@ int main(int argc, char** argv) {
     }
     return 1;
   }
-  try {
-    StartCommandLineShare(host, share);
-  } catch (const std::exception& error) {
-    LOG_ERROR("could not share: {}", error.what());
-    std::fprintf(stderr, "mirell-ui: could not share: %s\n", error.what());
-    host.Stop();
-    return 1;
-  }
-
   // The window is the heartbeat that ends expired or orphaned shares and drops ended watches;
   // where nobody can see a window, a timer of its own does that.
   std::unique_ptr<MainWindow> window;
@@ -159,6 +150,17 @@ int main(int argc, char** argv) {
   } else {
     QObject::connect(&poll_timer, &QTimer::timeout, [&host] { host.Poll(); });
     poll_timer.start(500);
+    LogPendingViewers(host);
+  }
+
+  // After the window: a viewer of a command-line share is asked about there from the start.
+  try {
+    StartCommandLineShare(host, share);
+  } catch (const std::exception& error) {
+    LOG_ERROR("could not share: {}", error.what());
+    std::fprintf(stderr, "mirell-ui: could not share: %s\n", error.what());
+    host.Stop();
+    return 1;
   }
 
   const int result = QApplication::exec();

@@ -170,7 +170,9 @@ void MainWindow::BuildTray() {
     menu->addAction(tr(settings))->setVisible(false);
   }
   menu->addSeparator();
-  connect(menu->addAction(tr("Quit Mirell")), &QAction::triggered, qApp, &QCoreApplication::quit);
+  // exit, not quit: Qt 6's quit first asks every window to close, and this window's close only
+  // hides it while the tray is there, which would cancel the quit.
+  connect(menu->addAction(tr("Quit Mirell")), &QAction::triggered, qApp, [] { QCoreApplication::exit(0); });
   tray_->setContextMenu(menu);
   connect(tray_, &QSystemTrayIcon::activated, this,
           [this](QSystemTrayIcon::ActivationReason reason) {

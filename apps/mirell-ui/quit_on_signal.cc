@@ -36,7 +36,9 @@ void QuitEventLoopOnSignals() {
     while (read(signal_pipe[0], &number, 1) == 1) {
       LOG_INFO("stopping on signal {}", number);
     }
-    QCoreApplication::quit();
+    // exit, not quit: Qt 6's quit asks the windows to close first, and the main window's close
+    // only hides it while there is a tray icon, which would cancel the stop.
+    QCoreApplication::exit(0);
   });
   struct sigaction action {};
   action.sa_handler = OnStopSignal;

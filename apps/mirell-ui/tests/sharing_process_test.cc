@@ -109,12 +109,14 @@ class SharingAcrossProcesses : public ::testing::Test {
   }
 
   // The sharing mirell-ui with the given share options; returns the link it printed.
-  std::string StartHost(const std::vector<std::string>& share_options) {
+  std::string StartHost(const std::vector<std::string>& share_options, bool with_window = false) {
     std::vector<std::string> argv{"sh", "-c", "exec \"$0\" \"$@\" > \"" + (dir_.path() / "host.out").string() + "\"",
                                   ui_.binary().string(), "--signal", SignalUrl(), "--pipe", host_.pipe,
                                   "--rtsp-port", std::to_string(host_.rtsp_port), "--no-stub"};
     argv.insert(argv.end(), share_options.begin(), share_options.end());
-    host_.process = std::make_unique<ChildProcess>(argv, UiEnvironment());
+    testsupport::ProcessOptions environment = UiEnvironment();
+    if (with_window) environment.environment["QT_QPA_PLATFORM"] = "xcb";  // The window and its prompts.
+    host_.process = std::make_unique<ChildProcess>(argv, environment);
     std::string link;
     Eventually([&] {
       std::istringstream out(testsupport::ReadFileText(dir_.path() / "host.out"));
@@ -318,6 +320,44 @@ TEST_F(SharingAcrossProcesses, WithoutAdmissionOptionsEveryViewerWaits) {
   EXPECT_TRUE(HostLogged(std::string("waits to be let in; says it is ") + kFriend)) << HostLog();
   std::this_thread::sleep_for(1s);
   EXPECT_FALSE(someone.offered());
+}
+
+// With its window on screen, the host asks the person about each viewer; xdotool answers as
+// they would. Return lets the first in ("Let them watch" is the box's default); Escape turns the
+// second away.
+TEST_F(SharingAcrossProcesses, TheHostsWindowAsksAboutEachViewerAndTheAnswerHolds) {
+  StartDisplay(1280, 720);
+  auto window = OpenWindow({"--title", "Asked About", "--size", "320x180", "--position", "900,500"}, 0);
+  const std::string link = StartHost({"--share-window", "Asked About"}, true);
+  ASSERT_TRUE(HostLogged("hosting")) << HostLog();
+  testsupport::ProcessOptions x;
+  x.environment["DISPLAY"] = display_->name();
+  x.timeout = 10s;
+  // Qt on X11 puts the program's name after a dialog's title ("Let them watch? — Mirell").
+  const auto prompt = [&] {
+    return testsupport::RunProcess({"xdotool", "search", "--onlyvisible", "--name", "^Let them watch\\?"}, x).out;
+  };
+  const auto answer = [&](const std::string& key) {
+    const std::string box = prompt();
+    testsupport::RunProcess({"xdotool", "windowactivate", "--sync", box.substr(0, box.find('\n')), "key", key}, x);
+  };
+
+  Joiner friend_viewer(SignalUrl(), TokenOf(link), kFriend);
+  ASSERT_TRUE(Eventually([&] { return !prompt().empty(); }, 20s)) << HostLog();
+  const std::filesystem::path artifacts = MIRELL_TEST_ARTIFACT_DIR;
+  std::filesystem::create_directories(artifacts);
+  testsupport::RunProcess({"ffmpeg", "-loglevel", "error", "-y", "-f", "x11grab", "-video_size", "1280x720", "-i",
+                           display_->name(), "-frames:v", "1", (artifacts / "admission_prompt.png").string()},
+                          x);
+  EXPECT_FALSE(friend_viewer.offered()) << "nobody gets in before the person says so";
+  answer("Return");
+  EXPECT_TRUE(Eventually([&] { return friend_viewer.offered(); }, 20s)) << HostLog();
+
+  Joiner stranger(SignalUrl(), TokenOf(link), kStranger);
+  ASSERT_TRUE(Eventually([&] { return !prompt().empty(); }, 20s)) << HostLog();
+  answer("Escape");
+  EXPECT_TRUE(HostLogged("denied")) << HostLog();
+  EXPECT_FALSE(stranger.offered());
 }
 
 // The viewer's mirell-ui reads the account from VRChat's log in its Proton prefix, follows a new

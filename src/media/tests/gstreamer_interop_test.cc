@@ -1,5 +1,8 @@
 // Our RTP payload formats against implementations nobody here wrote: GStreamer's payloaders
-// and depayloaders on loopback UDP, with FFmpeg's and GStreamer's decoders as judges.
+// and depayloaders, with FFmpeg's and GStreamer's decoders as judges. Our packets go to
+// GStreamer over loopback TCP, each with its 16-bit length in front (RTP over a stream): a
+// receiver starved of CPU on a loaded machine then gets late packets, never lost ones, and the
+// test judges the payload format alone. GStreamer's packets come to us over UDP.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -7,6 +10,8 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
+#include <memory>
+#include <stdexcept>
 #include <sstream>
 #include <thread>
 
@@ -14,6 +19,7 @@
 #include "mirell/media/aac_rtp.h"
 #include "mirell/media/h264_rtp.h"
 #include "mirell/testsupport/subprocess.h"
+#include "mirell/testsupport/tcp_client.h"
 
 namespace mirell::media {
 namespace {
@@ -49,18 +55,34 @@ class GstreamerInterop : public ::testing::Test {
     return child.Wait(20s);
   }
 
-  // Sends every packet of every unit, pausing between units like a live source.
+  // Every packet of every unit, pausing between units like a live source, written to a TCP
+  // connection to `port` (a tcpserversrc), each after its length; the connection's end is the
+  // stream's end.
   template <typename Packetizer>
-  static void SendUnits(Packetizer& packetizer, const std::vector<Bytes>& units, std::uint32_t ticks_per_unit,
-                        int port) {
-    testing::UdpSocket sender;
+  static void SendUnitsOverTcp(Packetizer& packetizer, const std::vector<Bytes>& units,
+                               std::uint32_t ticks_per_unit, std::uint16_t port) {
+    std::unique_ptr<testsupport::TcpClient> connection;
+    const auto give_up = std::chrono::steady_clock::now() + 10s;
+    while (!connection && std::chrono::steady_clock::now() < give_up) {
+      try {
+        connection = std::make_unique<testsupport::TcpClient>(port);
+      } catch (const std::runtime_error&) {
+        std::this_thread::sleep_for(20ms);
+      }
+    }
+    ASSERT_TRUE(connection) << "GStreamer did not listen on " << port;
     std::vector<Bytes> packets;
     for (std::size_t i = 0; i < units.size(); ++i) {
       packets.clear();
       packetizer.Packetize(units[i], static_cast<std::uint32_t>(i) * ticks_per_unit, packets);
-      for (const auto& packet : packets) sender.SendTo(port, packet);
+      for (const auto& packet : packets) {
+        std::string framed{static_cast<char>(packet.size() >> 8), static_cast<char>(packet.size() & 0xFF)};
+        framed.append(packet.begin(), packet.end());
+        connection->Send(framed);
+      }
       std::this_thread::sleep_for(2ms);
     }
+    connection->ShutdownWrite();
   }
 
   // Collects datagrams until none has come for a while after the sender has finished.
@@ -84,16 +106,15 @@ class GstreamerInterop : public ::testing::Test {
 TEST_F(GstreamerInterop, OurH264PacketsDecodeInGstreamer) {
   const auto units = testing::SplitAtDelimiters(testing::ReadBytes(testing::MakeH264Fixture(dir_.path(), kFrames, kWidth, kHeight)));
   ASSERT_EQ(units.size(), static_cast<std::size_t>(kFrames));
-  const int port = testing::FreeUdpPort();
+  const std::uint16_t port = testsupport::FreeLoopbackPort();
   const auto out = dir_.path() / "decoded.yuv";
-  auto receiver = Launch("udpsrc port=" + std::to_string(port) +
-                         " caps=application/x-rtp,media=video,clock-rate=90000,encoding-name=H264,payload=96"
-                         " ! rtph264depay ! h264parse ! avdec_h264 ! videoconvert ! video/x-raw,format=I420"
-                         " ! filesink location=" + out.string());
-  ASSERT_TRUE(testing::WaitForUdpPort(port, 10s)) << "receiver did not bind";
+  auto receiver = Launch("tcpserversrc host=127.0.0.1 port=" + std::to_string(port) +
+                         " ! application/x-rtp-stream,media=video,clock-rate=90000,encoding-name=H264,payload=96"
+                         " ! rtpstreamdepay ! rtph264depay ! h264parse ! avdec_h264 ! videoconvert"
+                         " ! video/x-raw,format=I420 ! filesink location=" + out.string());
 
   H264RtpPacketizer packetizer({96, 0, 1200, 0});
-  SendUnits(packetizer, units, 3000, port);
+  SendUnitsOverTcp(packetizer, units, 3000, port);
   std::this_thread::sleep_for(1s);
   const ProcessResult result = Finish(*receiver);
   EXPECT_EQ(result.exit_code, 0) << result.err;
@@ -172,20 +193,19 @@ double MeasuredFrequency(const Bytes& pcm, int sample_rate) {
 TEST_F(GstreamerInterop, OurAacPacketsDecodeInGstreamer) {
   const auto units = testing::ParseAdts(testing::ReadBytes(testing::MakeAacFixture(dir_.path(), 2.0)));
   ASSERT_GT(units.size(), 90u);
-  const int port = testing::FreeUdpPort();
+  const std::uint16_t port = testsupport::FreeLoopbackPort();
   const auto out = dir_.path() / "decoded.pcm";
   const std::string config = HexEncode(MakeAacLcAudioSpecificConfig(48000, 2));
-  auto receiver = Launch("udpsrc port=" + std::to_string(port) +
-                         " caps=application/x-rtp,media=audio,clock-rate=48000,encoding-name=MPEG4-GENERIC,"
+  auto receiver = Launch("tcpserversrc host=127.0.0.1 port=" + std::to_string(port) +
+                         " ! application/x-rtp-stream,media=audio,clock-rate=48000,encoding-name=MPEG4-GENERIC,"
                          "encoding-params=(string)2,streamtype=(string)5,mode=(string)AAC-hbr,config=(string)" + config +
                          ",sizelength=(string)13,indexlength=(string)3,indexdeltalength=(string)3,payload=97"
-                         " ! rtpmp4gdepay ! aacparse ! avdec_aac ! audioconvert ! audio/x-raw,format=S16LE,channels=2"
-                         " ! filesink location=" + out.string());
-  ASSERT_TRUE(testing::WaitForUdpPort(port, 10s)) << "receiver did not bind";
+                         " ! rtpstreamdepay ! rtpmp4gdepay ! aacparse ! avdec_aac ! audioconvert"
+                         " ! audio/x-raw,format=S16LE,channels=2 ! filesink location=" + out.string());
 
   // A small packet size so that every unit is fragmented.
   AacRtpPacketizer packetizer({97, 0, 200, 0});
-  SendUnits(packetizer, units, 1024, port);
+  SendUnitsOverTcp(packetizer, units, 1024, port);
   std::this_thread::sleep_for(1s);
   const ProcessResult result = Finish(*receiver);
   EXPECT_EQ(result.exit_code, 0) << result.err;

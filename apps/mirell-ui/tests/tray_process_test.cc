@@ -1,0 +1,167 @@
+// The real mirell-ui on an X desktop with a window manager and a tray host (openbox and trayer
+// on Xvfb), driven with xdotool as a person would: the tray icon, its menu, closing to the tray.
+// Screenshots of the real process are kept as test artifacts.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <sstream>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "installed_ui.h"
+#include "mirell/testsupport/subprocess.h"
+#include "mirell/testsupport/tcp_client.h"
+#include "mirell/testsupport/xvfb.h"
+
+namespace mirell::ui {
+namespace {
+
+using namespace std::chrono_literals;
+using testsupport::ChildProcess;
+
+// trayer's icon slot on a 1280-wide screen: the first icon sits at the right of the top edge.
+constexpr int kTrayIconX = 1267;
+constexpr int kTrayIconY = 12;
+
+class UiOnADesktop : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    testsupport::XvfbOptions xvfb;
+    xvfb.window_manager = true;
+    display_ = std::make_unique<testsupport::XvfbDisplay>(xvfb);
+    if (!display_->available() || !testsupport::HaveProgram("xdotool") ||
+        !testsupport::HaveProgram("trayer")) {
+      GTEST_SKIP() << "needs Xvfb, openbox, trayer and xdotool (scripts/install-deps)";
+    }
+    x_.environment["DISPLAY"] = display_->name();
+    x_.timeout = 10s;
+    tray_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{"trayer", "--edge", "top", "--align", "right", "--widthtype",
+                                 "request", "--height", "24"},
+        x_);
+    ASSERT_TRUE(WaitFor([&] { return !Run({"xdotool", "search", "--class", "trayer"}).empty(); }));
+
+    options_ = Headless(home_.path());
+    options_.environment["QT_QPA_PLATFORM"] = "xcb";
+    options_.environment["DISPLAY"] = display_->name();
+    // Qt's tray speaks XEmbed to trayer; no desktop bus is asked.
+    options_.environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=/nonexistent";
+    rtsp_port_ = testsupport::FreeLoopbackPort();
+    pipe_ = "127.0.0.1:" + std::to_string(testsupport::FreeLoopbackPort());
+    ui_process_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+                                 std::to_string(rtsp_port_), "--no-stub"},
+        options_);
+    ASSERT_TRUE(WaitFor([&] { return WindowVisible(); })) << ui_.Log(rtsp_port_, pipe_);
+    // The window and the tray icon's own.
+    ASSERT_TRUE(WaitFor([&] { return VisibleMenus() >= 2; })) << "no tray icon";
+  }
+
+  std::string Run(const std::vector<std::string>& argv) {
+    return testsupport::RunProcess(argv, x_).out;
+  }
+  bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = 20s) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (done()) return true;
+      std::this_thread::sleep_for(100ms);
+    }
+    return false;
+  }
+  bool WindowVisible() {
+    return !Run({"xdotool", "search", "--onlyvisible", "--name", "^Mirell$"}).empty();
+  }
+  // The tray icon's menu, opened with a right click on the icon; true once a menu shows.
+  bool OpenTrayMenu() {
+    const std::size_t before = VisibleMenus();
+    Run({"xdotool", "mousemove", std::to_string(kTrayIconX), std::to_string(kTrayIconY), "click",
+         "3"});
+    return WaitFor([&] { return VisibleMenus() > before; }, 5s);
+  }
+  // The program's shown windows: the main window, the tray icon's and a menu's.
+  std::size_t VisibleMenus() {
+    const std::string found =
+        Run({"xdotool", "search", "--onlyvisible", "--pid", std::to_string(ui_process_->pid())});
+    return static_cast<std::size_t>(std::count(found.begin(), found.end(), '\n'));
+  }
+  void Screenshot(const std::string& name) {
+    const std::filesystem::path directory = MIRELL_TEST_ARTIFACT_DIR;
+    std::filesystem::create_directories(directory);
+    testsupport::ProcessOptions options = x_;
+    options.timeout = 20s;
+    testsupport::RunProcess({"ffmpeg", "-loglevel", "error", "-y", "-f", "x11grab", "-video_size",
+                             "1280x720", "-i", display_->name(), "-frames:v", "1",
+                             (directory / (name + ".png")).string()},
+                            options);
+  }
+
+  std::unique_ptr<testsupport::XvfbDisplay> display_;
+  testsupport::ProcessOptions x_;
+  std::unique_ptr<ChildProcess> tray_;
+  testsupport::TempDir home_;
+  InstalledUi ui_;
+  testsupport::ProcessOptions options_;
+  std::uint16_t rtsp_port_ = 0;
+  std::string pipe_;
+  std::unique_ptr<ChildProcess> ui_process_;
+};
+
+TEST_F(UiOnADesktop, ClosingTheWindowLeavesItInTheTrayAndShowBringsItBack) {
+  Screenshot("desktop_main_window");
+  const std::string window = Run({"xdotool", "search", "--onlyvisible", "--name", "^Mirell$"});
+  Run({"xdotool", "windowactivate", "--sync", window.substr(0, window.find('\n')), "key",
+       "--clearmodifiers", "alt+F4"});
+  ASSERT_TRUE(WaitFor([&] { return !WindowVisible(); }));
+  EXPECT_TRUE(ui_process_->Running()) << "closing the window only hides it";
+  // The first close says so once, in a balloon beside the tray icon (a window of its own here).
+  EXPECT_TRUE(WaitFor([&] { return VisibleMenus() == 2; }, 5s)) << "no balloon";
+  Screenshot("close_balloon");
+  ASSERT_TRUE(WaitFor([&] { return VisibleMenus() == 1; }, 10s)) << "the balloon stays";
+
+  ASSERT_TRUE(OpenTrayMenu()) << ui_.Log(rtsp_port_, pipe_);
+  Screenshot("tray_menu");
+  Run({"xdotool", "key", "Down", "Return"});  // "Show", the first entry.
+  EXPECT_TRUE(WaitFor([&] { return WindowVisible(); }));
+  ui_process_->Signal(SIGTERM);
+  EXPECT_EQ(ui_process_->Wait(20s).exit_code, 0);
+}
+
+TEST_F(UiOnADesktop, QuitFromTheTrayMenuEndsTheProgramInOrder) {
+  ASSERT_TRUE(OpenTrayMenu()) << ui_.Log(rtsp_port_, pipe_);
+  // "Quit Mirell" is the menu's last entry: a click near the menu's bottom edge.
+  const std::string shown = Run({"xdotool", "search", "--onlyvisible", "--pid", std::to_string(ui_process_->pid())});
+  std::string popup;
+  std::istringstream ids(shown);
+  for (std::string id; std::getline(ids, id);) {
+    const std::string geometry = Run({"xdotool", "getwindowgeometry", "--shell", id});
+    int x = 0, y = 0, width = 0, height = 0;
+    std::istringstream fields(geometry);
+    for (std::string field; std::getline(fields, field);) {
+      std::sscanf(field.c_str(), "X=%d", &x);
+      std::sscanf(field.c_str(), "Y=%d", &y);
+      std::sscanf(field.c_str(), "WIDTH=%d", &width);
+      std::sscanf(field.c_str(), "HEIGHT=%d", &height);
+    }
+    // The menu is the one shown window that hangs from the top edge at the tray.
+    if (y < 40 && x > 900 && height > 40) {
+      Run({"xdotool", "mousemove", std::to_string(x + width / 2), std::to_string(y + height - 10), "click", "1"});
+      popup = id;
+    }
+  }
+  ASSERT_FALSE(popup.empty()) << shown;
+  const auto result = ui_process_->Wait(20s);
+  EXPECT_FALSE(result.timed_out);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_NE(ui_.Log(rtsp_port_, pipe_).find("mirell-ui stopped (0)"), std::string::npos)
+      << ui_.Log(rtsp_port_, pipe_);
+}
+
+}  // namespace
+}  // namespace mirell::ui
