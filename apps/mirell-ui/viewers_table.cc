@@ -35,6 +35,8 @@ void SetUpViewersTable(QTableWidget& table) {
            "higher."));
   }
   table.horizontalHeader()->setStretchLastSection(true);
+  // Who it is must read whole: the first column takes the width of its longest name.
+  table.horizontalHeader()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
   table.verticalHeader()->hide();
   table.setSelectionBehavior(QAbstractItemView::SelectRows);
   table.setSelectionMode(QAbstractItemView::SingleSelection);

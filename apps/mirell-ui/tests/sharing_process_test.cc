@@ -358,6 +358,20 @@ TEST_F(SharingAcrossProcesses, TheHostsWindowAsksAboutEachViewerAndTheAnswerHold
   answer("Escape");
   EXPECT_TRUE(HostLogged("denied")) << HostLog();
   EXPECT_FALSE(stranger.offered());
+
+  // A real viewer, who says nothing about themselves, is let in too and plays the window.
+  StartViewer();
+  auto player = Play(Resolve(link), 8);
+  ASSERT_TRUE(Eventually([&] { return !prompt().empty(); }, 20s)) << HostLog();
+  answer("Return");
+  std::this_thread::sleep_for(4s);  // Long enough for the window's refresh to show the rates.
+  testsupport::RunProcess({"ffmpeg", "-loglevel", "error", "-y", "-f", "x11grab", "-video_size", "1280x720", "-i",
+                           display_->name(), "-frames:v", "1", (artifacts / "main_window_two_viewers.png").string()},
+                          x);
+  const Recording recording = Finish(*player);
+  ASSERT_GT(recording.pictures.size(), 30u) << recording.log;
+  EXPECT_TRUE(recording.At(recording.pictures.size() - 1, kThumbWidth / 2, kThumbHeight / 2).red())
+      << "the shared window, once let in";
 }
 
 // The viewer's mirell-ui reads the account from VRChat's log in its Proton prefix, follows a new

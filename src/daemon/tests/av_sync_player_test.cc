@@ -25,6 +25,7 @@ using namespace std::chrono_literals;
 // Seconds in the player's own time line.
 struct Marks {
   double first_picture = -1;
+  bool pictures_missing = false;  // Two pictures in a row more than 1.5 frames apart.
   std::vector<double> flashes;
   std::vector<double> clicks;
   std::string log;
@@ -40,10 +41,13 @@ Marks ReadMarks(const std::string& log) {
   std::istringstream lines(log);
   std::string line;
   std::smatch match;
+  double previous_picture = -1;
   while (std::getline(lines, line)) {
     if (std::regex_search(line, match, kPicture)) {
       const double time = std::stod(match[1]);
       if (marks.first_picture < 0) marks.first_picture = time;
+      if (previous_picture >= 0 && time - previous_picture > 1.5 / 30) marks.pictures_missing = true;
+      previous_picture = time;
       if (std::stoi(match[2]) > 128) marks.flashes.push_back(time);
     } else if (std::regex_search(line, match, kClick)) {
       marks.clicks.push_back(std::stod(match[1]));
@@ -136,6 +140,21 @@ class AvSyncPlayerTest : public ::testing::Test {
     return ReadMarks(result.err);
   }
 
+  // A GStreamer player that falls behind while it starts (the server then drops pictures up to a
+  // keyframe for it) shows a gap, after which its jitter buffer re-times the video for a moment
+  // (seen once: 268 ms for the next second). Such a run measures the player catching up, not the
+  // reports, so it is played again, three runs at most; a run without a gap must show the
+  // tracks together.
+  Marks PlayWithGstreamerWithoutGaps(int seconds) {
+    Marks marks;
+    for (int run = 0; run < 3; ++run) {
+      marks = PlayWithGstreamer(seconds);
+      if (!marks.pictures_missing) return marks;
+    }
+    ADD_FAILURE() << "the player fell behind at its start in every run\n" << marks.log;
+    return marks;
+  }
+
   testsupport::TempDir dir_;
   StreamRegistry registry_;
   RtspServer server_{[this](const std::string& path) { return registry_.Find(TokenFromPath(path)); }};
@@ -156,12 +175,12 @@ TEST_F(AvSyncPlayerTest, FfmpegJoiningLate) {
 
 TEST_F(AvSyncPlayerTest, GstreamerPrimedAtTheStart) {
   std::this_thread::sleep_for(700ms);
-  ExpectFlashesAndClicksTogether(PlayWithGstreamer(6));
+  ExpectFlashesAndClicksTogether(PlayWithGstreamerWithoutGaps(6));
 }
 
 TEST_F(AvSyncPlayerTest, GstreamerJoiningLate) {
   std::this_thread::sleep_for(6s);
-  ExpectFlashesAndClicksTogether(PlayWithGstreamer(6));
+  ExpectFlashesAndClicksTogether(PlayWithGstreamerWithoutGaps(6));
 }
 
 }  // namespace
