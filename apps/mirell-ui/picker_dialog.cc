@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "mirell/capture/capture_targets.h"
+#include "mirell/capture/capturer.h"
 #include "mirell/capture/thumbnails.h"
 
 namespace mirell::ui {
@@ -131,6 +132,11 @@ PickerDialog::PickerDialog(QWidget* parent)
 
   RefreshList();
   RefreshPreviews();
+  if (!capture::IsCaptureSupported()) {
+    // An empty list alone would not say why (a Wayland session without XWayland, say).
+    hint_->setText(tr("Can't share from here: %1.")
+                       .arg(QString::fromStdString(capture::CaptureUnsupportedReason())));
+  }
   list_->setCurrentItem(nullptr);
   list_->clearSelection();
   list_->setFocus();

@@ -249,11 +249,18 @@ TEST_F(MainWindowTest, TheUntrustedUrlBannerShowsOnlyWhenVRChatSaysItIsOff) {
 
 TEST(PickerDialogTest, NothingToPickLeavesShareDisabledAndCancelLeavesNoResult) {
   TestApplication();
-  // No display for the capture layer: no monitor and no window.
+  // A Wayland session without XWayland: no monitor and no window for the capture layer.
   const QByteArray display = qgetenv("DISPLAY");
+  const QByteArray wayland = qgetenv("WAYLAND_DISPLAY");
   qunsetenv("DISPLAY");
+  qputenv("WAYLAND_DISPLAY", "wayland-0");
   PickerDialog picker;
   if (!display.isEmpty()) qputenv("DISPLAY", display);
+  if (wayland.isEmpty()) qunsetenv("WAYLAND_DISPLAY"); else qputenv("WAYLAND_DISPLAY", wayland);
+  EXPECT_TRUE(LabelStartingWith(picker, "Can't share from here: window and screen capture need an "
+                                        "X11 session or XWayland for now")
+                  .endsWith("."))
+      << "the picker says why the list is empty";
   EXPECT_EQ(picker.windowTitle(), "Share a screen or a window");
   EXPECT_EQ(picker.list()->count(), 0);
   QPushButton* share = ButtonNamed(picker, "Share");
