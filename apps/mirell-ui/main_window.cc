@@ -23,6 +23,7 @@
 #include "daemon_host.h"
 #include "picker_dialog.h"
 #include "program_icon.h"
+#include "quality_dialog.h"
 #include "viewers_table.h"
 #include "window_texts.h"
 
@@ -137,9 +138,8 @@ void MainWindow::BuildLayout() {
   button_row->addWidget(allowlist_button_);
   button_row->addWidget(network_button_);
   layout->addLayout(button_row);
-  // The settings dialogs are not built yet: their buttons stay out of sight until they are, so
-  // that nothing on screen does nothing.
-  quality_button_->hide();
+  // The network and allowlist dialogs are not built yet: their buttons stay out of sight until
+  // they are, so that nothing on screen does nothing.
   allowlist_button_->hide();
   network_button_->hide();
 
@@ -148,6 +148,7 @@ void MainWindow::BuildLayout() {
   connect(share_button_, &QPushButton::clicked, this, &MainWindow::PickAndShare);
   connect(stop_button_, &QPushButton::clicked, this, &MainWindow::StopSharing);
   connect(copy_button_, &QPushButton::clicked, this, &MainWindow::CopyShareUrl);
+  connect(quality_button_, &QPushButton::clicked, this, &MainWindow::EditQuality);
   connect(new_link_button_, &QPushButton::clicked, this, &MainWindow::NewLink);
   connect(remove_button_, &QPushButton::clicked, this, &MainWindow::RemoveViewer);
   connect(extend_button_, &QPushButton::clicked, this, &MainWindow::ExtendShare);
@@ -165,10 +166,10 @@ void MainWindow::BuildTray() {
   connect(menu->addAction(tr("Stop sharing")), &QAction::triggered, this,
           &MainWindow::StopSharing);
   menu->addSeparator();
-  // Hidden with their buttons until the settings dialogs exist.
-  for (const char* settings : {"Who can watch...", "Quality...", "Network..."}) {
-    menu->addAction(tr(settings))->setVisible(false);
-  }
+  // Hidden with their buttons until their dialogs exist.
+  menu->addAction(tr("Who can watch..."))->setVisible(false);
+  connect(menu->addAction(tr("Quality...")), &QAction::triggered, this, &MainWindow::EditQuality);
+  menu->addAction(tr("Network..."))->setVisible(false);
   menu->addSeparator();
   // exit, not quit: Qt 6's quit first asks every window to close, and this window's close only
   // hides it while the tray is there, which would cancel the quit.
@@ -317,6 +318,16 @@ void MainWindow::StopSharing() {
 
 void MainWindow::CopyShareUrl() {
   if (!link_edit_->text().isEmpty()) QGuiApplication::clipboard()->setText(link_edit_->text());
+}
+
+void MainWindow::EditQuality() {
+  QualityDialog dialog(LoadQualitySettings(), host_->sharing().active(), this);
+  if (dialog.exec() != QDialog::Accepted) return;
+  const QualitySettings& chosen = dialog.settings();
+  SaveQualitySettings(chosen);
+  host_->SetQuality({chosen.width, chosen.height, chosen.fps, chosen.video_kbps, chosen.audio_kbps,
+                     chosen.mono});
+  Refresh();
 }
 
 void MainWindow::NewLink() {

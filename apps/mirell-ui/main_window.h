@@ -42,6 +42,7 @@ class MainWindow : public QMainWindow {
   void PickAndShare();
   void StopSharing();
   void CopyShareUrl();
+  void EditQuality();
   void NewLink();
   void RemoveViewer();
   void ExtendShare();

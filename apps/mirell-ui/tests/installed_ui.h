@@ -45,8 +45,8 @@ class InstalledUi {
   std::filesystem::path binary_;
 };
 
-// Headless, with a home of its own, so that no real VRChat installation is ever touched, and a
-// runtime directory of its own, so that the instance lock is the test's alone.
+// Headless, with a home of its own, so that no real VRChat installation or stored setting is
+// ever touched, and a runtime directory of its own, so that the instance lock is the test's alone.
 inline testsupport::ProcessOptions Headless(const std::filesystem::path& home) {
   testsupport::ProcessOptions options;
   options.environment["QT_QPA_PLATFORM"] = "offscreen";
@@ -56,6 +56,7 @@ inline testsupport::ProcessOptions Headless(const std::filesystem::path& home) {
   std::filesystem::create_directories(runtime);
   std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
   options.environment["XDG_RUNTIME_DIR"] = runtime.string();
+  options.environment["XDG_CONFIG_HOME"] = (home / ".config").string();  // The stored settings.
   return options;
 }
 

@@ -211,6 +211,26 @@ TEST_F(UiProcess, AKilledInstanceLeavesNoLockBehind) {
   EXPECT_EQ(again.Wait(20s).exit_code, 0);
 }
 
+// The quality stored by the dialog is what a share starts with; a value out of range is replaced
+// and the log says so.
+TEST(UiQualitySettings, StoredValuesAreReadAtStartAndSanitised) {
+  InstalledUi ui;
+  testsupport::TempDir home;
+  std::filesystem::create_directories(home.path() / ".config/Mirell");
+  std::ofstream(home.path() / ".config/Mirell/Mirell.conf")
+      << "[quality]\nwidth=1920\nheight=1080\nfps=5\nvideoKbps=10000\naudioKbps=112\nmono=true\n";
+  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(testsupport::FreeLoopbackPort());
+  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)},
+                       Headless(home.path()));
+  ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "listening " + pipe)) << ui.Log(rtsp_port, pipe);
+  const std::string log = ui.Log(rtsp_port, pipe);
+  EXPECT_NE(log.find("fps of 5 is outside 10-60, using 30"), std::string::npos) << log;
+  EXPECT_NE(log.find("quality 1920x1080@30 v=10000kbps a=96kbps/mono"), std::string::npos) << log;
+  process.Signal(SIGTERM);
+  EXPECT_EQ(process.Wait(20s).exit_code, 0);
+}
+
 // Started where there is no display at all (a server): no window, and everything else as usual.
 TEST(UiNoDisplay, StartsWithoutAWindowAndServesResolves) {
   InstalledUi ui;

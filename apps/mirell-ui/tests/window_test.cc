@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <QAbstractButton>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDialogButtonBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -18,6 +21,7 @@
 #include "main_window.h"
 #include "mirell/testsupport/subprocess.h"
 #include "picker_dialog.h"
+#include "quality_dialog.h"
 #include "qt_test_application.h"
 #include "viewers_table.h"
 #include "window_texts.h"
@@ -245,6 +249,64 @@ TEST_F(MainWindowTest, TheUntrustedUrlBannerShowsOnlyWhenVRChatSaysItIsOff) {
             "show nothing.\n\nTurn it on in Settings, then Comfort & Safety, then Allow Untrusted "
             "URLs. VRChat saves its settings when it exits, so this can take a moment to catch up.");
   SaveScreenshot(window, "main_window_untrusted_urls_off");
+}
+
+TEST(QualityDialogTest, BitratesInTwoSignificantDigits) {
+  TestApplication();
+  EXPECT_EQ(BitrateText(900), "900 kbit/s");
+  EXPECT_EQ(BitrateText(1500), "1.5 Mbit/s");
+  EXPECT_EQ(BitrateText(6000), "6 Mbit/s");
+  EXPECT_EQ(BitrateText(16000), "16 Mbit/s");
+  EXPECT_EQ(BitrateText(99400), "99 Mbit/s");
+  EXPECT_EQ(BitrateText(100512), "100 Mbit/s") << "never \"1e+02\"";
+  EXPECT_EQ(BitrateText(126000), "130 Mbit/s");
+}
+
+TEST(QualityDialogTest, TheDefaultsEstimateAboutSixMegabitsAViewer) {
+  TestApplication();
+  QualityDialog dialog(QualitySettings{}, false);
+  dialog.show();
+  EXPECT_EQ(dialog.windowTitle(), "Quality");
+  EXPECT_EQ(LabelStartingWith(dialog, "About "),
+            "About 6.1 Mbit/s of upload for each person watching, so 25 Mbit/s for four.");
+  EXPECT_TRUE(LabelStartingWith(dialog, "You're sharing now").isEmpty());
+  const QList<QComboBox*> combos = dialog.findChildren<QComboBox*>();
+  ASSERT_EQ(combos.size(), 4);
+  EXPECT_EQ(combos[0]->currentText(), "1280 x 720");
+  EXPECT_EQ(combos[1]->currentText(), "30 per second");
+  EXPECT_EQ(combos[2]->currentText(), "6 Mbit/s");
+  EXPECT_EQ(combos[3]->currentText(), "128 kbit/s");
+  combos[2]->setCurrentIndex(combos[2]->findData(25000u));
+  EXPECT_EQ(LabelStartingWith(dialog, "About "),
+            "About 25 Mbit/s of upload for each person watching, so 100 Mbit/s for four.");
+  SaveScreenshot(dialog, "quality_dialog");
+}
+
+TEST(QualityDialogTest, HandSetValuesSurviveAsExtraChoicesAndOkReturnsTheChoice) {
+  TestApplication();
+  QualityDialog dialog(QualitySettings{1366, 768, 25, 7000, 96, true}, true);
+  dialog.show();
+  const QList<QComboBox*> combos = dialog.findChildren<QComboBox*>();
+  ASSERT_EQ(combos.size(), 4);
+  EXPECT_EQ(combos[0]->currentText(), "1366 x 768");
+  EXPECT_EQ(combos[0]->count(), 6);
+  EXPECT_EQ(combos[1]->currentText(), "25 per second");
+  EXPECT_EQ(combos[2]->currentText(), "7 Mbit/s");
+  EXPECT_EQ(combos[2]->count(), 7);
+  EXPECT_TRUE(dialog.findChild<QCheckBox*>()->isChecked());
+  EXPECT_EQ(LabelStartingWith(dialog, "You're sharing now"),
+            "You're sharing now, so this applies to the next share. The one running keeps what "
+            "it started with.");
+  combos[0]->setCurrentIndex(3);  // 1920 x 1080
+  combos[1]->setCurrentIndex(2);  // 60 per second
+  dialog.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+  EXPECT_EQ(dialog.result(), QDialog::Accepted);
+  EXPECT_EQ(dialog.settings().width, 1920u);
+  EXPECT_EQ(dialog.settings().height, 1080u);
+  EXPECT_EQ(dialog.settings().fps, 60u);
+  EXPECT_EQ(dialog.settings().video_kbps, 7000u);
+  EXPECT_EQ(dialog.settings().audio_kbps, 96u);
+  EXPECT_TRUE(dialog.settings().mono);
 }
 
 TEST(PickerDialogTest, NothingToPickLeavesShareDisabledAndCancelLeavesNoResult) {

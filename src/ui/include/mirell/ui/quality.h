@@ -1,0 +1,41 @@
+// What a share sends: size, frame rate, the two bit rates and mono. Stored with QSettings under
+// "quality/..." and not trusted when read back: anything out of range is replaced on load.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace mirell::ui {
+
+struct QualitySettings {
+  std::uint32_t width = 1280;
+  std::uint32_t height = 720;
+  std::uint32_t fps = 30;
+  std::uint32_t video_kbps = 6000;
+  std::uint32_t audio_kbps = 128;
+  bool mono = false;
+};
+
+struct SizePreset {
+  std::uint32_t width;
+  std::uint32_t height;
+  std::string text;
+};
+
+// The choices the dialog offers, in order.
+const std::vector<SizePreset>& SizePresets();
+const std::vector<std::uint32_t>& FpsPresets();
+const std::vector<std::uint32_t>& VideoKbpsPresets();
+const std::vector<std::uint32_t>& AudioKbpsPresets();
+
+// Out-of-range values replaced by the defaults (not the nearest bound), each with a warn line;
+// the sound rate snapped to the nearest preset (the lower on a tie); width and height even.
+QualitySettings Sanitise(QualitySettings settings);
+
+// Through a default QSettings (the application's organisation and name decide the file).
+QualitySettings LoadQualitySettings();
+// Written as given, not sanitised.
+void SaveQualitySettings(const QualitySettings& settings);
+
+}  // namespace mirell::ui
