@@ -1,6 +1,7 @@
 #include "admission_prompt.h"
 
 #include <QAbstractButton>
+#include <QCheckBox>
 #include <QCoreApplication>
 #include <QMessageBox>
 #include <QPushButton>
@@ -25,17 +26,32 @@ QString InformativeText(const QString& connection_id, const QString& user_id,
 
 }  // namespace
 
-bool AskAdmission(QWidget* parent, const QString& share_label, const QString& connection_id,
-                  const QString& user_id, const QString& display_name) {
+AdmissionAnswer AskAdmission(QWidget* parent, const QString& share_label,
+                             const QString& connection_id, const QString& user_id,
+                             const QString& display_name) {
   QMessageBox box(parent);
   box.setWindowTitle(Tr("Let them watch?"));
   box.setIcon(QMessageBox::Question);
   box.setText(Tr("Someone is asking to watch %1.").arg(share_label));
   box.setInformativeText(InformativeText(connection_id, user_id, display_name));
+  // Without a user id there is nothing to remember them by.
+  QCheckBox* always = nullptr;
+  if (!user_id.isEmpty()) {
+    always = new QCheckBox(display_name.isEmpty()
+                               ? Tr("Let them in from now on without asking")
+                               : Tr("Always let %1 in without asking").arg(display_name),
+                           &box);
+    always->setToolTip(Tr("Adds them to Who can watch, so they skip this next time. Anyone who "
+                          "has your link and knows that user id gets in too."));
+    box.setCheckBox(always);
+  }
   QPushButton* let_in = box.addButton(Tr("Let them watch"), QMessageBox::AcceptRole);
   box.addButton(Tr("No"), QMessageBox::RejectRole);
   box.exec();
-  return box.clickedButton() == let_in;
+  AdmissionAnswer answer;
+  answer.admit = box.clickedButton() == let_in;
+  answer.remember = answer.admit && always != nullptr && always->isChecked();
+  return answer;
 }
 
 }  // namespace mirell::ui

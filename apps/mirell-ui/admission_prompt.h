@@ -7,8 +7,13 @@ class QWidget;
 
 namespace mirell::ui {
 
-// True only when "Let them watch" was clicked; "No", closing the box or anything else is a no.
-bool AskAdmission(QWidget* parent, const QString& share_label, const QString& connection_id,
-                  const QString& user_id, const QString& display_name);
+struct AdmissionAnswer {
+  bool admit = false;     // Only when "Let them watch" was clicked; closing the box is a no.
+  bool remember = false;  // Admitted with "Always let ... in" ticked (offered only with a user id).
+};
+
+AdmissionAnswer AskAdmission(QWidget* parent, const QString& share_label,
+                             const QString& connection_id, const QString& user_id,
+                             const QString& display_name);
 
 }  // namespace mirell::ui

@@ -25,6 +25,7 @@
 #include "mirell/base/version.h"
 #include "mirell/daemon/winsock.h"
 #include "mirell/encode/media_runtime.h"
+#include "mirell/ui/allowlist.h"
 #include "mirell/ui/quality.h"
 #include "options.h"
 #include "quit_on_signal.h"
@@ -114,6 +115,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "mirell-ui: %s\n", share.error.c_str());
     return 2;
   }
+  config.allowlist = AllowlistToMap(LoadAllowlist());
   // For this run only: nothing is stored.
   for (const std::string& user_id : share.allow) config.allowlist.emplace(user_id, user_id);
   if (share.width) {

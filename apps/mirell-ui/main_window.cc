@@ -20,6 +20,7 @@
 #include <exception>
 
 #include "admission_prompt.h"
+#include "allowlist_dialog.h"
 #include "daemon_host.h"
 #include "picker_dialog.h"
 #include "program_icon.h"
@@ -138,9 +139,8 @@ void MainWindow::BuildLayout() {
   button_row->addWidget(allowlist_button_);
   button_row->addWidget(network_button_);
   layout->addLayout(button_row);
-  // The network and allowlist dialogs are not built yet: their buttons stay out of sight until
-  // they are, so that nothing on screen does nothing.
-  allowlist_button_->hide();
+  // The network dialog is not built yet: its button stays out of sight until it is, so that
+  // nothing on screen does nothing.
   network_button_->hide();
 
   setCentralWidget(central);
@@ -149,6 +149,7 @@ void MainWindow::BuildLayout() {
   connect(stop_button_, &QPushButton::clicked, this, &MainWindow::StopSharing);
   connect(copy_button_, &QPushButton::clicked, this, &MainWindow::CopyShareUrl);
   connect(quality_button_, &QPushButton::clicked, this, &MainWindow::EditQuality);
+  connect(allowlist_button_, &QPushButton::clicked, this, &MainWindow::EditAllowlist);
   connect(new_link_button_, &QPushButton::clicked, this, &MainWindow::NewLink);
   connect(remove_button_, &QPushButton::clicked, this, &MainWindow::RemoveViewer);
   connect(extend_button_, &QPushButton::clicked, this, &MainWindow::ExtendShare);
@@ -166,10 +167,10 @@ void MainWindow::BuildTray() {
   connect(menu->addAction(tr("Stop sharing")), &QAction::triggered, this,
           &MainWindow::StopSharing);
   menu->addSeparator();
-  // Hidden with their buttons until their dialogs exist.
-  menu->addAction(tr("Who can watch..."))->setVisible(false);
+  connect(menu->addAction(tr("Who can watch...")), &QAction::triggered, this,
+          &MainWindow::EditAllowlist);
   connect(menu->addAction(tr("Quality...")), &QAction::triggered, this, &MainWindow::EditQuality);
-  menu->addAction(tr("Network..."))->setVisible(false);
+  menu->addAction(tr("Network..."))->setVisible(false);  // Hidden with its button until it exists.
   menu->addSeparator();
   // exit, not quit: Qt 6's quit first asks every window to close, and this window's close only
   // hides it while the tray is there, which would cancel the quit.
@@ -330,6 +331,13 @@ void MainWindow::EditQuality() {
   Refresh();
 }
 
+void MainWindow::EditAllowlist() {
+  AllowlistDialog dialog(LoadAllowlist(), this);
+  if (dialog.exec() != QDialog::Accepted) return;
+  SaveAllowlist(dialog.entries());
+  host_->SetAllowlist(AllowlistToMap(dialog.entries()));
+}
+
 void MainWindow::NewLink() {
   session::Sharing& sharing = host_->sharing();
   if (!sharing.active()) return;
@@ -365,11 +373,20 @@ void MainWindow::ViewerSelectionChanged() {
 
 void MainWindow::PromptAdmission(QString connection_id, QString user_id, QString display_name) {
   session::Sharing& sharing = host_->sharing();
-  const bool admit = AskAdmission(this, Q(sharing.label()), connection_id, user_id, display_name);
-  if (admit) {
-    sharing.Admit(connection_id.toStdString());
-  } else {
+  const AdmissionAnswer answer =
+      AskAdmission(this, Q(sharing.label()), connection_id, user_id, display_name);
+  if (!answer.admit) {
     sharing.Deny(connection_id.toStdString());
+    Refresh();
+    return;
+  }
+  sharing.Admit(connection_id.toStdString());
+  if (answer.remember) {
+    std::vector<AllowlistEntry> entries = LoadAllowlist();
+    if (AddToAllowlist(entries, user_id.toStdString(), display_name.toStdString())) {
+      SaveAllowlist(entries);
+      host_->SetAllowlist(AllowlistToMap(entries));
+    }
   }
   Refresh();
 }

@@ -8,6 +8,8 @@
 #include <QLabel>
 #include <QPushButton>
 #include <QWidget>
+#include <unistd.h>
+
 #include <filesystem>
 #include <string>
 
@@ -19,6 +21,13 @@ inline QApplication& TestApplication() {
   static char* argv[] = {name, nullptr};
   static QApplication* application = [] {
     qputenv("QT_QPA_PLATFORM", "offscreen");
+    // Stored settings go to a directory of the run's own, never the user's.
+    static const std::filesystem::path config =
+        std::filesystem::temp_directory_path() / ("mirell-window-tests-" + std::to_string(getpid()));
+    std::filesystem::create_directories(config);
+    qputenv("XDG_CONFIG_HOME", QByteArray::fromStdString(config.string()));
+    QApplication::setOrganizationName("Mirell");
+    QApplication::setApplicationName("Mirell");
     return new QApplication(argc, argv);
   }();
   return *application;

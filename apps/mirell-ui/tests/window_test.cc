@@ -9,6 +9,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QListWidget>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTableWidget>
@@ -17,6 +18,7 @@
 #include <functional>
 
 #include "admission_prompt.h"
+#include "allowlist_dialog.h"
 #include "daemon_host.h"
 #include "main_window.h"
 #include "mirell/testsupport/subprocess.h"
@@ -160,7 +162,7 @@ TEST(AdmissionPrompt, ClosingTheBoxIsANo) {
     informative = box.informativeText();
     box.close();
   });
-  EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-7", "usr_1", "Ann"));
+  EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-7", "usr_1", "Ann").admit);
   EXPECT_EQ(text, "Someone is asking to watch Game.");
   EXPECT_EQ(informative, "Says they're Ann in VRChat (usr_1). Mirell can't check that.");
 }
@@ -172,14 +174,14 @@ TEST(AdmissionPrompt, LetThemWatchIsAYesAndNoIsANo) {
     informative = dynamic_cast<QMessageBox&>(modal).informativeText();
     ButtonNamed(modal, "Let them watch")->click();
   });
-  EXPECT_TRUE(AskAdmission(nullptr, "Game", "conn-7", "", ""));
+  EXPECT_TRUE(AskAdmission(nullptr, "Game", "conn-7", "", "").admit);
   EXPECT_EQ(informative, "They didn't say who they are. Mirell only knows them as conn-7.");
 
   WhenModalOpens([&](QWidget& modal) {
     informative = dynamic_cast<QMessageBox&>(modal).informativeText();
     ButtonNamed(modal, "No")->click();
   });
-  EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-7", "usr_2", ""));
+  EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-7", "usr_2", "").admit);
   EXPECT_EQ(informative, "Says they're usr_2 in VRChat. Mirell can't check that.");
 }
 
@@ -251,6 +253,82 @@ TEST_F(MainWindowTest, TheUntrustedUrlBannerShowsOnlyWhenVRChatSaysItIsOff) {
   SaveScreenshot(window, "main_window_untrusted_urls_off");
 }
 
+TEST(AdmissionPrompt, AViewerWithAnIdCanBeRememberedOnlyWhenLetIn) {
+  TestApplication();
+  QString box_text;
+  QString tip;
+  WhenModalOpens([&](QWidget& modal) {
+    QCheckBox* always = dynamic_cast<QMessageBox&>(modal).checkBox();
+    ASSERT_NE(always, nullptr);
+    box_text = always->text();
+    tip = always->toolTip();
+    always->setChecked(true);
+    ButtonNamed(modal, "Let them watch")->click();
+  });
+  const AdmissionAnswer answer = AskAdmission(nullptr, "Game", "conn-7", "usr_1", "Ann");
+  EXPECT_TRUE(answer.admit);
+  EXPECT_TRUE(answer.remember);
+  EXPECT_EQ(box_text, "Always let Ann in without asking");
+  EXPECT_EQ(tip, "Adds them to Who can watch, so they skip this next time. Anyone who has your "
+                 "link and knows that user id gets in too.");
+
+  WhenModalOpens([&](QWidget& modal) {
+    QCheckBox* always = dynamic_cast<QMessageBox&>(modal).checkBox();
+    ASSERT_NE(always, nullptr);
+    box_text = always->text();
+    always->setChecked(true);
+    modal.close();
+  });
+  const AdmissionAnswer closed = AskAdmission(nullptr, "Game", "conn-8", "usr_2", "");
+  EXPECT_FALSE(closed.admit);
+  EXPECT_FALSE(closed.remember) << "a no remembers nobody";
+  EXPECT_EQ(box_text, "Let them in from now on without asking");
+
+  bool had_check_box = true;
+  WhenModalOpens([&](QWidget& modal) {
+    had_check_box = dynamic_cast<QMessageBox&>(modal).checkBox() != nullptr;
+    ButtonNamed(modal, "Let them watch")->click();
+  });
+  EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-9", "", "").remember);
+  EXPECT_FALSE(had_check_box) << "without an id there is nothing to remember them by";
+}
+
+TEST(AllowlistDialogTest, AWrongIdIsFramedRedAndKeptAndARightOneIsListed) {
+  TestApplication();
+  AllowlistDialog dialog(std::vector<AllowlistEntry>{{"4KxR2TmqZa", ""}});
+  dialog.show();
+  EXPECT_EQ(dialog.windowTitle(), "Who can watch without being asked");
+  auto* list = dialog.findChild<QListWidget*>();
+  const QList<QLineEdit*> edits = dialog.findChildren<QLineEdit*>();
+  ASSERT_EQ(edits.size(), 2);
+  ASSERT_EQ(list->count(), 1);
+  EXPECT_EQ(list->item(0)->text(), "4KxR2TmqZa");
+  EXPECT_FALSE(ButtonNamed(dialog, "Remove selected")->isEnabled());
+
+  edits[0]->setText("usr_nope");
+  ButtonNamed(dialog, "Add")->click();
+  EXPECT_EQ(edits[0]->text(), "usr_nope") << "kept to be corrected";
+  EXPECT_EQ(edits[0]->styleSheet(), "QLineEdit { border: 1px solid red; }");
+  EXPECT_TRUE(edits[0]->toolTip().startsWith("That isn't a VRChat user id."));
+  EXPECT_EQ(list->count(), 1);
+
+  edits[0]->setText("  usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413 ");
+  edits[1]->setText("Ann");
+  ButtonNamed(dialog, "Add")->click();
+  EXPECT_TRUE(edits[0]->text().isEmpty());
+  EXPECT_TRUE(edits[0]->styleSheet().isEmpty());
+  ASSERT_EQ(list->count(), 2);
+  EXPECT_EQ(list->item(1)->text(), "Ann (usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413)");
+  SaveScreenshot(dialog, "allowlist_dialog");
+
+  list->item(0)->setSelected(true);
+  ASSERT_TRUE(ButtonNamed(dialog, "Remove selected")->isEnabled());
+  ButtonNamed(dialog, "Remove selected")->click();
+  ASSERT_EQ(dialog.entries().size(), 1u);
+  EXPECT_EQ(dialog.entries()[0].name, "Ann");
+  EXPECT_FALSE(ButtonNamed(dialog, "Remove selected")->isEnabled());
+}
+
 TEST(QualityDialogTest, BitratesInTwoSignificantDigits) {
   TestApplication();
   EXPECT_EQ(BitrateText(900), "900 kbit/s");
@@ -307,6 +385,28 @@ TEST(QualityDialogTest, HandSetValuesSurviveAsExtraChoicesAndOkReturnsTheChoice)
   EXPECT_EQ(dialog.settings().video_kbps, 7000u);
   EXPECT_EQ(dialog.settings().audio_kbps, 96u);
   EXPECT_TRUE(dialog.settings().mono);
+}
+
+TEST_F(MainWindowTest, LettingSomeoneInForGoodStoresThemOnTheList) {
+  MainWindow window(host_.get());
+  SaveAllowlist({});
+  WhenModalOpens([](QWidget& modal) {
+    dynamic_cast<QMessageBox&>(modal).checkBox()->setChecked(true);
+    ButtonNamed(modal, "Let them watch")->click();
+  });
+  window.PromptAdmission("conn-1", "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413", "Ann");
+  const std::vector<AllowlistEntry> stored = LoadAllowlist();
+  ASSERT_EQ(stored.size(), 1u);
+  EXPECT_EQ(stored[0].user_id, "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413");
+  EXPECT_EQ(stored[0].name, "Ann");
+
+  WhenModalOpens([](QWidget& modal) {
+    dynamic_cast<QMessageBox&>(modal).checkBox()->setChecked(true);
+    ButtonNamed(modal, "No")->click();
+  });
+  window.PromptAdmission("conn-2", "usr_0a1b2c3d-4e5f-6789-abcd-ef0123456789", "Bob");
+  EXPECT_EQ(LoadAllowlist().size(), 1u) << "someone turned away is not remembered";
+  SaveAllowlist({});
 }
 
 TEST(PickerDialogTest, NothingToPickLeavesShareDisabledAndCancelLeavesNoResult) {

@@ -2,48 +2,25 @@
 // configuration directory, with the ranges, the defaults and the presets of the settings.
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
-#include <QSettings>
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
 
 #include "mirell/base/logging.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/ui/quality.h"
+#include "temporary_settings.h"
 
 namespace mirell::ui {
 namespace {
 
-class QualityStore : public ::testing::Test {
+class QualityStore : public TemporarySettings {
  protected:
-  static void SetUpTestSuite() {
-    // Before the first QSettings: where it looks is fixed then.
-    config_ = new testsupport::TempDir;
-    setenv("XDG_CONFIG_HOME", config_->path().c_str(), 1);
-    QCoreApplication::setOrganizationName("Mirell");
-    QCoreApplication::setApplicationName("Mirell");
-  }
-  static void TearDownTestSuite() {
-    delete config_;
-    config_ = nullptr;
-  }
   void SetUp() override {
-    QSettings().clear();
+    TemporarySettings::SetUp();
     ASSERT_TRUE(SetLogFile(log_dir_.path() / "log"));
-  }
-
-  static void Store(const char* key, const QVariant& value) {
-    QSettings settings;
-    settings.setValue(key, value);
   }
   std::string Log() const { return testsupport::ReadFileText(log_dir_.path() / "log"); }
 
-  static testsupport::TempDir* config_;
   testsupport::TempDir log_dir_;
 };
-
-testsupport::TempDir* QualityStore::config_ = nullptr;
 
 TEST_F(QualityStore, NothingStoredGivesTheDefaults) {
   const QualitySettings loaded = LoadQualitySettings();
@@ -64,7 +41,7 @@ TEST_F(QualityStore, WhatIsSavedIsLoadedInTheConfigurationFileOfMirell) {
   EXPECT_EQ(loaded.video_kbps, 16000u);
   EXPECT_EQ(loaded.audio_kbps, 192u);
   EXPECT_TRUE(loaded.mono);
-  const std::string file = testsupport::ReadFileText(config_->path() / "Mirell" / "Mirell.conf");
+  const std::string file = testsupport::ReadFileText(ConfigDirectory() / "Mirell" / "Mirell.conf");
   EXPECT_NE(file.find("[quality]"), std::string::npos) << file;
   EXPECT_NE(file.find("videoKbps=16000"), std::string::npos) << file;
 }
