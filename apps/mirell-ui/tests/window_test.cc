@@ -387,6 +387,27 @@ TEST(QualityDialogTest, HandSetValuesSurviveAsExtraChoicesAndOkReturnsTheChoice)
   EXPECT_TRUE(dialog.settings().mono);
 }
 
+TEST_F(MainWindowTest, TheVRChatAccountOfItsLogIsShownWithTheLogsName) {
+  // VRChat under Proton, signed in, with a log in its prefix under the temporary home.
+  const std::filesystem::path vrchat =
+      home_.path() / ".local/share/Steam/steamapps/compatdata/438100/pfx/drive_c/users/steamuser/"
+                     "AppData/LocalLow/VRChat/VRChat";
+  std::filesystem::create_directories(vrchat);
+  std::ofstream(vrchat / "output_log_2026-11-24_10-00-00.txt")
+      << "2026.11.24 10:00:01 Log        -  User Authenticated: Ann (usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413)\n";
+  MainWindow window(host_.get());
+  const QLabel* account = nullptr;
+  for (const QLabel* label : window.findChildren<QLabel*>()) {
+    if (label->text().startsWith("VRChat account:")) account = label;
+  }
+  ASSERT_NE(account, nullptr);
+  EXPECT_EQ(account->text(), "VRChat account: Ann (usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413)");
+  EXPECT_EQ(account->toolTip(),
+            "Read from output_log_2026-11-24_10-00-00.txt.\n\nThis is who you show up as when you "
+            "watch someone else's share.");
+  EXPECT_TRUE(account->textInteractionFlags() & Qt::TextSelectableByMouse);
+}
+
 TEST_F(MainWindowTest, LettingSomeoneInForGoodStoresThemOnTheList) {
   MainWindow window(host_.get());
   SaveAllowlist({});
