@@ -29,6 +29,7 @@ struct DaemonConfig {
   std::uint32_t ice_policy = 0;
   std::map<std::string, std::string> allowlist;  // User id to name.
   bool install_stub = true;
+  std::int64_t share_lifetime_minutes = 360;  // A share ends by itself after this; 0: never.
 };
 
 }  // namespace mirell::ui

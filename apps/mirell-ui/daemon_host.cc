@@ -25,6 +25,7 @@ session::Sharing::Config SharingConfigOf(const DaemonConfig& config) {
   sharing.ice_servers = config.ice_servers;
   sharing.ice_policy = config.ice_policy;
   sharing.share_prefix = config.share_prefix;
+  sharing.lifetime_minutes = config.share_lifetime_minutes;
   return sharing;
 }
 

@@ -245,5 +245,30 @@ TEST_F(WindowOnX11, PickingAWindowInTheMainWindowStartsAShareAndStopEndsIt) {
   EXPECT_EQ(main_window.tray()->toolTip(), "Mirell");
 }
 
+TEST_F(WindowOnX11, AShareWithoutATimeLimitOffersNoExtensionAndNoCountdown) {
+  capture::TestWindow window(display_->name(), {"--title", "Without a limit", "--size", "320x200",
+                                                "--color", "0000ff", "--color2", "ffff00", "--bars"});
+  ASSERT_NE(window.id(), 0u);
+  DaemonConfig config;
+  config.signal_url.clear();
+  config.install_stub = false;
+  config.share_lifetime_minutes = 0;
+  DaemonHost host(config);
+  MainWindow main_window(&host);
+  main_window.show();
+  session::ShareTarget target;
+  target.capture.kind = capture::CaptureKind::kWindow;
+  target.capture.window = window.id();
+  target.label = "Without a limit";
+  host.sharing().Start(target);
+  ASSERT_TRUE(ProcessEventsUntil(
+      [&] { return !LabelStartingWith(main_window, "Sharing Without a limit.").isEmpty(); }));
+  EXPECT_LT(host.sharing().seconds_left(), 1);
+  EXPECT_TRUE(LabelStartingWith(main_window, "Stops by itself").isEmpty());
+  EXPECT_FALSE(ButtonNamed(main_window, "Give it longer")->isEnabled());
+  EXPECT_TRUE(ButtonNamed(main_window, "Stop sharing")->isEnabled());
+  host.sharing().Stop();
+}
+
 }  // namespace
 }  // namespace mirell::ui
