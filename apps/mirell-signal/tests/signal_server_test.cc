@@ -15,6 +15,7 @@
 #include "mirell/base/logging.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
+#include "mirell/testsupport/test_certificates.h"
 #include "mirell/transport/signal_client.h"
 
 namespace mirell::signal {
@@ -204,38 +205,11 @@ TEST(SignalServer, ConnectionsBeyondTheLimitAreClosedAtOnce) {
             std::string::npos);
 }
 
-// A CA, and server certificates for "localhost" and for another name, made with openssl.
-class TestCertificates {
- public:
-  TestCertificates() {
-    const auto run = [](const std::vector<std::string>& argv) {
-      const auto result = testsupport::RunProcess(argv);
-      ASSERT_EQ(result.exit_code, 0) << result.err;
-    };
-    const auto at = [this](const char* name) { return (dir_.path() / name).string(); };
-    run({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=Mirell Test CA",
-         "-keyout", at("ca.key"), "-out", at("ca.pem")});
-    for (const auto& [name, san] : {std::pair<std::string, std::string>{"localhost", "DNS:localhost,IP:127.0.0.1"},
-                                    {"other", "DNS:other.example"}}) {
-      run({"openssl", "req", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=" + name, "-keyout",
-           at((name + ".key").c_str()), "-out", at((name + ".csr").c_str())});
-      std::ofstream(at((name + ".ext").c_str())) << "subjectAltName=" << san << "\n";
-      run({"openssl", "x509", "-req", "-in", at((name + ".csr").c_str()), "-CA", at("ca.pem"), "-CAkey",
-           at("ca.key"), "-CAcreateserial", "-days", "2", "-extfile", at((name + ".ext").c_str()), "-out",
-           at((name + ".pem").c_str())});
-    }
-  }
-  std::string Path(const std::string& name) const { return (dir_.path() / name).string(); }
-
- private:
-  testsupport::TempDir dir_;
-};
-
 class SignalServerTls : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     if (!testsupport::HaveProgram("openssl")) return;
-    certificates_ = new TestCertificates();
+    certificates_ = new testsupport::TestCertificates();
   }
   static void TearDownTestSuite() {
     delete certificates_;
@@ -271,11 +245,11 @@ class SignalServerTls : public ::testing::Test {
   }
   std::string log() { return testsupport::ReadFileText(log_dir_.path() / "log"); }
 
-  static TestCertificates* certificates_;
+  static testsupport::TestCertificates* certificates_;
   testsupport::TempDir log_dir_;
 };
 
-TestCertificates* SignalServerTls::certificates_ = nullptr;
+testsupport::TestCertificates* SignalServerTls::certificates_ = nullptr;
 
 TEST_F(SignalServerTls, ACertificateOfATrustedCaForTheHostIsAccepted) {
   setenv("SSL_CERT_FILE", certificates_->Path("ca.pem").c_str(), 1);

@@ -22,7 +22,7 @@
 #include "mirell/base/version.h"
 #include "mirell/transport/web_socket.h"
 #include "tls_context.h"
-#include "web_socket_url.h"
+#include "server_url.h"
 
 namespace mirell::transport {
 namespace {
@@ -47,7 +47,7 @@ using SecureStream = websocket::stream<net::ssl::stream<beast::tcp_stream>>;
 // destroyed on its own I/O thread (from a callback) leaves the thread a living object.
 class Core : public std::enable_shared_from_this<Core> {
  public:
-  void Open(WebSocketUrl url, WebSocket::Handlers handlers) {
+  void Open(ServerUrl url, WebSocket::Handlers handlers) {
     url_ = std::move(url);
     {
       std::lock_guard lock(mutex_);
@@ -250,7 +250,7 @@ class Core : public std::enable_shared_from_this<Core> {
   std::optional<net::ssl::context> tls_;
   std::optional<PlainStream> plain_;
   std::optional<SecureStream> secure_;
-  WebSocketUrl url_;
+  ServerUrl url_;
   std::mutex mutex_;  // Guards handlers_ only.
   WebSocket::Handlers handlers_;
   std::atomic<bool> open_{false};

@@ -1,11 +1,11 @@
-#include "web_socket_url.h"
+#include "server_url.h"
 
 #include <gtest/gtest.h>
 
 namespace mirell::transport {
 namespace {
 
-TEST(WebSocketUrl, SchemesPortsAndTargets) {
+TEST(ServerUrl, SchemesPortsAndTargets) {
   auto url = ParseWebSocketUrl("wss://mirell.example/signal");
   ASSERT_TRUE(url);
   EXPECT_TRUE(url->secure);
@@ -32,11 +32,26 @@ TEST(WebSocketUrl, SchemesPortsAndTargets) {
   EXPECT_EQ(url->target, "/?x=1");
 }
 
-TEST(WebSocketUrl, AnythingElseIsRefused) {
+TEST(ServerUrl, AnythingElseIsRefused) {
   for (const char* text : {"https://mirell.example/signal", "mirell.example/signal", "ws://",
                            "ws://:80/", "ws://host:0/", "ws://host:65536/", "ws://host:8x/",
                            "ws://user:pw@host/", "ws://[::1/", "ws://[::1]x/", ""}) {
     EXPECT_FALSE(ParseWebSocketUrl(text).has_value()) << text;
+  }
+}
+
+TEST(ServerUrl, HttpsTakesTheSameFormAndOnlyThatScheme) {
+  auto url = ParseHttpsUrl("HTTPS://updates.mirell.example:8443/latest?channel=1");
+  ASSERT_TRUE(url);
+  EXPECT_TRUE(url->secure);
+  EXPECT_EQ(url->host, "updates.mirell.example");
+  EXPECT_EQ(url->port, "8443");
+  EXPECT_EQ(url->target, "/latest?channel=1");
+  EXPECT_EQ(ParseHttpsUrl("https://mirell.example")->port, "443");
+  EXPECT_EQ(ParseHttpsUrl("https://mirell.example")->target, "/");
+  for (const char* text : {"http://mirell.example/latest", "wss://mirell.example/latest",
+                           "https://", "https://user@host/", "https://host:0/", "ftp://host/"}) {
+    EXPECT_FALSE(ParseHttpsUrl(text).has_value()) << text;
   }
 }
 

@@ -1,4 +1,4 @@
-#include "web_socket_url.h"
+#include "server_url.h"
 
 #include <charconv>
 
@@ -17,18 +17,10 @@ bool ValidPort(std::string_view text) {
   return error == std::errc{} && end == text.data() + text.size() && value >= 1 && value <= 65535;
 }
 
-}  // namespace
-
-std::optional<WebSocketUrl> ParseWebSocketUrl(std::string_view url) {
-  WebSocketUrl parts;
-  if (StartsWithNoCase(url, "wss://")) {
-    parts.secure = true;
-    url.remove_prefix(6);
-  } else if (StartsWithNoCase(url, "ws://")) {
-    url.remove_prefix(5);
-  } else {
-    return std::nullopt;
-  }
+// Everything after the scheme's "//".
+std::optional<ServerUrl> ParseAfterScheme(std::string_view url, bool secure) {
+  ServerUrl parts;
+  parts.secure = secure;
   const auto authority_end = url.find_first_of("/?#");
   const std::string_view authority = url.substr(0, authority_end);
   std::string_view rest = authority_end == std::string_view::npos ? std::string_view()
@@ -59,6 +51,19 @@ std::optional<WebSocketUrl> ParseWebSocketUrl(std::string_view url) {
   parts.host_header = std::string(authority);
   parts.target = rest.empty() || rest.front() == '?' ? "/" + std::string(rest) : std::string(rest);
   return parts;
+}
+
+}  // namespace
+
+std::optional<ServerUrl> ParseWebSocketUrl(std::string_view url) {
+  if (StartsWithNoCase(url, "wss://")) return ParseAfterScheme(url.substr(6), true);
+  if (StartsWithNoCase(url, "ws://")) return ParseAfterScheme(url.substr(5), false);
+  return std::nullopt;
+}
+
+std::optional<ServerUrl> ParseHttpsUrl(std::string_view url) {
+  if (StartsWithNoCase(url, "https://")) return ParseAfterScheme(url.substr(8), true);
+  return std::nullopt;
 }
 
 }  // namespace mirell::transport

@@ -1,0 +1,144 @@
+#include "mirell/transport/https_get.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+
+#include "mirell/base/logging.h"
+#include "mirell/testsupport/https_test_server.h"
+
+namespace mirell::transport {
+namespace {
+
+using namespace std::chrono_literals;
+
+class HttpsGetTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    certificates_ = new testsupport::TestCertificates();
+    server_ = new testsupport::HttpsTestServer(*certificates_);
+  }
+  static void TearDownTestSuite() {
+    delete server_;
+    delete certificates_;
+  }
+  void SetUp() override { setenv("SSL_CERT_FILE", certificates_->Path("ca.pem").c_str(), 1); }
+  void TearDown() override { unsetenv("SSL_CERT_FILE"); }
+
+  static testsupport::TestCertificates* certificates_;
+  static testsupport::HttpsTestServer* server_;
+};
+
+testsupport::TestCertificates* HttpsGetTest::certificates_ = nullptr;
+testsupport::HttpsTestServer* HttpsGetTest::server_ = nullptr;
+
+// A TCP port that takes connections (the kernel completes them) and never says a word.
+class SilentListener {
+ public:
+  SilentListener() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::listen(fd_, 4);
+    socklen_t size = sizeof address;
+    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
+    port_ = ntohs(address.sin_port);
+  }
+  ~SilentListener() { ::close(fd_); }
+  int port() const { return port_; }
+
+ private:
+  int fd_ = -1;
+  int port_ = 0;
+};
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+TEST_F(HttpsGetTest, TheLimitsAreFiveSecondsAPhaseAndEightKilobytes) {
+  const HttpsGetLimits limits;
+  EXPECT_EQ(limits.phase, 5000ms);
+  EXPECT_EQ(limits.max_body_bytes, 8192u);
+}
+
+TEST_F(HttpsGetTest, ABodyOfAVerifiedServerArrivesWhole) {
+  server_->Put("latest", R"({"version":"0.2","url":"https://mirell.example/"})");
+  EXPECT_EQ(HttpsGet(server_->Url("/files/latest")),
+            R"({"version":"0.2","url":"https://mirell.example/"})");
+  EXPECT_EQ(HttpsGet(server_->Url("/files/latest", "localhost")),
+            R"({"version":"0.2","url":"https://mirell.example/"})");
+}
+
+TEST_F(HttpsGetTest, PlainHttpIsRefusedWithoutAsking) {
+  server_->Put("plain", "answer");
+  const std::string url = "http://127.0.0.1:" + std::to_string(server_->port()) + "/files/plain";
+  EXPECT_FALSE(HttpsGet(url).has_value());
+  EXPECT_FALSE(HttpsGet("").has_value());
+  EXPECT_FALSE(HttpsGet("not a url").has_value());
+}
+
+TEST_F(HttpsGetTest, AnyStatusButTwoHundredGivesNothing) {
+  for (const int status : {201, 204, 301, 404, 500}) {
+    EXPECT_FALSE(HttpsGet(server_->Url("/status/" + std::to_string(status))).has_value())
+        << status;
+  }
+  EXPECT_TRUE(HttpsGet(server_->Url("/status/200")).has_value());
+}
+
+TEST_F(HttpsGetTest, EightKilobytesArriveAndOneByteMoreIsDropped) {
+  server_->Put("exact", std::string(8192, 'a'));
+  server_->Put("over", std::string(8193, 'a'));
+  const std::optional<std::string> exact = HttpsGet(server_->Url("/files/exact"));
+  ASSERT_TRUE(exact.has_value());
+  EXPECT_EQ(exact->size(), 8192u);
+  EXPECT_FALSE(HttpsGet(server_->Url("/files/over")).has_value());
+}
+
+TEST_F(HttpsGetTest, ACertificateForAnotherNameOrFromAnUnknownAuthorityIsRefused) {
+  server_->Put("latest", "{}");
+  testsupport::HttpsTestServer other(*certificates_, "other");
+  other.Put("latest", "{}");
+  EXPECT_FALSE(HttpsGet(other.Url("/files/latest")).has_value());
+  // The system's store, which does not hold the tests' authority.
+  unsetenv("SSL_CERT_FILE");
+  EXPECT_FALSE(HttpsGet(server_->Url("/files/latest")).has_value());
+}
+
+TEST_F(HttpsGetTest, AServerThatNeverAnswersEndsTheRequestAtTheLimit) {
+  const HttpsGetLimits limits{1000ms, 8192};
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(HttpsGet(server_->Url("/silent"), limits).has_value());
+  const double after_request = SecondsSince(start);
+  EXPECT_GE(after_request, 0.9);
+  EXPECT_LT(after_request, 3.5);  // Connect and send are quick; the receive phase ran out.
+
+  SilentListener listener;
+  start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(
+      HttpsGet("https://127.0.0.1:" + std::to_string(listener.port()) + "/latest", limits)
+          .has_value());
+  const double after_handshake = SecondsSince(start);
+  EXPECT_GE(after_handshake, 0.9);
+  EXPECT_LT(after_handshake, 3.5);
+}
+
+TEST_F(HttpsGetTest, NothingListeningFailsAtOnce) {
+  int port = 0;
+  {
+    SilentListener closed;
+    port = closed.port();
+  }
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(HttpsGet("https://127.0.0.1:" + std::to_string(port) + "/latest").has_value());
+  EXPECT_LT(SecondsSince(start), 2.0);
+}
+
+}  // namespace
+}  // namespace mirell::transport
