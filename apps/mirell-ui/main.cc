@@ -25,12 +25,15 @@
 #include "mirell/base/version.h"
 #include "mirell/daemon/winsock.h"
 #include "mirell/encode/media_runtime.h"
+#include "mirell/transport/https_get.h"
 #include "mirell/ui/allowlist.h"
+#include "mirell/ui/network_settings.h"
 #include "mirell/ui/quality.h"
 #include "options.h"
 #include "quit_on_signal.h"
 #include "restore_mode.h"
 #include "single_instance.h"
+#include "update_prompt.h"
 
 namespace {
 
@@ -66,6 +69,8 @@ int main(int argc, char** argv) {
   // A restore run needs nothing else: no Qt, no lock, no settings.
   const int restore_result = RunRestoreMode(argc, argv);
   if (restore_result >= 0) return restore_result;
+  // The update check's thread may still be inside TLS when the process ends.
+  transport::KeepTlsThroughExit();
 
   // The instance identity must be known before anything is built.
   const StartOptions start = ScanStartOptions(ArgumentsOf(argc, argv), DaemonConfig{});
@@ -115,6 +120,11 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "mirell-ui: %s\n", share.error.c_str());
     return 2;
   }
+  const NetworkSettings network = LoadNetworkSettings();
+  config.ice_servers = BuildIceServers(network);
+  config.ice_policy = 0;
+  LOG_INFO("STUN {}, relay {}", network.stun == "custom" ? network.custom_stun : network.stun,
+           network.turn_url.empty() ? "none" : network.turn_url);
   config.allowlist = AllowlistToMap(LoadAllowlist());
   // For this run only: nothing is stored.
   for (const std::string& user_id : share.allow) config.allowlist.emplace(user_id, user_id);
@@ -163,6 +173,12 @@ int main(int argc, char** argv) {
     LogPendingViewers(host);
   }
 
+  // Once the window shows; nothing waits for its answer.
+  std::optional<UpdateCheck> update_check;
+  update_check.emplace(window.get(),
+                       QString::fromUtf8(kVersion.data(), static_cast<qsizetype>(kVersion.size())),
+                       QString::fromStdString(update_url));
+
   // After the window: a viewer of a command-line share is asked about there from the start.
   try {
     StartCommandLineShare(host, share);
@@ -175,6 +191,7 @@ int main(int argc, char** argv) {
 
   const int result = QApplication::exec();
   host.Stop();
+  update_check.reset();  // Before the window: a late answer must find no window to post to.
   window.reset();
   LOG_INFO("mirell-ui stopped ({})", result);
   return result;

@@ -22,6 +22,7 @@
 #include "admission_prompt.h"
 #include "allowlist_dialog.h"
 #include "daemon_host.h"
+#include "network_dialog.h"
 #include "picker_dialog.h"
 #include "program_icon.h"
 #include "quality_dialog.h"
@@ -139,9 +140,6 @@ void MainWindow::BuildLayout() {
   button_row->addWidget(allowlist_button_);
   button_row->addWidget(network_button_);
   layout->addLayout(button_row);
-  // The network dialog is not built yet: its button stays out of sight until it is, so that
-  // nothing on screen does nothing.
-  network_button_->hide();
 
   setCentralWidget(central);
 
@@ -149,6 +147,7 @@ void MainWindow::BuildLayout() {
   connect(stop_button_, &QPushButton::clicked, this, &MainWindow::StopSharing);
   connect(copy_button_, &QPushButton::clicked, this, &MainWindow::CopyShareUrl);
   connect(quality_button_, &QPushButton::clicked, this, &MainWindow::EditQuality);
+  connect(network_button_, &QPushButton::clicked, this, &MainWindow::EditNetwork);
   connect(allowlist_button_, &QPushButton::clicked, this, &MainWindow::EditAllowlist);
   connect(new_link_button_, &QPushButton::clicked, this, &MainWindow::NewLink);
   connect(remove_button_, &QPushButton::clicked, this, &MainWindow::RemoveViewer);
@@ -170,7 +169,7 @@ void MainWindow::BuildTray() {
   connect(menu->addAction(tr("Who can watch...")), &QAction::triggered, this,
           &MainWindow::EditAllowlist);
   connect(menu->addAction(tr("Quality...")), &QAction::triggered, this, &MainWindow::EditQuality);
-  menu->addAction(tr("Network..."))->setVisible(false);  // Hidden with its button until it exists.
+  connect(menu->addAction(tr("Network...")), &QAction::triggered, this, &MainWindow::EditNetwork);
   menu->addSeparator();
   // exit, not quit: Qt 6's quit first asks every window to close, and this window's close only
   // hides it while the tray is there, which would cancel the quit.
@@ -329,6 +328,13 @@ void MainWindow::EditQuality() {
   host_->SetQuality({chosen.width, chosen.height, chosen.fps, chosen.video_kbps, chosen.audio_kbps,
                      chosen.mono});
   Refresh();
+}
+
+void MainWindow::EditNetwork() {
+  NetworkDialog dialog(LoadNetworkSettings(), this);
+  if (dialog.exec() != QDialog::Accepted) return;
+  SaveNetworkSettings(dialog.settings());
+  host_->SetIceServers(BuildIceServers(dialog.settings()), 0);
 }
 
 void MainWindow::EditAllowlist() {

@@ -43,6 +43,7 @@ class MainWindow : public QMainWindow {
   void StopSharing();
   void CopyShareUrl();
   void EditQuality();
+  void EditNetwork();
   void EditAllowlist();
   void NewLink();
   void RemoveViewer();

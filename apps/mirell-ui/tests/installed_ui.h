@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -57,6 +58,13 @@ inline testsupport::ProcessOptions Headless(const std::filesystem::path& home) {
   std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
   options.environment["XDG_RUNTIME_DIR"] = runtime.string();
   options.environment["XDG_CONFIG_HOME"] = (home / ".config").string();  // The stored settings.
+  // Neither the user's keyring nor, unless a test stores otherwise, a STUN server on the internet.
+  options.environment["DBUS_SESSION_BUS_ADDRESS"] = std::nullopt;
+  const std::filesystem::path settings = home / ".config/Mirell/Mirell.conf";
+  if (!std::filesystem::exists(settings)) {
+    std::filesystem::create_directories(settings.parent_path());
+    std::ofstream(settings) << "[network]\nstun=none\n";
+  }
   return options;
 }
 

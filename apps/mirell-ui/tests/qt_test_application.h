@@ -7,10 +7,12 @@
 #include <QImage>
 #include <QLabel>
 #include <QPushButton>
+#include <QTimer>
 #include <QWidget>
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <string>
 
 namespace mirell::ui {
@@ -57,6 +59,19 @@ inline QPushButton* ButtonNamed(const QWidget& widget, const QString& text) {
     if (button->text() == text) return button;
   }
   return nullptr;
+}
+
+// Runs `action` on the modal widget that `exec` opens next, from inside its event loop.
+inline void WhenModalOpens(std::function<void(QWidget&)> action) {
+  auto* poll = new QTimer;
+  QObject::connect(poll, &QTimer::timeout, [poll, action] {
+    if (QWidget* modal = QApplication::activeModalWidget()) {
+      poll->stop();
+      poll->deleteLater();
+      action(*modal);
+    }
+  });
+  poll->start(10);
 }
 
 }  // namespace mirell::ui

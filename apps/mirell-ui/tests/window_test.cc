@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <QAbstractButton>
+#include <QAction>
+#include <QMenu>
+#include <QSettings>
+#include <QSystemTrayIcon>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDialogButtonBox>
 #include <QLabel>
 #include <QLineEdit>
-#include <QListWidget>
 #include <QListWidget>
 #include <QMessageBox>
 #include <QPushButton>
@@ -41,18 +44,6 @@ session::ViewerInfo Viewer(std::string id, std::string identity = {}, std::strin
 
 
 
-// Runs `action` on the modal widget that `exec` opens next, from inside its event loop.
-void WhenModalOpens(std::function<void(QWidget&)> action) {
-  auto* poll = new QTimer;
-  QObject::connect(poll, &QTimer::timeout, [poll, action] {
-    if (QWidget* modal = QApplication::activeModalWidget()) {
-      poll->stop();
-      poll->deleteLater();
-      action(*modal);
-    }
-  });
-  poll->start(10);
-}
 
 TEST(WindowTexts, DurationsRollOverAtAMinuteAndAnHour) {
   TestApplication();
@@ -428,6 +419,42 @@ TEST_F(MainWindowTest, LettingSomeoneInForGoodStoresThemOnTheList) {
   window.PromptAdmission("conn-2", "usr_0a1b2c3d-4e5f-6789-abcd-ef0123456789", "Bob");
   EXPECT_EQ(LoadAllowlist().size(), 1u) << "someone turned away is not remembered";
   SaveAllowlist({});
+}
+
+TEST_F(MainWindowTest, NetworkSavesTheChoiceAndHandsItsServersToTheHost) {
+  MainWindow window(host_.get());
+  window.show();
+  QPushButton* network = ButtonNamed(window, "Network...");
+  ASSERT_NE(network, nullptr);
+  EXPECT_TRUE(network->isVisible());
+  QStringList menu;
+  for (const QAction* action : window.tray()->contextMenu()->actions()) {
+    if (!action->isSeparator() && action->isVisible()) menu << action->text();
+  }
+  EXPECT_EQ(menu, (QStringList{"Show", "Share something...", "Stop sharing", "Who can watch...",
+                               "Quality...", "Network...", "Quit Mirell"}));
+
+  WhenModalOpens([](QWidget& modal) {
+    auto* combo = modal.findChild<QComboBox*>();
+    combo->setCurrentIndex(combo->findData("google"));
+    for (QLineEdit* edit : modal.findChildren<QLineEdit*>()) {
+      if (edit->placeholderText().startsWith("turn:")) edit->setText(" turn:relay.example:3478 ");
+    }
+    modal.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Save)->click();
+  });
+  network->click();
+  EXPECT_EQ(QSettings().value("network/stun").toString(), "google");
+  EXPECT_EQ(QSettings().value("network/turnUrl").toString(), "turn:relay.example:3478");
+  const std::vector<transport::IceServer>& servers = host_->config().ice_servers;
+  ASSERT_EQ(servers.size(), 2u);
+  EXPECT_EQ(servers[0].url, "stun:stun.l.google.com:19302");
+  EXPECT_EQ(servers[1].url, "turn:relay.example:3478");
+  EXPECT_EQ(host_->config().ice_policy, 0u);
+
+  WhenModalOpens([](QWidget& modal) { dynamic_cast<QDialog&>(modal).reject(); });
+  network->click();
+  EXPECT_EQ(host_->config().ice_servers.size(), 2u) << "Cancel changes nothing";
+  QSettings().remove("network");
 }
 
 TEST(PickerDialogTest, NothingToPickLeavesShareDisabledAndCancelLeavesNoResult) {

@@ -8,6 +8,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <openssl/crypto.h>
 
 #include "mirell/base/logging.h"
 #include "mirell/transport/https_get.h"
@@ -129,5 +130,7 @@ std::optional<std::string> HttpsGet(const std::string& url, const HttpsGetLimits
   }
   return Request(std::move(*parts), limits).Run();
 }
+
+void KeepTlsThroughExit() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }
 
 }  // namespace mirell::transport

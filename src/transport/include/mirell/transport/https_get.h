@@ -21,4 +21,9 @@ struct HttpsGetLimits {
 // Blocks the calling thread for at most four phases.
 std::optional<std::string> HttpsGet(const std::string& url, const HttpsGetLimits& limits = {});
 
+// Call first thing in main, before anything uses TLS: the TLS library then skips its own clean-up
+// at exit, so a request still running on a detached thread when the process ends never finds the
+// library torn down under it (the operating system frees everything anyway).
+void KeepTlsThroughExit();
+
 }  // namespace mirell::transport
