@@ -128,6 +128,11 @@ int main(int argc, char** argv) {
   config.allowlist = AllowlistToMap(LoadAllowlist());
   // For this run only: nothing is stored.
   for (const std::string& user_id : share.allow) config.allowlist.emplace(user_id, user_id);
+  if (share.minutes) {
+    config.share_lifetime_minutes = *share.minutes;
+    LOG_INFO("share time limit from the command line: {}",
+             *share.minutes == 0 ? std::string("none") : fmt::format("{} min", *share.minutes));
+  }
   if (share.width) {
     config.width = *share.width;
     config.height = *share.height;

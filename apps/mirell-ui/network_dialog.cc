@@ -79,6 +79,8 @@ NetworkDialog::NetworkDialog(NetworkSettings current, QWidget* parent)
   connect(buttons, &QDialogButtonBox::accepted, this, &NetworkDialog::Accept);
   connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
   ChoiceChanged();
+  // Wrapped paragraphs ask for height at a narrower width than the dialog's; measure at its own.
+  resize(minimumWidth(), layout->heightForWidth(minimumWidth()));
 }
 
 void NetworkDialog::ChoiceChanged() {

@@ -103,6 +103,16 @@ ShareOptions ScanShareOptions(Arguments arguments) {
            options.width = width;
            options.height = height;
            options.fps = fps;
+         }},
+        {"--share-minutes", true, [&](const char* value) {
+           const std::string text = value;
+           if (text.empty() || text.size() > 4 || text.find_first_not_of("0123456789") != std::string::npos ||
+               std::stoul(text) > 1440) {
+             options.error = "--share-minutes takes a number of minutes from 0 (no limit) to 1440, not \"" +
+                             text + "\"";
+             return;
+           }
+           options.minutes = static_cast<std::uint32_t>(std::stoul(text));
          }}});
   if (!options.error.empty()) return options;
   if (window_given && options.window_title.empty()) {

@@ -39,6 +39,8 @@ struct ShareOptions {
   bool admit_everyone = false;           // "--admit-everyone".
   // "--quality WIDTHxHEIGHT@FPS": the size and rate a share is encoded at.
   std::optional<std::uint32_t> width, height, fps;
+  // "--share-minutes N": the share's time limit for this run, 0 for none (the default is 360).
+  std::optional<std::uint32_t> minutes;
   std::string error;                     // Set for a command line that cannot be followed.
 
   bool wants_share() const { return !window_title.empty() || monitor.has_value(); }

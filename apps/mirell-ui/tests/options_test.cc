@@ -193,5 +193,18 @@ TEST(ShareOptions, AQualityOfSizeAndRate) {
   }
 }
 
+TEST(ShareOptions, ATimeLimitInMinutesOrNone) {
+  EXPECT_FALSE(ScanShareOptions(Args({}).span()).minutes.has_value());
+  EXPECT_EQ(ScanShareOptions(Args({"--share-minutes", "30"}).span()).minutes, 30u);
+  EXPECT_EQ(ScanShareOptions(Args({"--share-minutes", "0"}).span()).minutes, 0u);
+  EXPECT_EQ(ScanShareOptions(Args({"--share-minutes", "1440"}).span()).minutes, 1440u);
+  for (const char* bad : {"1441", "-1", "", "10m", "99999", "1.5"}) {
+    EXPECT_EQ(ScanShareOptions(Args({"--share-minutes", bad}).span()).error,
+              std::string("--share-minutes takes a number of minutes from 0 (no limit) to 1440, not \"") +
+                  bad + "\"")
+        << bad;
+  }
+}
+
 }  // namespace
 }  // namespace mirell::ui

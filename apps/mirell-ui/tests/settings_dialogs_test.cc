@@ -220,15 +220,14 @@ TEST_F(UpdatePromptTest, NotNowAloneChangesNothing) {
 // The whole check against a server: a prompt shows on the window exactly when it should.
 class UpdateCheckTest : public UpdatePromptTest {
  protected:
-  static void SetUpTestSuite() {
-    certificates_ = new testsupport::TestCertificates();
-    server_ = new testsupport::HttpsTestServer(*certificates_);
-    setenv("SSL_CERT_FILE", certificates_->Path("ca.pem").c_str(), 1);
+  void SetUp() override {
+    UpdatePromptTest::SetUp();
+    setenv("SSL_CERT_FILE", testsupport::SharedHttpsTestSite().certificates.Path("ca.pem").c_str(),
+           1);
   }
-  static void TearDownTestSuite() {
+  void TearDown() override {
     unsetenv("SSL_CERT_FILE");
-    delete server_;
-    delete certificates_;
+    UpdatePromptTest::TearDown();
   }
 
   // Runs the check on a window until it finishes, then a moment more for the queued prompt;
@@ -265,12 +264,8 @@ class UpdateCheckTest : public UpdatePromptTest {
     return server_->Url("/files/" + name);
   }
 
-  static testsupport::TestCertificates* certificates_;
-  static testsupport::HttpsTestServer* server_;
+  testsupport::HttpsTestServer* server_ = &testsupport::SharedHttpsTestSite().server;
 };
-
-testsupport::TestCertificates* UpdateCheckTest::certificates_ = nullptr;
-testsupport::HttpsTestServer* UpdateCheckTest::server_ = nullptr;
 
 TEST_F(UpdateCheckTest, ANewerVersionPrompts) {
   EXPECT_TRUE(Prompted(Offer("newer", R"({"version":"0.2","url":"https://mirell.example/"})")));

@@ -73,27 +73,16 @@ TEST(UiNetworkSettings, AnUnknownStunChoiceIsReplacedWithAWarning) {
 
 class UiUpdateCheck : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    certificates_ = new testsupport::TestCertificates();
-    server_ = new testsupport::HttpsTestServer(*certificates_);
-  }
-  static void TearDownTestSuite() {
-    delete server_;
-    delete certificates_;
-  }
   // Trusts the tests' authority, as a system store would trust a real one.
-  static testsupport::ProcessOptions Trusting() {
+  testsupport::ProcessOptions Trusting() const {
     testsupport::ProcessOptions options;
-    options.environment["SSL_CERT_FILE"] = certificates_->Path("ca.pem");
+    options.environment["SSL_CERT_FILE"] = site_.certificates.Path("ca.pem");
     return options;
   }
 
-  static testsupport::TestCertificates* certificates_;
-  static testsupport::HttpsTestServer* server_;
+  testsupport::HttpsTestSite& site_ = testsupport::SharedHttpsTestSite();
+  testsupport::HttpsTestServer* server_ = &site_.server;
 };
-
-testsupport::TestCertificates* UiUpdateCheck::certificates_ = nullptr;
-testsupport::HttpsTestServer* UiUpdateCheck::server_ = nullptr;
 
 TEST_F(UiUpdateCheck, ANewerVersionIsFoundOnceAtStart) {
   server_->Put("latest", R"({"version":"0.2","url":"https://mirell.example/get"})");

@@ -55,13 +55,19 @@ class UiOnADesktop : public ::testing::Test {
     options_.environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=/nonexistent";
     rtsp_port_ = testsupport::FreeLoopbackPort();
     pipe_ = "127.0.0.1:" + std::to_string(testsupport::FreeLoopbackPort());
-    ui_process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
-                                 std::to_string(rtsp_port_), "--no-stub"},
-        options_);
+    std::vector<std::string> argv{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+                                  std::to_string(rtsp_port_), "--no-stub"};
+    for (const std::string& extra : ExtraArguments()) argv.push_back(extra);
+    ui_process_ = std::make_unique<ChildProcess>(argv, options_);
     ASSERT_TRUE(WaitFor([&] { return WindowVisible(); })) << ui_.Log(rtsp_port_, pipe_);
     // The window and the tray icon's own.
     ASSERT_TRUE(WaitFor([&] { return VisibleMenus() >= 2; })) << "no tray icon";
+  }
+
+  virtual std::vector<std::string> ExtraArguments() const { return {}; }
+  std::string Log() const { return ui_.Log(rtsp_port_, pipe_); }
+  bool WindowNamedVisible(const std::string& name) {
+    return !Run({"xdotool", "search", "--onlyvisible", "--name", "^" + name + "$"}).empty();
   }
 
   std::string Run(const std::vector<std::string>& argv) {
@@ -161,6 +167,42 @@ TEST_F(UiOnADesktop, QuitFromTheTrayMenuEndsTheProgramInOrder) {
   EXPECT_EQ(result.exit_code, 0) << result.err;
   EXPECT_NE(ui_.Log(rtsp_port_, pipe_).find("mirell-ui stopped (0)"), std::string::npos)
       << ui_.Log(rtsp_port_, pipe_);
+}
+
+TEST_F(UiOnADesktop, NetworkFromTheTrayMenuOpensTheNetworkDialog) {
+  ASSERT_TRUE(OpenTrayMenu()) << Log();
+  // From the bottom: "Quit Mirell", then (over the separator) "Network...".
+  Run({"xdotool", "key", "Up", "Up", "Return"});
+  ASSERT_TRUE(WaitFor([&] { return WindowNamedVisible("Network"); }, 10s)) << Log();
+  Screenshot("desktop_network_dialog");
+  const std::string dialog = Run({"xdotool", "search", "--onlyvisible", "--name", "^Network$"});
+  Run({"xdotool", "windowactivate", "--sync", dialog.substr(0, dialog.find('\n')), "key", "Escape"});
+  EXPECT_TRUE(WaitFor([&] { return !WindowNamedVisible("Network"); }, 10s));
+  EXPECT_TRUE(ui_process_->Running());
+}
+
+// A share of the whole screen with a one-minute limit, started from the command line.
+class UiSharingOnADesktop : public UiOnADesktop {
+ protected:
+  std::vector<std::string> ExtraArguments() const override {
+    return {"--share-monitor", "0", "--share-minutes", "1", "--admit-everyone", "--signal",
+            "ws://127.0.0.1:9/signal"};
+  }
+};
+
+// A real minute passes: the limit is the share's own, read by the window's poll.
+TEST_F(UiSharingOnADesktop, AShareThatHitsItsTimeLimitStopsAndSaysSoBesideTheTray) {
+  ASSERT_TRUE(WaitFor([&] { return Log().find("token=") != std::string::npos; })) << Log();
+  EXPECT_NE(Log().find("share time limit from the command line: 1 min"), std::string::npos) << Log();
+  const std::size_t before = VisibleMenus();
+  ASSERT_TRUE(WaitFor([&] { return Log().find("lifetime expired, stopped") != std::string::npos; },
+                      80s))
+      << Log();
+  // The balloon: one more window of the program's, for a few seconds.
+  EXPECT_TRUE(WaitFor([&] { return VisibleMenus() > before; }, 5s)) << "no balloon";
+  Screenshot("time_limit_balloon");
+  EXPECT_TRUE(WaitFor([&] { return VisibleMenus() == before; }, 12s)) << "the balloon stays";
+  EXPECT_TRUE(ui_process_->Running()) << "the program goes on without the share";
 }
 
 }  // namespace

@@ -35,4 +35,9 @@ std::string HttpsTestServer::Url(const std::string& path, const std::string& hos
   return "https://" + host + ":" + std::to_string(port_) + path;
 }
 
+HttpsTestSite& SharedHttpsTestSite() {
+  static HttpsTestSite site;
+  return site;
+}
+
 }  // namespace mirell::testsupport

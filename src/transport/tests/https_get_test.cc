@@ -18,23 +18,12 @@ using namespace std::chrono_literals;
 
 class HttpsGetTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    certificates_ = new testsupport::TestCertificates();
-    server_ = new testsupport::HttpsTestServer(*certificates_);
-  }
-  static void TearDownTestSuite() {
-    delete server_;
-    delete certificates_;
-  }
   void SetUp() override { setenv("SSL_CERT_FILE", certificates_->Path("ca.pem").c_str(), 1); }
   void TearDown() override { unsetenv("SSL_CERT_FILE"); }
 
-  static testsupport::TestCertificates* certificates_;
-  static testsupport::HttpsTestServer* server_;
+  testsupport::TestCertificates* certificates_ = &testsupport::SharedHttpsTestSite().certificates;
+  testsupport::HttpsTestServer* server_ = &testsupport::SharedHttpsTestSite().server;
 };
-
-testsupport::TestCertificates* HttpsGetTest::certificates_ = nullptr;
-testsupport::HttpsTestServer* HttpsGetTest::server_ = nullptr;
 
 // A TCP port that takes connections (the kernel completes them) and never says a word.
 class SilentListener {

@@ -31,4 +31,12 @@ class HttpsTestServer {
   std::uint16_t port_ = 0;
 };
 
+// One authority and one server for a whole test program: made on first use, stopped at exit.
+// Clients trust it with SSL_CERT_FILE = certificates.Path("ca.pem").
+struct HttpsTestSite {
+  TestCertificates certificates;
+  HttpsTestServer server{certificates};
+};
+HttpsTestSite& SharedHttpsTestSite();
+
 }  // namespace mirell::testsupport
