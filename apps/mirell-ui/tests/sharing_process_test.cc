@@ -374,6 +374,73 @@ TEST_F(SharingAcrossProcesses, TheHostsWindowAsksAboutEachViewerAndTheAnswerHold
       << "the shared window, once let in";
 }
 
+// As a person does it: the tray menu's "Share something...", the window picked in the picker by
+// keyboard, the viewer let in at the prompt; the viewer plays the picked window.
+TEST_F(SharingAcrossProcesses, APersonPicksAWindowInThePickerAndAViewerPlaysIt) {
+  if (!testsupport::HaveProgram("trayer") || !testsupport::HaveProgram("xdotool")) {
+    GTEST_SKIP() << "needs trayer and xdotool";
+  }
+  StartDisplay(1280, 720);
+  testsupport::ProcessOptions x;
+  x.environment["DISPLAY"] = display_->name();
+  x.timeout = 10s;
+  const auto run = [&](const std::vector<std::string>& argv) { return testsupport::RunProcess(argv, x).out; };
+  const auto visible = [&](const std::string& name) {
+    return run({"xdotool", "search", "--onlyvisible", "--name", name});
+  };
+  ChildProcess tray({"trayer", "--edge", "top", "--align", "right", "--widthtype", "request", "--height", "24"}, x);
+  auto window = OpenWindow({"--title", "Picked By Hand", "--size", "320x180", "--position", "100,400"}, 0);
+
+  host_.process = std::make_unique<ChildProcess>(
+      std::vector<std::string>{ui_.binary().string(), "--signal", SignalUrl(), "--pipe", host_.pipe, "--rtsp-port",
+                               std::to_string(host_.rtsp_port), "--no-stub"},
+      [&] {
+        testsupport::ProcessOptions options = UiEnvironment();
+        options.environment["QT_QPA_PLATFORM"] = "xcb";
+        options.environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=/nonexistent";  // The tray by XEmbed.
+        return options;
+      }());
+  ASSERT_TRUE(Eventually([&] { return !visible("^Mirell$").empty(); }, 30s)) << HostLog();
+  // The tray icon's menu (trayer's first slot), then its second entry.
+  ASSERT_TRUE(Eventually([&] {
+    run({"xdotool", "mousemove", "1267", "12", "click", "3"});
+    std::this_thread::sleep_for(300ms);
+    run({"xdotool", "key", "Down", "Down", "Return"});
+    return Eventually([&] { return !visible("^Share a screen or a window").empty(); }, 3s);
+  }, 30s)) << HostLog();
+  // Thumbnails come on a timer; give them a moment for the screenshot.
+  std::this_thread::sleep_for(1500ms);
+  const std::filesystem::path artifacts = MIRELL_TEST_ARTIFACT_DIR;
+  std::filesystem::create_directories(artifacts);
+  run({"ffmpeg", "-loglevel", "error", "-y", "-f", "x11grab", "-video_size", "1280x720", "-i", display_->name(),
+       "-frames:v", "1", (artifacts / "desktop_picker.png").string()});
+  // Monitors come first, windows after: the last entry is the one window to pick. The buttons
+  // follow the list in the focus chain in the order they show: "Share", then "Cancel".
+  const std::string picker = visible("^Share a screen or a window");
+  run({"xdotool", "windowactivate", "--sync", picker.substr(0, picker.find('\n')), "key", "End", "Tab", "space"});
+  ASSERT_TRUE(HostLogged("target=Picked By Hand", 20s)) << HostLog();
+  const std::smatch token = [&] {
+    std::smatch match;
+    static const std::regex kToken("token=([0-9A-Z]{12})");
+    const std::string log = HostLog();
+    std::regex_search(log, match, kToken);
+    return match;
+  }();
+  ASSERT_FALSE(token.empty()) << HostLog();
+  const std::string link = "https://127.0.0.1:" + std::to_string(signal_port_) + "/s/" + token[1].str();
+
+  StartViewer();
+  auto player = Play(Resolve(link), 6);
+  const auto prompt = [&] { return visible("^Let them watch\\?"); };
+  ASSERT_TRUE(Eventually([&] { return !prompt().empty(); }, 20s)) << HostLog();
+  const std::string box = prompt();
+  run({"xdotool", "windowactivate", "--sync", box.substr(0, box.find('\n')), "key", "Return"});
+  const Recording recording = Finish(*player);
+  ASSERT_GT(recording.pictures.size(), 30u) << recording.log;
+  EXPECT_TRUE(recording.At(recording.pictures.size() - 1, kThumbWidth / 2, kThumbHeight / 2).red())
+      << "the picked window, once let in";
+}
+
 // The viewer's mirell-ui reads the account from VRChat's log in its Proton prefix, follows a new
 // log when VRChat starts again, and its watch's join claims the account to the host.
 TEST_F(SharingAcrossProcesses, AViewersJoinClaimsTheVRChatAccountOfItsLog) {
