@@ -140,6 +140,26 @@ TEST_F(WindowOnX11, ThePickerListsMonitorsFirstWithThumbnailsAndPlaceholders) {
   EXPECT_NE(ItemLabelled(list, "Picker bars"), nullptr);
 }
 
+TEST_F(WindowOnX11, AWindowThatStartsToDrawReplacesItsPlaceholderWithItsPicture) {
+  capture::TestWindow late(display_->name(), {"--title", "Late drawer", "--size", "400x240",
+                                              "--position", "40,40", "--color", "0000ff",
+                                              "--color2", "ffff00", "--bars-after", "2500"});
+  ASSERT_NE(late.id(), 0u);
+  PickerDialog picker;
+  picker.show();
+  QListWidgetItem* item = ItemLabelled(*picker.list(), "Late drawer");
+  ASSERT_NE(item, nullptr);
+  // Plain blue: nothing to show yet.
+  ASSERT_TRUE(ProcessEventsUntil([&] { return !item->toolTip().isEmpty(); }));
+  EXPECT_EQ(item->toolTip(), "No preview, but sharing it should still work");
+  EXPECT_LT(ShareOfColour(item->icon(), qRgb(0, 0, 255)), 0.1) << "the placeholder, not the window";
+  // Bars appear: the picture takes the placeholder's place and the tool tip goes.
+  EXPECT_TRUE(ProcessEventsUntil([&] {
+    return item->toolTip().isEmpty() && ShareOfColour(item->icon(), qRgb(0, 0, 255)) > 0.5 &&
+           ShareOfColour(item->icon(), qRgb(255, 255, 0)) > 0.1;
+  })) << "blue " << ShareOfColour(item->icon(), qRgb(0, 0, 255));
+}
+
 TEST_F(WindowOnX11, ADoubleClickOnAWindowAcceptsItAsTheTarget) {
   capture::TestWindow window(display_->name(), {"--title", "Double click me", "--size", "320x200",
                                                 "--color", "00ff00"});

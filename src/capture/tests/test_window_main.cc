@@ -6,7 +6,8 @@
 //
 // mirell_test_window [--title T] [--size WxH] [--position X,Y] [--color RRGGBB]
 //                    [--color2 RRGGBB --alternate-ms N] [--type NAME] [--no-pid | --fake-pid N]
-//                    [--child-title T] [--bars] [--ready-file P] [--tone-file WAV]
+//                    [--child-title T] [--bars] [--bars-after MS] [--ready-file P]
+//                    [--tone-file WAV]
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -35,6 +36,7 @@ struct Options {
   long fake_pid = 0;
   std::string child_title;
   bool bars = false;
+  int bars_after_ms = 0;  // Plain at first, then bars: a window that starts to draw.
   std::string ready_file;
   std::string tone_file;
 };
@@ -63,6 +65,7 @@ Options Parse(int argc, char** argv) {
     else if (a == "--fake-pid") o.fake_pid = std::atol(v), ++i;
     else if (a == "--child-title") o.child_title = v, ++i;
     else if (a == "--bars") o.bars = true;
+    else if (a == "--bars-after") o.bars_after_ms = std::atoi(v), ++i;
     else if (a == "--ready-file") o.ready_file = v, ++i;
     else if (a == "--tone-file") o.tone_file = v, ++i;
     else {
@@ -139,12 +142,13 @@ int main(int argc, char** argv) {
   bool second = false;
   bool announced = false;
   int frame = 0;
+  bool bars = o.bars;
   auto paint = [&] {
     const std::uint32_t colour = second ? o.color2 : o.color;
     xcb_change_gc(c, gc, XCB_GC_FOREGROUND, &colour);
     const xcb_rectangle_t all{0, 0, width, height};
     xcb_poly_fill_rectangle(c, window, gc, 1, &all);
-    if (o.bars) {
+    if (bars) {
       // Moving content for benchmarks: eight bars of the other colour that slide each repaint.
       const std::uint32_t other = second ? o.color : o.color2;
       xcb_change_gc(c, gc, XCB_GC_FOREGROUND, &other);
@@ -159,10 +163,12 @@ int main(int argc, char** argv) {
     xcb_flush(c);
   };
   auto next_switch = std::chrono::steady_clock::now() + std::chrono::milliseconds(o.alternate_ms);
+  const auto bars_at = std::chrono::steady_clock::now() + std::chrono::milliseconds(o.bars_after_ms);
   const int fd = xcb_get_file_descriptor(c);
   while (true) {
     pollfd p{fd, POLLIN, 0};
-    poll(&p, 1, o.alternate_ms > 0 ? 5 : 1000);
+    const bool bars_pending = o.bars_after_ms > 0 && !bars;
+    poll(&p, 1, o.alternate_ms > 0 || bars_pending ? 5 : 1000);
     while (xcb_generic_event_t* event = xcb_poll_for_event(c)) {
       const std::uint8_t type = event->response_type & 0x7F;
       if (type == XCB_EXPOSE) {
@@ -186,6 +192,10 @@ int main(int argc, char** argv) {
       std::free(event);
     }
     if (xcb_connection_has_error(c) != 0) return 0;
+    if (bars_pending && std::chrono::steady_clock::now() >= bars_at) {
+      bars = true;
+      paint();
+    }
     if (o.alternate_ms > 0 && std::chrono::steady_clock::now() >= next_switch) {
       second = !second;
       paint();
