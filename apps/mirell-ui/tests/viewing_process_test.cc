@@ -310,6 +310,30 @@ TEST_F(ViewingAcrossProcesses, AHostWhoseSignalRestartsServesTheWaitingViewerWit
   EXPECT_EQ(ViewerLogCount("token=" + credentials_.token + " fetching"), 1u);
 }
 
+// A host that drops the viewer says goodbye over the link: the player ends at once, without
+// waiting out the link's liveness bound.
+TEST_F(ViewingAcrossProcesses, AViewerTheHostDropsEndsAtOnce) {
+  EXPECT_EQ(Resolve(), "OK " + RtspUrl() + "\n");
+  auto player = Play(120);
+  const std::string peer = WaitForPending();
+  ASSERT_FALSE(peer.empty());
+  Command("approve " + peer);
+  ASSERT_TRUE(ViewerLogged("stream up, card frames=", 30s)) << ViewerLog();
+  std::this_thread::sleep_for(1s);
+  const auto dropped = std::chrono::steady_clock::now();
+  Command("disconnect " + peer);
+  const Playback playback = Finish(*player, 40s);
+  const auto took = std::chrono::steady_clock::now() - dropped;
+  std::printf("the player ended %lld ms after the host dropped the viewer\n",
+              static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(took).count()));
+  // A command's round trip, the goodbye, a poll of the viewer's window timer (500 ms), the RTSP
+  // server's BYE: well under the 10 s a silent link would take.
+  EXPECT_LT(took, 4s);
+  EXPECT_TRUE(ViewerLogged("the host said goodbye")) << ViewerLog();
+  EXPECT_TRUE(ViewerLogged("token=" + credentials_.token + " stopped"));
+  ExpectOneTimeline(playback);
+}
+
 TEST_F(ViewingAcrossProcesses, AKilledHostEndsTheWatchAndANewResolvePlaysTheCardAgain) {
   EXPECT_EQ(Resolve(), "OK " + RtspUrl() + "\n");
   auto player = Play(120);
