@@ -10,6 +10,16 @@ namespace mirell::session {
 
 using transport::PeerState;
 
+namespace {
+
+// Links made for viewers who wait, at most; each is a WebRTC pipeline with its sockets.
+constexpr std::size_t kMaxPrepared = 4;
+// An offer older than this is made again on admission: its reflexive candidates may have lapsed
+// in the router's table while the user thought about it.
+constexpr std::int64_t kPreparedFreshNs = 20'000'000'000;
+
+}  // namespace
+
 struct ShareSession::Peer {
   // Destroyed in reverse: the sender stops before the link it sends on goes away.
   std::unique_ptr<transport::PeerLink> link;
@@ -80,6 +90,51 @@ void ShareSession::OnArrival(const std::string& id, const transport::PeerIdentit
   }
   LOG_INFO("peer={} pending", id);
   if (on_pending_) on_pending_(id, identity);
+  Prepare(id);
+}
+
+void ShareSession::Prepare(const std::string& id) {
+  {
+    std::lock_guard lock(mutex_);
+    if (prepared_.size() >= kMaxPrepared || prepared_.contains(id)) return;
+  }
+  std::unique_ptr<transport::PeerLink> link;
+  try {
+    link = transport::CreateOfferer(peer_config_, offer_media_);
+  } catch (const std::exception& error) {
+    LOG_DEBUG("peer={} no link prepared: {}", id, error.what());
+    return;
+  }
+  {
+    std::lock_guard lock(mutex_);
+    // Still waiting, and room for it: the user may have decided while the link was made.
+    if (running_.load() && pending_.contains(id) && prepared_.size() < kMaxPrepared &&
+        !prepared_.contains(id)) {
+      prepared_[id] = Prepared{std::move(link), SteadyNowNs()};
+    }
+  }
+  if (link) {
+    link->Close();
+    return;
+  }
+  LOG_DEBUG("peer={} offer gathering while the user decides", id);
+}
+
+std::unique_ptr<transport::PeerLink> ShareSession::TakePrepared(const std::string& id) {
+  Prepared taken;
+  {
+    std::lock_guard lock(mutex_);
+    const auto found = prepared_.find(id);
+    if (found == prepared_.end()) return nullptr;
+    taken = std::move(found->second);
+    prepared_.erase(found);
+  }
+  if (SteadyNowNs() - taken.made_at > kPreparedFreshNs ||
+      taken.link->state() == PeerState::kFailed) {
+    taken.link->Close();
+    return nullptr;
+  }
+  return std::move(taken.link);
 }
 
 void ShareSession::OnDeparture(const std::string& id) {
@@ -117,20 +172,24 @@ void ShareSession::Approve(const std::string& id) {
     identity = std::move(found->second);
     pending_.erase(found);
   }
-  Admit(id, identity, false);
+  Admit(id, identity, false, TakePrepared(id));
 }
 
 void ShareSession::Admit(const std::string& id, const transport::PeerIdentity& identity,
-                         bool allowlisted) {
-  if (!running_.load()) return;
+                         bool allowlisted, std::unique_ptr<transport::PeerLink> prepared) {
+  if (!running_.load()) {
+    if (prepared) prepared->Close();
+    return;
+  }
   auto peer = std::make_shared<Peer>();
   peer->identity = identity.identity;
   peer->display_name = identity.display_name;
   peer->allowlisted = allowlisted;
   peer->admitted_at = SteadyNowNs();
   peer->rate_at = peer->admitted_at;
+  const bool gathered_while_waiting = prepared != nullptr;
   try {
-    peer->link = transport::CreateOfferer(peer_config_, offer_media_);
+    peer->link = prepared ? std::move(prepared) : transport::CreateOfferer(peer_config_, offer_media_);
   } catch (const std::exception& error) {
     LOG_WARN("peer={} CreateOfferer failed: {}", id, error.what());
     return;
@@ -157,7 +216,7 @@ void ShareSession::Admit(const std::string& id, const transport::PeerIdentity& i
   }
   if (replaced) End(*replaced);
   ++admitted_;
-  LOG_INFO("peer={} offering", id);
+  LOG_INFO("peer={} offering{}", id, gathered_while_waiting ? " (gathered while waiting)" : "");
 }
 
 void ShareSession::OnPeerState(Peer* peer, const std::string& id, PeerState state) {
@@ -185,6 +244,7 @@ void ShareSession::Deny(const std::string& id) {
   }
   // A late answer to a prompt about someone already handled sends nothing.
   if (!erased) return;
+  if (auto unused = TakePrepared(id)) unused->Close();
   LOG_INFO("peer={} denied", id);
   signal_->SendDeny(id);
 }
@@ -201,6 +261,7 @@ void ShareSession::Disconnect(const std::string& id) {
     }
   }
   if (!known) return;
+  if (auto unused = TakePrepared(id)) unused->Close();
   LOG_INFO("peer={} removed", id);
   signal_->SendDeny(id);
 }
@@ -258,11 +319,14 @@ void ShareSession::End(Peer& peer) {
 void ShareSession::Stop() {
   if (!running_.exchange(false)) return;
   std::map<std::string, std::shared_ptr<Peer>> ended;
+  std::map<std::string, Prepared> unused;
   {
     std::lock_guard lock(mutex_);
     ended.swap(peers_);
+    unused.swap(prepared_);
   }
   for (auto& [id, peer] : ended) End(*peer);
+  for (auto& [id, waiting] : unused) waiting.link->Close();
   LOG_INFO("admitted={} departed={}", admitted_.load(), departed_.load());
 }
 

@@ -135,6 +135,42 @@ TEST_F(ShareSessionTest, AnUnlistedViewerWaitsForTheUser) {
   EXPECT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
 }
 
+TEST_F(ShareSessionTest, AWaitingViewersOfferGathersButGoesOutOnlyOnAdmission) {
+  session_.Start();
+  signal_.Peer("c1", {"usr_stranger", "Stranger"});
+  EXPECT_NE(Log().find("peer=c1 offer gathering while the user decides"), std::string::npos) << Log();
+  std::this_thread::sleep_for(1s);  // Long enough to gather on loopback.
+  EXPECT_TRUE(signal_.sent().empty()) << "nothing reaches a viewer nobody let in";
+  session_.Approve("c1");
+  EXPECT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
+  EXPECT_NE(Log().find("peer=c1 offering (gathered while waiting)"), std::string::npos) << Log();
+}
+
+TEST_F(ShareSessionTest, AtMostFourWaitingViewersHaveALinkMadeAndADecisionFreesItsPlace) {
+  session_.Start();
+  for (int i = 1; i <= 6; ++i) signal_.Peer("c" + std::to_string(i), {});
+  const auto prepared = [&] {
+    const std::string log = Log();
+    std::size_t count = 0;
+    for (auto at = log.find("offer gathering while"); at != std::string::npos;
+         at = log.find("offer gathering while", at + 1)) {
+      ++count;
+    }
+    return count;
+  };
+  EXPECT_EQ(prepared(), 4u);
+  EXPECT_EQ(session_.PendingViewers().size(), 6u);
+  session_.Deny("c1");
+  signal_.Peer("c7", {});
+  EXPECT_EQ(prepared(), 5u) << "the denied viewer's place went to the next";
+  session_.Approve("c6");  // Not prepared: a link is made now.
+  EXPECT_TRUE(Eventually([&] { return OfferSentTo("c6"); }));
+  EXPECT_NE(Log().find("peer=c6 offering\n"), std::string::npos) << Log();
+  session_.Approve("c2");
+  EXPECT_TRUE(Eventually([&] { return OfferSentTo("c2"); }));
+  EXPECT_NE(Log().find("peer=c2 offering (gathered while waiting)"), std::string::npos) << Log();
+}
+
 TEST_F(ShareSessionTest, AViewerWithoutAnIdentityIsAlwaysAsked) {
   session_.SetAllowlist({{"", "nobody"}, {"usr_friend", "Friend"}});
   session_.Start();

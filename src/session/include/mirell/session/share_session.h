@@ -96,8 +96,14 @@ class ShareSession {
   void OnArrival(const std::string& connection_id, const transport::PeerIdentity& identity);
   void OnDeparture(const std::string& connection_id);
   void OnAnswer(const std::string& connection_id, const std::string& sdp);
+  // `prepared`: a link made while the viewer waited, or null for a new one.
   void Admit(const std::string& connection_id, const transport::PeerIdentity& identity,
-             bool allowlisted);
+             bool allowlisted, std::unique_ptr<transport::PeerLink> prepared = nullptr);
+  // Makes a link for a waiting viewer, so that its offer gathers while the user decides; nothing
+  // is sent before admission. At most kMaxPrepared at a time: a flood of joins costs no more.
+  void Prepare(const std::string& connection_id);
+  // The waiting viewer's prepared link, if one is there and still fresh.
+  std::unique_ptr<transport::PeerLink> TakePrepared(const std::string& connection_id);
   void OnPeerState(Peer* peer, const std::string& connection_id, transport::PeerState state);
   void UpdateRates();
   static void End(Peer& peer);
@@ -114,6 +120,11 @@ class ShareSession {
   // Shared only so that an answer being applied keeps its link alive through a concurrent Sweep.
   std::map<std::string, std::shared_ptr<Peer>> peers_;
   std::map<std::string, transport::PeerIdentity> pending_;
+  struct Prepared {
+    std::unique_ptr<transport::PeerLink> link;
+    std::int64_t made_at = 0;  // Steady clock, ns.
+  };
+  std::map<std::string, Prepared> prepared_;
   std::map<std::string, std::string> allowlist_;
   bool admission_required_ = true;
   PendingHandler on_pending_;
