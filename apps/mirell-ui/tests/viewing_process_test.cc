@@ -144,6 +144,19 @@ class ViewingAcrossProcesses : public ::testing::Test {
   }
 
   // ffmpeg as VRChat's player: every picture and block of sound it decodes, for `seconds`.
+  // Resolves, plays for `seconds`, lets the viewer in as `peer` and waits for the host's media;
+  // null (with the failure reported) when any step fails.
+  std::unique_ptr<ChildProcess> PlayLetIn(double seconds, std::string& peer) {
+    EXPECT_EQ(Resolve(), "OK " + RtspUrl() + "\n");
+    auto player = Play(seconds);
+    peer = WaitForPending();
+    EXPECT_FALSE(peer.empty());
+    if (peer.empty()) return nullptr;
+    Command("approve " + peer);
+    if (!ViewerLogged("stream up, card frames=", 30s)) return nullptr;
+    return player;
+  }
+
   std::unique_ptr<ChildProcess> Play(double seconds) {
     testsupport::ProcessOptions options;
     options.timeout = 120s;
@@ -262,12 +275,9 @@ TEST_F(ViewingAcrossProcesses, DenyEndsTheWatchAndThePlayersStream) {
 }
 
 TEST_F(ViewingAcrossProcesses, DisconnectingAnAdmittedViewerEndsTheirStream) {
-  EXPECT_EQ(Resolve(), "OK " + RtspUrl() + "\n");
-  auto player = Play(60);
-  const std::string peer = WaitForPending();
-  ASSERT_FALSE(peer.empty());
-  Command("approve " + peer);
-  ASSERT_TRUE(ViewerLogged("stream up, card frames=", 30s)) << ViewerLog();
+  std::string peer;
+  auto player = PlayLetIn(60, peer);
+  ASSERT_TRUE(player) << ViewerLog();
   std::this_thread::sleep_for(2s);
   Command("disconnect " + peer);
   const Playback playback = Finish(*player, 20s);
@@ -314,12 +324,9 @@ TEST_F(ViewingAcrossProcesses, AHostWhoseSignalRestartsServesTheWaitingViewerWit
 // out the link's liveness bound. The signal server is told nothing here, so only the goodbye can
 // end it.
 TEST_F(ViewingAcrossProcesses, AViewerOfAShareThatEndsEndsAtOnce) {
-  EXPECT_EQ(Resolve(), "OK " + RtspUrl() + "\n");
-  auto player = Play(120);
-  const std::string peer = WaitForPending();
-  ASSERT_FALSE(peer.empty());
-  Command("approve " + peer);
-  ASSERT_TRUE(ViewerLogged("stream up, card frames=", 30s)) << ViewerLog();
+  std::string peer;
+  auto player = PlayLetIn(120, peer);
+  ASSERT_TRUE(player) << ViewerLog();
   std::this_thread::sleep_for(1s);
   const auto ended = std::chrono::steady_clock::now();
   Command("end-session");
@@ -336,12 +343,9 @@ TEST_F(ViewingAcrossProcesses, AViewerOfAShareThatEndsEndsAtOnce) {
 }
 
 TEST_F(ViewingAcrossProcesses, AKilledHostEndsTheWatchAndANewResolvePlaysTheCardAgain) {
-  EXPECT_EQ(Resolve(), "OK " + RtspUrl() + "\n");
-  auto player = Play(120);
-  const std::string peer = WaitForPending();
-  ASSERT_FALSE(peer.empty());
-  Command("approve " + peer);
-  ASSERT_TRUE(ViewerLogged("stream up, card frames=", 30s)) << ViewerLog();
+  std::string peer;
+  auto player = PlayLetIn(120, peer);
+  ASSERT_TRUE(player) << ViewerLog();
   std::this_thread::sleep_for(1s);
   host_->Signal(SIGKILL);
   const auto killed = std::chrono::steady_clock::now();
