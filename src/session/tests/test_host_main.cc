@@ -7,9 +7,8 @@
 //
 // It appends events to DIR/events, one line each: "hosting" on every registration,
 // "pending PEER IDENTITY" for a viewer to decide about, "viewers N" when the count changes. It
-// reads commands appended to DIR/commands: "approve PEER", "deny PEER", "disconnect PEER",
-// "end-session", which ends every viewer's link and sends nothing through the signal server (as a
-// share that stops does, before its signal client goes), and "restart-signal", which replaces the signal client and the session with new ones on the same
+// reads commands appended to DIR/commands: "approve PEER", "deny PEER", "disconnect PEER", and
+// "restart-signal", which replaces the signal client and the session with new ones on the same
 // token and secret, as a host whose connection is re-made. It runs until it is killed.
 #include <chrono>
 #include <cstdio>
@@ -155,7 +154,6 @@ int main(int argc, char** argv) {
       if (verb == "approve") door->session->Approve(peer);
       else if (verb == "deny") door->session->Deny(peer);
       else if (verb == "disconnect") door->session->Disconnect(peer);
-      else if (verb == "end-session") door->session->Stop();
       else if (verb == "restart-signal") {
         door.reset();
         door = OpenDoor(options, *stream, publisher, events);

@@ -40,8 +40,6 @@ constexpr guint kRtcpBandwidthBits = 100000;  // Room for prompt NACKs and PLIs.
 // RTCP at least this often, so that the liveness bound sees a live peer many times over (RTP's
 // own minimum is 5 s).
 constexpr guint64 kRtcpMinInterval = 500 * GST_MSECOND;
-// How long a host's Close waits for its RTCP goodbye to go out.
-constexpr std::chrono::milliseconds kGoodbyeWait{600};
 constexpr guint kAppSrcMaxBytes = 4u << 20;   // A stalled link drops its oldest packets past this.
 
 std::atomic<std::int64_t> liveness_bound_ms{kDefaultPeerLivenessBound.count()};
@@ -197,11 +195,6 @@ class Link final : public PeerLink {
                                gpointer self);
   static void OnDeepElementAdded(GstBin*, GstBin*, GstElement* element, gpointer self);
   static void OnSourceActive(GstElement*, guint, gpointer self);
-  static void OnBye(GstElement*, guint ssrc, gpointer self);
-  static void OnSendingRtcp(GObject*, GstBuffer* buffer, gboolean, gpointer self);
-  // Ends the sending tracks so that RTP's session says goodbye (an RTCP BYE) and waits a moment
-  // for it to leave: the viewer then ends at once instead of after its liveness bound.
-  void SayGoodbye();
   static GstPadProbeReturn OnUpstreamEvent(GstPad*, GstPadProbeInfo* info, gpointer self);
   static GstPadProbeReturn OnOutgoing(GstPad*, GstPadProbeInfo* info, gpointer self);
   bool DropOutgoing(GstBuffer* buffer);
@@ -234,10 +227,6 @@ class Link final : public PeerLink {
   std::function<void()> on_keyframe_request_;
   GstPad* video_receive_pad_ = nullptr;  // A reference; the viewer's keyframe requests go up it.
   GstWebRTCRTPTransceiver* first_transceiver_ = nullptr;  // A reference; for the selected pair.
-
-  std::mutex bye_mutex_;
-  std::condition_variable bye_sent_condition_;
-  bool bye_sent_ = false;  // Guarded by bye_mutex_.
 
   std::mutex watch_mutex_;
   std::condition_variable watch_wake_;
@@ -516,27 +505,11 @@ void Link::Close() {
   }
   watch_wake_.notify_all();
   if (watch_.joinable()) watch_.join();
-  SayGoodbye();
   // Joins every streaming thread and webrtcbin's own; the pipeline goes with the link.
   gst_element_set_state(pipeline_, GST_STATE_NULL);
   std::lock_guard hold(lock_);
   if (video_receive_pad_) gst_object_unref(std::exchange(video_receive_pad_, nullptr));
   if (first_transceiver_) gst_object_unref(std::exchange(first_transceiver_, nullptr));
-}
-
-void Link::SayGoodbye() {
-  if (!offerer_ || state_ != PeerState::kConnected || video_src_ == nullptr) return;
-  gst_app_src_end_of_stream(GST_APP_SRC(video_src_));
-  if (audio_src_) gst_app_src_end_of_stream(GST_APP_SRC(audio_src_));
-  std::unique_lock hold(bye_mutex_);
-  if (!bye_sent_condition_.wait_for(hold, kGoodbyeWait, [this] { return bye_sent_; })) {
-    LOG_DEBUG("no goodbye sent within {} ms", kGoodbyeWait.count());
-    return;
-  }
-  hold.unlock();
-  // The session hands the packet to the network right after it announces it.
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  LOG_DEBUG("goodbye sent");
 }
 
 void Link::Transition(PeerState next) {
@@ -710,13 +683,6 @@ void Link::OnDeepElementAdded(GstBin*, GstBin*, GstElement* element, gpointer se
       g_object_set(element, "rtcp-sync-send-time", FALSE, nullptr);
     }
     g_signal_connect(element, "on-ssrc-active", G_CALLBACK(&Link::OnSourceActive), self);
-    g_signal_connect(element, "on-bye-ssrc", G_CALLBACK(&Link::OnBye), self);
-    GObject* session = nullptr;
-    g_object_get(element, "internal-session", &session, nullptr);
-    if (session) {
-      g_signal_connect(session, "on-sending-rtcp", G_CALLBACK(&Link::OnSendingRtcp), self);
-      g_object_unref(session);
-    }
   } else if (factory == "nicesink") {
     if (static_cast<Link*>(self)->loss_every_ > 0) {
       GstPad* pad = gst_element_get_static_pad(element, "sink");
@@ -735,29 +701,6 @@ void Link::OnDeepElementAdded(GstBin*, GstBin*, GstElement* element, gpointer se
 
 void Link::OnSourceActive(GstElement*, guint, gpointer self) {
   static_cast<Link*>(self)->last_heard_ms_ = NowMs();
-}
-
-void Link::OnBye(GstElement*, guint ssrc, gpointer self) {
-  auto* link = static_cast<Link*>(self);
-  // Only the host's tracks matter: the host has stopped sending for good.
-  if (link->offerer_ || link->closed_ || (ssrc != kVideoSsrc && ssrc != kAudioSsrc)) return;
-  LOG_INFO("the host said goodbye");
-  link->Transition(PeerState::kClosed);
-}
-
-void Link::OnSendingRtcp(GObject*, GstBuffer* buffer, gboolean, gpointer self) {
-  auto* link = static_cast<Link*>(self);
-  if (!link->offerer_) return;
-  GstMapInfo map;
-  if (!gst_buffer_map(buffer, &map, GST_MAP_READ)) return;
-  const bool bye = RtcpHasBye({map.data, map.size});
-  gst_buffer_unmap(buffer, &map);
-  if (!bye) return;
-  {
-    std::lock_guard hold(link->bye_mutex_);
-    link->bye_sent_ = true;
-  }
-  link->bye_sent_condition_.notify_all();
 }
 
 GstPadProbeReturn Link::OnUpstreamEvent(GstPad*, GstPadProbeInfo* info, gpointer self) {

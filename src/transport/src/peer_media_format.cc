@@ -239,15 +239,4 @@ IceServerUri ToIceServerUri(const IceServer& server) {
   return result;
 }
 
-bool RtcpHasBye(std::span<const std::uint8_t> compound) {
-  constexpr std::uint8_t kBye = 203;
-  std::size_t at = 0;
-  while (at + 4 <= compound.size()) {
-    if (compound[at + 1] == kBye) return true;
-    const std::size_t words = (static_cast<std::size_t>(compound[at + 2]) << 8) | compound[at + 3];
-    at += (words + 1) * 4;
-  }
-  return false;
-}
-
 }  // namespace mirell::transport

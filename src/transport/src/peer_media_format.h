@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -39,10 +38,6 @@ std::string_view CandidateTypeWord(std::string_view ice_type);
 // How a server appears in the log: its URL, and "(as <username>)" when it has one. Never the
 // password.
 std::string IceServerDescription(const IceServer& server);
-
-// True when a compound RTCP packet (unencrypted) holds a BYE (packet type 203); a malformed
-// length ends the walk.
-bool RtcpHasBye(std::span<const std::uint8_t> compound);
 
 // An ICE server in the form the WebRTC stack takes: "stun://host:port" or
 // "turn[s]://user:password@host:port[?transport=...]", the credentials percent-encoded.

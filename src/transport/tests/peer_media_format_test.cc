@@ -132,18 +132,5 @@ TEST(PercentEncode, KeepsOnlyUnreservedCharacters) {
   EXPECT_EQ(PercentEncode("a b:@/?#\xff"), "a%20b%3A%40%2F%3F%23%FF");
 }
 
-TEST(RtcpBye, FoundAnywhereInACompoundPacket) {
-  // A receiver report with no blocks (8 bytes), then a BYE for one source (8 bytes).
-  const std::vector<std::uint8_t> report_then_bye{0x80, 201, 0, 1, 1, 2, 3, 4,
-                                                  0x81, 203, 0, 1, 0x4D, 0x52, 0x4C, 0x56};
-  EXPECT_TRUE(RtcpHasBye(report_then_bye));
-  const std::vector<std::uint8_t> report_only(report_then_bye.begin(), report_then_bye.begin() + 8);
-  EXPECT_FALSE(RtcpHasBye(report_only));
-  EXPECT_FALSE(RtcpHasBye({}));
-  // A length that runs past the end stops the walk without reading beyond it.
-  const std::vector<std::uint8_t> too_long{0x80, 200, 0xff, 0xff, 1, 2, 3, 4, 0x81, 203, 0, 1};
-  EXPECT_FALSE(RtcpHasBye(too_long));
-}
-
 }  // namespace
 }  // namespace mirell::transport
