@@ -8,12 +8,13 @@
 
 #include "deployment.h"
 #include "mirell/daemon/resolve_endpoint.h"
+#include "mirell/session/sharing.h"
 #include "mirell/transport/peer_config.h"
 
 namespace mirell::ui {
 
 struct DaemonConfig {
-  // The first six fields are laid out as the quality settings and assigned from them as a block.
+  // The first six fields are the share's quality (ApplyQuality).
   std::uint32_t width = 1280;
   std::uint32_t height = 720;
   std::uint32_t fps = 30;
@@ -31,5 +32,15 @@ struct DaemonConfig {
   bool install_stub = true;
   std::int64_t share_lifetime_minutes = 360;  // A share ends by itself after this; 0: never.
 };
+
+// The quality a share sends, into the configuration's first six fields.
+inline void ApplyQuality(DaemonConfig& config, const session::ShareQuality& quality) {
+  config.width = quality.width;
+  config.height = quality.height;
+  config.fps = quality.fps;
+  config.video_kbps = quality.video_kbps;
+  config.audio_kbps = quality.audio_kbps;
+  config.mono = quality.mono;
+}
 
 }  // namespace mirell::ui

@@ -139,12 +139,7 @@ void DaemonHost::SetIceServers(std::vector<transport::IceServer> servers, std::u
 }
 
 void DaemonHost::SetQuality(const session::ShareQuality& quality) {
-  config_.width = quality.width;
-  config_.height = quality.height;
-  config_.fps = quality.fps;
-  config_.video_kbps = quality.video_kbps;
-  config_.audio_kbps = quality.audio_kbps;
-  config_.mono = quality.mono;
+  ApplyQuality(config_, quality);
   sharing_.SetQuality(quality);
 }
 

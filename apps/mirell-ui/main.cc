@@ -30,6 +30,7 @@
 #include "mirell/ui/network_settings.h"
 #include "mirell/ui/quality.h"
 #include "options.h"
+#include "quality_dialog.h"
 #include "quit_on_signal.h"
 #include "restore_mode.h"
 #include "single_instance.h"
@@ -99,13 +100,7 @@ int main(int argc, char** argv) {
   // Locals are destroyed in reverse order of construction, which is the shutdown order: the host,
   // the update URL and the configuration, the media runtime, the socket runtime, Qt.
   DaemonConfig config;
-  const QualitySettings quality = LoadQualitySettings();
-  config.width = quality.width;
-  config.height = quality.height;
-  config.fps = quality.fps;
-  config.video_kbps = quality.video_kbps;
-  config.audio_kbps = quality.audio_kbps;
-  config.mono = quality.mono;
+  ApplyQuality(config, ShareQualityOf(LoadQualitySettings()));
   LOG_INFO("quality {}x{}@{} v={}kbps a={}kbps/{}", config.width, config.height, config.fps,
            config.video_kbps, config.audio_kbps, config.mono ? "mono" : "stereo");
   // Qt has removed its own arguments from argc/argv by now.

@@ -325,8 +325,7 @@ void MainWindow::EditQuality() {
   if (dialog.exec() != QDialog::Accepted) return;
   const QualitySettings& chosen = dialog.settings();
   SaveQualitySettings(chosen);
-  host_->SetQuality({chosen.width, chosen.height, chosen.fps, chosen.video_kbps, chosen.audio_kbps,
-                     chosen.mono});
+  host_->SetQuality(ShareQualityOf(chosen));
   Refresh();
 }
 

@@ -125,4 +125,9 @@ void QualityDialog::Accept() {
   QDialog::accept();
 }
 
+session::ShareQuality ShareQualityOf(const QualitySettings& settings) {
+  return {settings.width,      settings.height,     settings.fps,
+          settings.video_kbps, settings.audio_kbps, settings.mono};
+}
+
 }  // namespace mirell::ui

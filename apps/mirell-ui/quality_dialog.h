@@ -5,6 +5,7 @@
 #include <QDialog>
 #include <QString>
 
+#include "mirell/session/sharing.h"
 #include "mirell/ui/quality.h"
 
 class QCheckBox;
@@ -35,6 +36,9 @@ class QualityDialog : public QDialog {
   QCheckBox* mono_check_ = nullptr;
   QLabel* estimate_label_ = nullptr;
 };
+
+// The stored settings as a share takes them.
+session::ShareQuality ShareQualityOf(const QualitySettings& settings);
 
 // "900 kbit/s", "1.5 Mbit/s", "6 Mbit/s", "16 Mbit/s": two significant digits.
 QString BitrateText(std::uint32_t kbps);

@@ -331,6 +331,24 @@ TEST(QualityDialogTest, BitratesInTwoSignificantDigits) {
   EXPECT_EQ(BitrateText(126000), "130 Mbit/s");
 }
 
+TEST(QualityDialogTest, TheStoredSettingsReachAShareFieldByField) {
+  const session::ShareQuality quality = ShareQualityOf({1920, 1080, 60, 16000, 192, true});
+  EXPECT_EQ(quality.width, 1920u);
+  EXPECT_EQ(quality.height, 1080u);
+  EXPECT_EQ(quality.fps, 60u);
+  EXPECT_EQ(quality.video_kbps, 16000u);
+  EXPECT_EQ(quality.audio_kbps, 192u);
+  EXPECT_TRUE(quality.mono);
+  DaemonConfig config;
+  ApplyQuality(config, quality);
+  EXPECT_EQ(config.width, 1920u);
+  EXPECT_EQ(config.height, 1080u);
+  EXPECT_EQ(config.fps, 60u);
+  EXPECT_EQ(config.video_kbps, 16000u);
+  EXPECT_EQ(config.audio_kbps, 192u);
+  EXPECT_TRUE(config.mono);
+}
+
 TEST(QualityDialogTest, TheDefaultsEstimateAboutSixMegabitsAViewer) {
   TestApplication();
   QualityDialog dialog(QualitySettings{}, false);
