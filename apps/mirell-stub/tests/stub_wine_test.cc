@@ -36,6 +36,15 @@ std::string WindowsPath(const fs::path& path) {
 
 using mirell::testsupport::Eventually;
 
+// Every log file Mirell wrote in dir, one after another.
+std::string LogsIn(const fs::path& dir) {
+  std::string logs;
+  for (const auto& entry : fs::directory_iterator(dir)) {
+    if (entry.path().extension() == ".log") logs += mirell::testsupport::ReadFileText(entry.path());
+  }
+  return logs;
+}
+
 bool WaitForPort(std::uint16_t port) {
   return Eventually([port] {
     try {
@@ -119,14 +128,7 @@ TEST_F(StubUnderWine, ShareLinkPrintsTheDaemonsAddressFromARunningMirell) {
   mirell::testsupport::ChildProcess ui({MIRELL_UI_BINARY, "--no-stub", "--pipe", "127.0.0.1:" + std::to_string(pipe_port_),
                                         "--rtsp-port", std::to_string(rtsp_port)},
                                        options);
-  for (int i = 0; i < 200; ++i) {
-    try {
-      mirell::testsupport::TcpClient probe(pipe_port_);
-      break;
-    } catch (const std::exception&) {
-      std::this_thread::sleep_for(25ms);
-    }
-  }
+  ASSERT_TRUE(WaitForPort(pipe_port_));
   EXPECT_EQ(AsVrchat(tools_ / "yt-dlp.exe", "https://mirell.example/s/ABCDEFGHJKMN"),
             "exit=0\nrtspt://127.0.0.1:" + std::to_string(rtsp_port) + "/s/ABCDEFGHJKMN\r\n");
   // Any other URL: exactly what the real resolver gives, byte for byte and exit code.
@@ -169,15 +171,7 @@ TEST_F(StubUnderWine, AShareLinkThroughTheStubPlaysTheCardThenTheHost) {
       options);
   ASSERT_TRUE(WaitForPort(pipe_port_));
   // The card is built in the background at start-up.
-  ASSERT_TRUE(Eventually([&] {
-    for (const auto& entry : fs::directory_iterator(ui_dir)) {
-      if (entry.path().extension() == ".log" &&
-          mirell::testsupport::ReadFileText(entry.path()).find("card frames=") != std::string::npos) {
-        return true;
-      }
-    }
-    return false;
-  }, 60s));
+  ASSERT_TRUE(Eventually([&] { return LogsIn(ui_dir).find("card frames=") != std::string::npos; }, 60s));
 
   const std::string printed =
       AsVrchat(tools_ / "yt-dlp.exe", "https://127.0.0.1:" + std::to_string(signal_port) + "/s/" + token);
@@ -205,7 +199,8 @@ TEST_F(StubUnderWine, AShareLinkThroughTheStubPlaysTheCardThenTheHost) {
   const auto first_host = played.err.find("s:640x360");
   const auto last_card = played.err.rfind("s:1280x720");
   ASSERT_NE(last_card, std::string::npos) << played.err;
-  ASSERT_NE(first_host, std::string::npos) << played.err;
+  ASSERT_NE(first_host, std::string::npos) << played.err << "\n--- host events\n" << events()
+                                            << "\n--- viewer log\n" << LogsIn(ui_dir);
   EXPECT_LT(last_card, first_host) << "the card after the host's picture";
   ui.Signal(SIGTERM);
   ui.Wait(20s);

@@ -26,6 +26,7 @@
 #include <utility>
 
 #include "gst_runtime.h"
+#include "ice_host_lookup.h"
 #include "mirell/base/logging.h"
 #include "mirell/transport/peer_link.h"
 #include "peer_link_testing.h"
@@ -107,6 +108,17 @@ bool HasProperty(gpointer object, const char* name) {
   return g_object_class_find_property(G_OBJECT_GET_CLASS(object), name) != nullptr;
 }
 
+// libnice asks the router for a mapped port by UPnP, and until the router answers or 200 ms have
+// passed it does not finish gathering: a non-trickle offer or answer waits that long every
+// time. A router that maps ports keeps them open for strangers too, so it is not worth it.
+void StopPortMapping(GstElement* nice_element) {
+  GObject* agent = nullptr;
+  g_object_get(nice_element, "agent", &agent, nullptr);
+  if (agent == nullptr) return;
+  if (HasProperty(agent, "upnp")) g_object_set(agent, "upnp", FALSE, nullptr);
+  g_object_unref(agent);
+}
+
 const char* FactoryName(GstElement* element) {
   GstElementFactory* factory = gst_element_get_factory(element);
   return factory ? GST_OBJECT_NAME(factory) : "";
@@ -182,6 +194,10 @@ class Link final : public PeerLink {
   GstWebRTCSessionDescription* CreateDescription(const char* action, const char* field);
   // Applies and frees it.
   void SetLocalDescription(GstWebRTCSessionDescription* description);
+  // Gives the agent the STUN server by address, or leaves it out when its name does not resolve.
+  // Before the link's transports exist (they take the server when they are made), but not in the
+  // constructor: a viewer's link is made while a resolve waits, and a lookup may take a while.
+  void ApplyStunServer();
   bool Send(GstElement* source, ByteSpan packet);
   void Transition(PeerState next);
   void LogSelectedPair();
@@ -215,6 +231,8 @@ class Link final : public PeerLink {
   std::atomic<unsigned> loss_every_{0};
   std::int64_t liveness_bound_ms_ = 0;  // Set before the watch starts.
   std::atomic<std::uint64_t> outgoing_video_{0};
+  std::optional<IceServerUri> stun_;  // Until it is applied; the thread making descriptions only.
+  std::string stun_description_;
   Receiver video_receiver_{this, true};
   Receiver audio_receiver_{this, false};
 
@@ -288,7 +306,9 @@ void Link::ConfigureIce(const PeerConfig& config) {
       } else {
         // webrtcbin takes a single STUN server.
         if (have_stun) throw std::invalid_argument("only the first STUN server is used");
-        g_object_set(webrtc_, "stun-server", uri.uri.c_str(), nullptr);
+        // Set once its name is looked up, just before gathering starts.
+        stun_ = uri;
+        stun_description_ = description;
         have_stun = true;
       }
       LOG_INFO("ice server {}", description);
@@ -351,6 +371,7 @@ GstElement* Link::AddSendTrack(bool video, const OfferMedia& media) {
 }
 
 void Link::AddTracksAndOffer(const OfferMedia& media) {
+  ApplyStunServer();
   video_payload_type_ = media.video_payload_type;
   video_src_ = AddSendTrack(true, media);
   if (media.has_audio) {
@@ -379,6 +400,21 @@ void Link::Start() {
   if (gst_element_set_state(pipeline_, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
     throw std::runtime_error("the link's pipeline did not start");
   }
+}
+
+void Link::ApplyStunServer() {
+  if (!stun_) return;
+  const std::optional<std::string> address = NumericIceHost(stun_->host);
+  if (!address) {
+    LOG_WARN("ignoring ice server {}: its name does not resolve", stun_description_);
+  } else {
+    const bool v6 = address->find(':') != std::string::npos;
+    const std::string host = v6 ? "[" + *address + "]" : *address;
+    const std::string uri = fmt::format("stun://{}:{}", host, stun_->port);
+    if (*address != stun_->host) LOG_DEBUG("ice server {} is {}", stun_description_, *address);
+    g_object_set(webrtc_, "stun-server", uri.c_str(), nullptr);
+  }
+  stun_.reset();
 }
 
 void Link::SetLocalDescription(GstWebRTCSessionDescription* description) {
@@ -439,6 +475,7 @@ void Link::SetRemoteDescription(const std::string& sdp) {
     audio_sample_rate_ = audio->sample_rate;
     audio_channels_ = audio->channels;
   }
+  if (!offerer_) ApplyStunServer();
   GstWebRTCSessionDescription* description = gst_webrtc_session_description_new(
       offerer_ ? GST_WEBRTC_SDP_TYPE_ANSWER : GST_WEBRTC_SDP_TYPE_OFFER, message);
 
@@ -684,6 +721,7 @@ void Link::OnDeepElementAdded(GstBin*, GstBin*, GstElement* element, gpointer se
     }
     g_signal_connect(element, "on-ssrc-active", G_CALLBACK(&Link::OnSourceActive), self);
   } else if (factory == "nicesink") {
+    StopPortMapping(element);
     if (static_cast<Link*>(self)->loss_every_ > 0) {
       GstPad* pad = gst_element_get_static_pad(element, "sink");
       gst_pad_add_probe(pad,

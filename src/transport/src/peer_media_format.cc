@@ -229,6 +229,8 @@ IceServerUri ToIceServerUri(const IceServer& server) {
     if (port == 0 || port > 65535) throw std::invalid_argument(fmt::format("port {} is out of range", port));
   }
 
+  result.host = host.starts_with('[') ? host.substr(1, host.size() - 2) : host;
+  result.port = static_cast<std::uint16_t>(port);
   if (!result.turn) {
     result.uri = fmt::format("stun://{}:{}", host, port);
     return result;

@@ -44,6 +44,8 @@ std::string IceServerDescription(const IceServer& server);
 struct IceServerUri {
   bool turn = false;
   std::string uri;
+  std::string host;  // As written; an IPv6 address without its brackets.
+  std::uint16_t port = 0;
 };
 // Takes "stun:", "turn:" and "turns:" URLs (RFC 7064 and 7065), with or without "//". Throws
 // std::invalid_argument, with the reason, for any other scheme, a missing host, a bad port, or a

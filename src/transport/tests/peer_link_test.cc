@@ -26,6 +26,16 @@ using std::chrono::milliseconds;
 
 PeerConfig HostOnly() { return PeerConfig{{}, 1}; }
 
+// Where two packet lists first differ, for a failure message a person can read (gtest would print
+// every byte of both lists).
+std::string FirstDifference(const std::vector<Bytes>& received, const std::vector<Bytes>& sent) {
+  for (std::size_t i = 0; i < std::min(received.size(), sent.size()); ++i) {
+    if (received[i] != sent[i]) return "packet " + std::to_string(i) + " differs";
+  }
+  return std::to_string(received.size()) + " packets received, " + std::to_string(sent.size()) +
+         " sent";
+}
+
 class PeerLinkTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -55,8 +65,10 @@ TEST_F(PeerLinkTest, PacketsArriveUnchangedOnBothTracks) {
   }
   ASSERT_TRUE(pair.viewer_seen->WaitForVideo(sent_video.size(), milliseconds(5000)));
   ASSERT_TRUE(pair.viewer_seen->WaitForAudio(sent_audio.size(), milliseconds(5000)));
-  EXPECT_EQ(pair.viewer_seen->video(), sent_video);
-  EXPECT_EQ(pair.viewer_seen->audio(), sent_audio);
+  EXPECT_TRUE(pair.viewer_seen->video() == sent_video)
+      << FirstDifference(pair.viewer_seen->video(), sent_video);
+  EXPECT_TRUE(pair.viewer_seen->audio() == sent_audio)
+      << FirstDifference(pair.viewer_seen->audio(), sent_audio);
   EXPECT_EQ(pair.host->audio_sample_rate(), 48000u);
   EXPECT_EQ(pair.viewer->audio_sample_rate(), 48000u);
   EXPECT_EQ(pair.viewer->audio_channels(), 2u);
@@ -245,7 +257,7 @@ TEST_F(PeerLinkTest, LostVideoPacketsAreRecoveredByRetransmission) {
       << pair.viewer_seen->video().size() << " of " << sent.size();
   std::vector<Bytes> received = pair.viewer_seen->video();
   received.resize(sent.size());
-  EXPECT_EQ(received, sent);
+  EXPECT_TRUE(received == sent) << FirstDifference(received, sent);
   EXPECT_GE(OutgoingVideoDropped() - dropped_before, sent.size() / 25);
 }
 
@@ -287,6 +299,33 @@ TEST_F(PeerLinkTest, AStunServerThatNeverAnswersDoesNotStopAHostConnection) {
               static_cast<long long>(std::chrono::duration_cast<milliseconds>(
                   std::chrono::steady_clock::now() - started).count()));
   EXPECT_NE(Log().find("connected host -> host"), std::string::npos);
+}
+
+// The default STUN server is named, and a machine offline (or with a broken resolver) cannot
+// look the name up: gathering must still finish and the link come up host to host.
+TEST_F(PeerLinkTest, AStunServerWhoseNameDoesNotResolveDoesNotStopAHostConnection) {
+  PeerConfig config{{{"stun:stun.mirell.invalid:3478", "", ""}}, 0};
+  auto started = std::chrono::steady_clock::now();
+  LinkPair pair(config, config);
+  ASSERT_TRUE(pair.Connect(milliseconds(20000))) << Log();
+  std::printf("connected in %lld ms with an unresolvable STUN server\n",
+              static_cast<long long>(std::chrono::duration_cast<milliseconds>(
+                  std::chrono::steady_clock::now() - started).count()));
+  EXPECT_NE(Log().find("connected host -> host"), std::string::npos);
+}
+
+// A name that resolves is given to the agent by its address, and the agent uses it: gathering
+// waits out the silent server's retransmissions, as it does for a silent server given by address.
+TEST_F(PeerLinkTest, AStunServerNamedByAHostNameIsUsedByItsAddress) {
+  const int port = media::testing::FreeUdpPort();
+  PeerConfig config{{{fmt::format("stun:localhost:{}", port), "", ""}}, 0};
+  auto started = std::chrono::steady_clock::now();
+  LinkPair pair(config, HostOnly());
+  ASSERT_TRUE(pair.Connect(milliseconds(20000))) << Log();
+  const auto took = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - started);
+  EXPECT_NE(Log().find(fmt::format("ice server stun:localhost:{} is 127.0.0.1", port)), std::string::npos)
+      << Log();
+  EXPECT_GE(took, milliseconds(1000)) << "the agent did not wait for the STUN server";
 }
 
 // coturn on loopback, with one long-term credential, for as long as it lives.
