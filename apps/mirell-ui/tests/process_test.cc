@@ -14,6 +14,7 @@
 
 #include "installed_ui.h"
 #include "instance_key.h"
+#include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
 #include "mirell/testsupport/xvfb.h"
@@ -116,7 +117,9 @@ TEST_F(UiProcess, SilentClientHoldsNeitherResolvesNorShutdown) {
   const auto signalled = std::chrono::steady_clock::now();
   process_->Signal(SIGTERM);
   const auto result = process_->Wait(20s);
-  EXPECT_LT(std::chrono::steady_clock::now() - signalled, 1s);
+  if (!testsupport::kSanitizedBuild) {
+    EXPECT_LT(std::chrono::steady_clock::now() - signalled, 1s);
+  }
   EXPECT_FALSE(result.timed_out);
   EXPECT_EQ(result.exit_code, 0) << result.err;
 }

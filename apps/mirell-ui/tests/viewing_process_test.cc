@@ -152,6 +152,8 @@ class ViewingAcrossProcesses : public ::testing::Test {
     peer = WaitForPending();
     EXPECT_FALSE(peer.empty());
     if (peer.empty()) return nullptr;
+    // The card plays first: on a slow machine a player that asked late would start at the host.
+    if (!ViewerLogged(" playing after=", 30s)) return nullptr;
     Command("approve " + peer);
     if (!ViewerLogged("stream up, card frames=", 30s)) return nullptr;
     return player;

@@ -405,8 +405,10 @@ class PulseAudioCapturer final : public IAudioCapturer {
     std::int64_t predicted = anchor_ + to_100ns(frames_since_anchor_);
     const std::int64_t lateness = measured - predicted;
     if (!anchored_ || lateness < 0 || lateness > kGap100ns) {
-      Reanchor(measured);
-      predicted = measured;
+      // Moving back never goes behind the buffer before: time stamps only rise.
+      const std::int64_t at = anchored_ && lateness < 0 ? std::max(measured, last_timestamp_ + 1) : measured;
+      Reanchor(at);
+      predicted = at;
     } else {
       least_lateness_ = std::min(least_lateness_, lateness);
       window_frames_ += frames;
@@ -420,6 +422,7 @@ class PulseAudioCapturer final : public IAudioCapturer {
       }
     }
     const std::int64_t timestamp = predicted;
+    last_timestamp_ = timestamp;
     frames_since_anchor_ += frames;
     try {
       on_audio_(AudioBuffer{samples, frames, timestamp, false});
@@ -467,6 +470,7 @@ class PulseAudioCapturer final : public IAudioCapturer {
   bool anchored_ = false;
   std::int64_t anchor_ = 0;
   std::uint64_t frames_since_anchor_ = 0;
+  std::int64_t last_timestamp_ = 0;
   std::int64_t least_lateness_ = INT64_MAX;  // Over the current drift window.
   std::uint64_t window_frames_ = 0;
   std::atomic<bool> running_{false};

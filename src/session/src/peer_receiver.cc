@@ -93,12 +93,18 @@ void PeerReceiver::OnAudio(ByteSpan packet) {
   media::AacAccessUnit unit;
   if (!audio_depacketizer_.Push(packet, unit)) return;
   const std::int64_t base = base_.load(std::memory_order_acquire);
-  if (base < 0) return;  // Only the first video unit sets the timeline.
+  if (base < 0) {  // Only the first video unit sets the timeline.
+    ++audio_units_before_video_;
+    return;
+  }
   const unsigned clock = audio_clock_.load();
   if (clock == 0) return;
   const std::int64_t t = audio_unwrap_.Next(unit.rtp_timestamp) * 10000000 / clock;
   const std::int64_t relative = t - base;
-  if (relative < 0) return;  // Older than the first video frame.
+  if (relative < 0) {  // Older than the first video frame.
+    ++audio_units_before_video_;
+    return;
+  }
 
   auto frame = std::make_shared<encode::EncodedAudioFrame>();
   frame->data = std::move(unit.bytes);

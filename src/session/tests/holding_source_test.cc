@@ -6,6 +6,7 @@
 
 #include "mirell/base/logging.h"
 #include "mirell/media/nal.h"
+#include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/subprocess.h"
 
 namespace mirell::session {
@@ -26,7 +27,11 @@ HoldingClipConfig SmallClip() {
 TEST(HoldingClip, ConstructionReturnsAtOnceAndTheClipIsBuiltBehind) {
   const auto started = std::chrono::steady_clock::now();
   HoldingClip clip(HoldingClipConfig{});
-  EXPECT_LT(std::chrono::steady_clock::now() - started, 20ms);
+  const auto construction = std::chrono::steady_clock::now() - started;
+  EXPECT_FALSE(clip.WaitReady(0));  // Four seconds of 1280x720 take far longer to encode.
+  if (!testsupport::kSanitizedBuild) {
+    EXPECT_LT(construction, 20ms);
+  }
   ASSERT_TRUE(clip.WaitReady(60'000));
   const auto frames = clip.Frames();
   // 30 fps x 4 s: one whole loop, whatever encoder made it.

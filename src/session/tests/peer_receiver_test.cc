@@ -102,6 +102,7 @@ TEST_F(PeerReceiverTest, AudioBeforeTheFirstVideoUnitIsDroppedAndNotCounted) {
   SendAudio(1024, 0x02);
   EXPECT_TRUE(Units().empty());
   EXPECT_EQ(receiver_.audio_units(), 0u);
+  EXPECT_EQ(receiver_.audio_units_before_video(), 2u);
   SendVideo(90000, true);  // One second: audio's base is 48000.
   SendAudio(48000 - 1024, 0x03);  // Older than the first frame.
   SendAudio(48000 + 1024, 0x04);
@@ -111,6 +112,7 @@ TEST_F(PeerReceiverTest, AudioBeforeTheFirstVideoUnitIsDroppedAndNotCounted) {
   EXPECT_EQ(units[0]->pts_100ns, 213333);
   EXPECT_EQ(units[0]->duration_100ns, 213333);
   EXPECT_EQ(receiver_.audio_units(), 1u);
+  EXPECT_EQ(receiver_.audio_units_before_video(), 3u);
 }
 
 TEST_F(PeerReceiverTest, TheAudioClockCanBeReplaced) {

@@ -1,10 +1,12 @@
 // A viewer in a process of its own for the two-process peer media test: an answering link with a
 // peer receiver in front of a pair of buses. It takes the offer from a file, writes its answer to
 // another, and records every unit that comes out of the buses in OUT_DIR: "units.txt" ("v <pts>
-// <key> <digest of the NAL units>" and "a <pts> <digest>", one line each, flushed) and the video in "video.h264".
+// <key> <digest of the NAL units>" and "a <pts> <digest>", one line each, flushed), the video in
+// "video.h264" and how many audio units came before the first video unit in "before_video.txt".
 // It runs until it is killed.
 //   peer_viewer OFFER_FILE ANSWER_FILE OUT_DIR
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -50,6 +52,7 @@ int main(int argc, char** argv) {
 
   std::ofstream units(out / "units.txt");
   std::ofstream video(out / "video.h264", std::ios::binary);
+  std::uint64_t before_video = 0;
   for (;;) {
     while (auto frame = video_reader->Pop(5)) {
       video.write(reinterpret_cast<const char*>(frame->data.data()),
@@ -60,6 +63,12 @@ int main(int argc, char** argv) {
     }
     while (auto unit = audio_reader->TryPop()) {
       units << "a " << unit->pts_100ns << ' ' << session::testing::Digest(unit->data) << std::endl;
+    }
+    if (receiver.audio_units_before_video() != before_video) {
+      before_video = receiver.audio_units_before_video();
+      std::filesystem::path partial = out / "before_video.partial";
+      std::ofstream(partial) << before_video;
+      std::filesystem::rename(partial, out / "before_video.txt");
     }
   }
 }

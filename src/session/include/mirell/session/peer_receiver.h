@@ -59,6 +59,8 @@ class PeerReceiver {
   std::vector<std::uint8_t> SequenceHeader() const;
   std::uint64_t video_units() const { return video_units_.load(); }
   std::uint64_t audio_units() const { return audio_units_.load(); }
+  // Audio units dropped because they came before the first video unit (no timeline yet).
+  std::uint64_t audio_units_before_video() const { return audio_units_before_video_.load(); }
 
  private:
   std::function<std::int64_t()> on_first_video_;
@@ -80,6 +82,7 @@ class PeerReceiver {
   std::function<void(ByteSpan)> on_sequence_header_;
   std::atomic<std::uint64_t> video_units_{0};
   std::atomic<std::uint64_t> audio_units_{0};
+  std::atomic<std::uint64_t> audio_units_before_video_{0};
 };
 
 }  // namespace mirell::session
