@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "mirell/session/peer_receiver.h"
+#include "mirell/testsupport/build_speed.h"
 #include "mirell/transport/peer_link.h"
 #include "peer_link_testing.h"
 #include "peer_media_fixture.h"
@@ -28,9 +29,8 @@ int main(int argc, char** argv) {
   const std::filesystem::path answer_file = argv[2];
   const std::filesystem::path out = argv[3];
 
-#if defined(__SANITIZE_THREAD__)
-  transport::SetReceiveLatency(1000);  // The build runs many times slower; see the link's tests.
-#endif
+  // A sanitized build runs several times slower; see the link's tests.
+  if constexpr (testsupport::kSanitizedBuild) transport::SetReceiveLatency(1000);
   daemon::FrameBus frames;
   daemon::AudioBus audio;
   auto video_reader = frames.Subscribe(1000, 0);

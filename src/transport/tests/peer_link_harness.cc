@@ -5,19 +5,18 @@
 #include <thread>
 
 #include "mirell/media/rtp.h"
+#include "mirell/testsupport/build_speed.h"
 #include "peer_link_testing.h"
 
 namespace mirell::transport::testing {
 namespace {
 
-// Under ThreadSanitizer everything runs many times slower: the viewer's jitter buffer needs room
+// Under a sanitizer everything runs several times slower: the viewer's jitter buffer needs room
 // for that, or it drops packets as late and the tests of delivery fail for the build's speed.
 class SlowBuildLatency : public ::testing::Environment {
  public:
   void SetUp() override {
-#if defined(__SANITIZE_THREAD__)
-    SetReceiveLatency(1000);
-#endif
+    if constexpr (testsupport::kSanitizedBuild) SetReceiveLatency(1000);
   }
 };
 [[maybe_unused]] ::testing::Environment* const slow_build_latency =
