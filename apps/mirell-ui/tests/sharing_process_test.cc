@@ -419,15 +419,15 @@ TEST_F(SharingAcrossProcesses, APersonPicksAWindowInThePickerAndAViewerPlaysIt) 
   const std::string picker = visible("^Share a screen or a window");
   run({"xdotool", "windowactivate", "--sync", picker.substr(0, picker.find('\n')), "key", "End", "Tab", "space"});
   ASSERT_TRUE(HostLogged("target=Picked By Hand", 20s)) << HostLog();
-  const std::smatch token = [&] {
+  // The token is copied out: a match only points into the text it was found in.
+  const std::string token = [&] {
     std::smatch match;
     static const std::regex kToken("token=([0-9A-Z]{12})");
     const std::string log = HostLog();
-    std::regex_search(log, match, kToken);
-    return match;
+    return std::regex_search(log, match, kToken) ? match[1].str() : std::string();
   }();
   ASSERT_FALSE(token.empty()) << HostLog();
-  const std::string link = "https://127.0.0.1:" + std::to_string(signal_port_) + "/s/" + token[1].str();
+  const std::string link = "https://127.0.0.1:" + std::to_string(signal_port_) + "/s/" + token;
 
   StartViewer();
   auto player = Play(Resolve(link), 6);
