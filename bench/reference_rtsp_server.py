@@ -28,7 +28,10 @@ def window_launch(xid, width, height, fps, kbps):
             f"! video/x-raw,format=I420,width={width},height={height} "
             f"! x264enc tune=zerolatency speed-preset=veryfast bitrate={kbps} key-int-max={2 * int(fps)} "
             "bframes=0 vbv-buf-capacity=250 ! video/x-h264,profile=main "
-            "! rtph264pay name=pay0 pt=96 config-interval=-1 )")
+            # Parameter sets once a second, not before every keyframe's slices (-1): x264's slice
+            # threads make several slices a picture, and sets between them make ffmpeg's parser
+            # cut pictures in two, so ffmpeg decoded nothing readable from this stream.
+            "! rtph264pay name=pay0 pt=96 config-interval=1 )")
 
 
 def main():

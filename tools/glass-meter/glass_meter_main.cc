@@ -76,6 +76,7 @@ int main(int argc, char** argv) {
   std::vector<std::uint8_t> picture(static_cast<std::size_t>(o.width) * static_cast<std::size_t>(o.height));
   std::vector<double> samples;
   std::size_t pictures = 0;
+  std::size_t implausible = 0;  // Codes that read as seconds old: garbled pictures.
   const auto start = std::chrono::steady_clock::now();
   while (ReadPicture(picture)) {
     const std::uint32_t now = mirell::timecode::Now();
@@ -84,10 +85,16 @@ int main(int argc, char** argv) {
     if (o.seconds > 0 && elapsed > o.seconds + o.skip_seconds) break;
     if (elapsed < o.skip_seconds) continue;
     if (const auto painted = mirell::timecode::Read(picture.data(), o.width, o.height, o.width)) {
-      samples.push_back(mirell::timecode::ElapsedMs(*painted, now));
+      const double elapsed_ms = mirell::timecode::ElapsedMs(*painted, now);
+      if (mirell::meter::IsPlausibleLatency(elapsed_ms)) {
+        samples.push_back(elapsed_ms);
+      } else {
+        ++implausible;
+      }
     }
   }
   const auto figures = mirell::meter::Summarise(samples);
-  std::printf("%s: %s, pictures=%zu\n", o.label.c_str(), mirell::meter::Describe(figures).c_str(), pictures);
+  std::printf("%s: %s, pictures=%zu implausible=%zu\n", o.label.c_str(), mirell::meter::Describe(figures).c_str(),
+              pictures, implausible);
   return figures.samples > 0 ? 0 : 1;
 }

@@ -16,6 +16,8 @@ double NearestRank(const std::vector<double>& sorted, double percent) {
 
 }  // namespace
 
+bool IsPlausibleLatency(double ms) { return ms >= 0 && ms <= kMostPlausibleMs; }
+
 LatencyFigures Summarise(std::vector<double> samples_ms) {
   LatencyFigures figures;
   figures.samples = samples_ms.size();

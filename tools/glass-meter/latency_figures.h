@@ -13,6 +13,11 @@ struct LatencyFigures {
   double p99_ms = 0;
 };
 
+// A code that passes its check byte by chance in a garbled picture (one in 256) reads as any
+// time at all; a real picture is never seconds old, nor from the future.
+inline constexpr double kMostPlausibleMs = 5000;
+bool IsPlausibleLatency(double ms);
+
 // Nearest-rank percentiles; all zero for no samples.
 LatencyFigures Summarise(std::vector<double> samples_ms);
 

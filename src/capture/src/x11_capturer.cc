@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "cursor_overlay.h"
+#include "grab_pacer.h"
 #include "mirell/base/clock.h"
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
@@ -33,6 +34,10 @@ constexpr int kPointerPollMs = 33;
 constexpr int kIdleWaitMs = 250;
 // A window that has not repainted by then is read as it is.
 constexpr std::int64_t kFirstDamageWaitNs = 500'000'000;
+
+timespec NsToTimespec(std::int64_t ns) {
+  return {static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
+}
 
 bool QueryExtensionVersion(X11Connection& x, const char* name, bool (*query)(X11Connection&)) {
   return x.HasExtension(name) && query(x);
@@ -95,6 +100,12 @@ class X11Capturer final : public ICapturer {
   std::uint32_t height() const override { return height_; }
   const std::string& name() const override { return name_; }
   bool alive() const override { return alive_; }
+  void SetTickSchedule(std::int64_t first_tick_ns, std::uint32_t ticks_per_second) override {
+    pacer_.SetSchedule(first_tick_ns, ticks_per_second);
+    // The thread may be asleep until a read time of the old schedule.
+    const std::uint64_t one = 1;
+    if (write(wake_, &one, sizeof one) < 0) LOG_WARN("could not wake the capture thread ({})", errno);
+  }
 
  private:
   void OpenWindow() {
@@ -151,15 +162,21 @@ class X11Capturer final : public ICapturer {
     bool pending = target_.kind != CaptureKind::kWindow || !composite_ || !damage_;
     bool delivered_any = false;
     std::int64_t last_grab = 0;
+    std::int64_t planned = 0;  // When a pending change was meant to be read; 0: as soon as seen.
     const int fd = xcb_get_file_descriptor(x_.get());
     while (running_) {
       const std::int64_t now = SteadyNowNs();
-      int timeout_ms = cursor_ ? kPointerPollMs : kIdleWaitMs;
-      if (!damage_) timeout_ms = kPointerPollMs;
-      if (pending) timeout_ms = static_cast<int>(std::max<std::int64_t>(0, last_grab + kMinimumGrabSpacingNs - now) / 1'000'000);
+      std::int64_t timeout_ns = static_cast<std::int64_t>(cursor_ ? kPointerPollMs : kIdleWaitMs) * 1'000'000;
+      if (!damage_) timeout_ns = std::int64_t{kPointerPollMs} * 1'000'000;
+      if (pending) timeout_ns = std::max<std::int64_t>(0, ReadAt(last_grab, now) - now);
       pollfd fds[2] = {{fd, POLLIN, 0}, {wake_, POLLIN, 0}};
-      poll(fds, 2, timeout_ms);
+      const timespec timeout = NsToTimespec(timeout_ns);
+      ppoll(fds, 2, &timeout, nullptr);
       if (!running_) break;
+      if ((fds[1].revents & POLLIN) != 0) {
+        std::uint64_t count = 0;
+        if (read(wake_, &count, sizeof count) < 0) LOG_DEBUG("capture wake-up already taken ({})", errno);
+      }
 
       while (xcb_generic_event_t* event = xcb_poll_for_event(x_.get())) {
         const std::uint8_t type = event->response_type & 0x7F;
@@ -180,13 +197,29 @@ class X11Capturer final : public ICapturer {
       if (!damage_) pending = true;
       if (!pending && !delivered_any && SteadyNowNs() - started > kFirstDamageWaitNs) pending = true;
       if (!pending && cursor_ && PointerMoved()) pending = true;
-      if (!pending || SteadyNowNs() - last_grab < kMinimumGrabSpacingNs) continue;
+      const std::int64_t grab_start = SteadyNowNs();
+      if (!pending) {
+        planned = 0;
+        continue;
+      }
+      const std::int64_t read_at = ReadAt(last_grab, grab_start);
+      if (grab_start < read_at) {
+        planned = read_at;
+        continue;
+      }
 
       if (damage_) xcb_damage_subtract(x_.get(), damage, XCB_NONE, XCB_NONE);
-      last_grab = SteadyNowNs();
+      last_grab = grab_start;
       pending = false;
+      // From the planned start, so that a late wake-up counts as the read's cost and moves the
+      // next read earlier.
+      const std::int64_t read_start = planned != 0 ? std::min(planned, grab_start) : grab_start;
+      planned = 0;
       switch (GrabAndDeliver()) {
-        case Outcome::kDelivered: delivered_any = true; break;
+        case Outcome::kDelivered:
+          delivered_any = true;
+          pacer_.Read(read_start, SteadyNowNs());
+          break;
         case Outcome::kTryAgain: pending = true; break;
         case Outcome::kNothing: break;
       }
@@ -195,6 +228,12 @@ class X11Capturer final : public ICapturer {
       xcb_damage_destroy(x_.get(), damage);
       xcb_flush(x_.get());
     }
+  }
+
+  // When a pending change may be read: the spacing after the last read, and the consumer's
+  // tick schedule where it gave one.
+  std::int64_t ReadAt(std::int64_t last_grab, std::int64_t now) {
+    return std::max(last_grab + kMinimumGrabSpacingNs, pacer_.NextReadAt(now));
   }
 
   enum class Outcome { kDelivered, kTryAgain, kNothing };
@@ -281,7 +320,8 @@ class X11Capturer final : public ICapturer {
   std::atomic<std::uint32_t> height_{0};
   std::atomic<bool> running_{false};
   std::atomic<bool> alive_{true};
-  int wake_ = -1;
+  int wake_ = -1;  // An eventfd: Stop and a new tick schedule wake the thread.
+  GrabPacer pacer_;
   std::mutex mutex_;  // Held around each callback, so that Stop waits for one in progress.
   FrameCallback on_frame_;
   std::thread thread_;

@@ -30,4 +30,16 @@ bool FakeCapturer::Deliver(const media::BgraView& picture, std::int64_t timestam
   return true;
 }
 
+void FakeCapturer::SetTickSchedule(std::int64_t first_tick_ns, std::uint32_t ticks_per_second) {
+  std::lock_guard lock(schedule_mutex_);
+  schedule_.first_tick_ns = first_tick_ns;
+  schedule_.ticks_per_second = ticks_per_second;
+  ++schedule_.calls;
+}
+
+FakeCapturer::TickSchedule FakeCapturer::tick_schedule() {
+  std::lock_guard lock(schedule_mutex_);
+  return schedule_;
+}
+
 }  // namespace mirell::capture

@@ -10,6 +10,7 @@
 #include <optional>
 #include <thread>
 
+#include "mirell/base/clock.h"
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
 #include "mirell/capture/capture_targets.h"
@@ -317,6 +318,36 @@ TEST_F(X11CaptureTest, AStillWindowGivesNoFurtherFramesAndAChangingOneGivesMany)
   const auto times = changing_frames.timestamps();
   const auto grabs = static_cast<std::int64_t>(times.size());
   EXPECT_GE(times.back() - times.front(), (grabs - 1) * 40'000 - 100'000) << grabs << " grabs";
+}
+
+TEST_F(X11CaptureTest, GivenTheConsumersTicksAChangingWindowIsReadOncePerTickJustBeforeIt) {
+  const auto changing = StartWindow({"--title", "Paced", "--color", HexColour(kRed), "--color2", HexColour(kGreen), "--alternate-ms", "5"});
+  FrameLog frames;
+  auto capturer = CaptureWindow(changing.id(), frames);
+  ASSERT_TRUE(Eventually([&] { return frames.count() >= 1; }));
+  constexpr std::int64_t kInterval = 1'000'000'000 / 30;
+  const std::int64_t first_tick = SteadyNowNs() + 50'000'000;
+  capturer->SetTickSchedule(first_tick, 30);
+  std::this_thread::sleep_for(1200ms);  // About 35 ticks of a window that changes 200 times a second.
+  capturer->Stop();
+  const std::int64_t ended = SteadyNowNs();
+
+  std::vector<std::int64_t> paced;
+  for (const std::int64_t t : frames.timestamps()) {
+    if (t * 100 >= first_tick - kInterval / 2) paced.push_back(t * 100);
+  }
+  const std::int64_t ticks = (ended - first_tick) / kInterval + 1;
+  ASSERT_GE(paced.size(), 10u);
+  EXPECT_LE(static_cast<std::int64_t>(paced.size()), ticks + 1) << "at most one read per tick";
+  // A read is stamped once its picture is in; the pacer aims it within half an interval before
+  // a tick. A preempted read may land after its tick, but most must land in their window.
+  std::size_t in_window = 0;
+  for (const std::int64_t t : paced) {
+    const std::int64_t since_first = t - first_tick;
+    const std::int64_t to_next_tick = since_first < 0 ? -since_first : (kInterval - since_first % kInterval) % kInterval;
+    if (to_next_tick <= kInterval / 2) ++in_window;
+  }
+  EXPECT_GE(in_window * 10, paced.size() * 8) << in_window << " of " << paced.size() << " reads just before a tick";
 }
 
 TEST_F(X11CaptureTest, AResizeLogsOnceAndLaterFramesHaveTheNewSize) {

@@ -113,6 +113,9 @@ void CaptureSource::EncodeLoop() {
   const std::int64_t resume_pts = static_cast<std::int64_t>(resume_frame_) * kTicksPerSecond / fps;
   // The steady-clock instant of frame time zero: the sound derives its times from it.
   if (epoch_ != nullptr) epoch_->store(SteadyNowNs() / 100 - resume_pts);
+  // The capturer reads a change just before each tick rather than as it happens, so that the
+  // picture a tick takes has not waited most of an interval in the slot.
+  capturer_->SetTickSchedule(start, target_fps_);
 
   auto frame_index = static_cast<std::int64_t>(resume_frame_);
   std::int64_t ticks = 0;

@@ -322,5 +322,33 @@ TEST_F(CaptureSourceTest, EveryTickReportsItsTimesAndWhetherItRepeated) {
   }
 }
 
+TEST_F(CaptureSourceTest, TheCapturerIsToldTheTicksSoThatItReadsJustBeforeThem) {
+  std::mutex mutex;
+  std::vector<std::int64_t> starts;
+  auto source = MakeSource(30, encoder_);
+  source->SetTimingCallback([&](const CaptureSource::FrameTiming& timing) {
+    std::lock_guard lock(mutex);
+    starts.push_back(timing.encode_start_ns);
+  });
+  source->Start();
+  EXPECT_EQ(capturer_->tick_schedule().calls, 0) << "no schedule before the first picture starts the clock";
+  ASSERT_TRUE(capturer_->Deliver(grey_.view, SteadyNowNs() / 100));
+  ASSERT_TRUE(Eventually([&] {
+    std::lock_guard lock(mutex);
+    return starts.size() >= 4;
+  }));
+  source->Stop();
+  const auto schedule = capturer_->tick_schedule();
+  EXPECT_EQ(schedule.calls, 1);
+  EXPECT_EQ(schedule.ticks_per_second, 30u);
+  std::lock_guard lock(mutex);
+  // Tick k begins no earlier than first + k/30 s (it may begin late, never early).
+  for (std::size_t k = 0; k < starts.size(); ++k) {
+    const std::int64_t tick = schedule.first_tick_ns + static_cast<std::int64_t>(k) * 1'000'000'000 / 30;
+    EXPECT_GE(starts[k], tick - 100) << "tick " << k;
+  }
+  EXPECT_LT(starts[0] - schedule.first_tick_ns, 20'000'000) << "the first tick is the schedule's first";
+}
+
 }  // namespace
 }  // namespace mirell::session

@@ -25,5 +25,14 @@ TEST(LatencyFigures, OneSampleAndNone) {
   EXPECT_DOUBLE_EQ(none.median_ms, 0);
 }
 
+TEST(LatencyFigures, ACodeReadAsSecondsOldOrFromTheFutureIsNotALatency) {
+  EXPECT_TRUE(IsPlausibleLatency(0));
+  EXPECT_TRUE(IsPlausibleLatency(45.5));
+  EXPECT_TRUE(IsPlausibleLatency(kMostPlausibleMs));
+  EXPECT_FALSE(IsPlausibleLatency(kMostPlausibleMs + 0.1));
+  EXPECT_FALSE(IsPlausibleLatency(383425093.7)) << "a garbled code passing its check byte by chance";
+  EXPECT_FALSE(IsPlausibleLatency(-1));
+}
+
 }  // namespace
 }  // namespace mirell::meter

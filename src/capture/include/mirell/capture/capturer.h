@@ -49,6 +49,16 @@ class ICapturer {
   virtual const std::string& name() const = 0;
   // False once the target is gone (a closed window); frames stop then. Any thread.
   virtual bool alive() const = 0;
+  // The consumer's clock: it takes one picture at each steady-clock instant first_tick_ns +
+  // k * 1e9 / ticks_per_second. A capturer that can time its reads then reads a change shortly
+  // before the next tick, once per tick, instead of as soon as it happens, so the picture taken
+  // at a tick is as fresh as a read allows and no read is spent on a picture replaced before
+  // it is used. A rate of 0 goes back to reading every change. Any thread, before or after
+  // Start; a capturer that cannot time its reads ignores it.
+  virtual void SetTickSchedule(std::int64_t first_tick_ns, std::uint32_t ticks_per_second) {
+    (void)first_tick_ns;
+    (void)ticks_per_second;
+  }
 };
 
 // Whether this session can capture: on Linux, an X display with the Composite, DAMAGE and XFIXES
