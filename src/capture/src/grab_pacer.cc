@@ -48,11 +48,13 @@ std::int64_t GrabPacer::NextReadAt(std::int64_t now_ns) {
 
 void GrabPacer::Read(std::int64_t started_ns, std::int64_t finished_ns) {
   const Schedule s = schedule();
-  const std::int64_t cost = std::max<std::int64_t>(0, finished_ns - started_ns);
-  // Quick to grow, so that one slow read moves the next one earlier; slow to shrink, so that one
-  // quick read does not make the next one late.
-  cost_ns_ = cost > cost_ns_ ? cost : cost_ns_ - (cost_ns_ - cost) / 16;
-  if (s.rate != 0) used_tick_ns_ = NextTick(s, started_ns);
+  costs_ns_[next_cost_] = std::max<std::int64_t>(0, finished_ns - started_ns);
+  next_cost_ = (next_cost_ + 1) % costs_ns_.size();
+  cost_ns_ = *std::max_element(costs_ns_.begin(), costs_ns_.end());
+  if (s.rate == 0) return;
+  used_tick_ns_ = NextTick(s, started_ns);
+  ++reads_;
+  if (finished_ns > used_tick_ns_) ++late_reads_;
 }
 
 std::int64_t GrabPacer::lead_ns() {

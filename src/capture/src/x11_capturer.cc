@@ -92,6 +92,10 @@ class X11Capturer final : public ICapturer {
     const std::uint64_t one = 1;
     if (write(wake_, &one, sizeof one) < 0) LOG_WARN("could not wake the capture thread ({})", errno);
     if (thread_.joinable()) thread_.join();
+    if (pacer_.reads() > 0) {
+      LOG_INFO("{}: reads paced={} late={} lead={:.1f}ms", name_, pacer_.reads(), pacer_.late_reads(),
+               static_cast<double>(pacer_.lead_ns()) / 1e6);
+    }
     std::lock_guard lock(mutex_);
     on_frame_ = nullptr;
   }

@@ -49,16 +49,25 @@ TEST(GrabPacerTest, OneReadPerTick) {
   EXPECT_EQ(pacer.NextReadAt(tick2 + 4 * kMs), tick3 - pacer.lead_ns());
 }
 
-TEST(GrabPacerTest, TheLeadGrowsAtOnceWithASlowReadAndShrinksSlowly) {
+TEST(GrabPacerTest, TheLeadIsTheSlowestOfTheLastReadsPlusAMargin) {
   GrabPacer pacer;
   pacer.SetSchedule(kFirst, 30);
   pacer.Read(kFirst + 30 * kMs, kFirst + 38 * kMs);  // 8 ms.
-  EXPECT_EQ(pacer.lead_ns(), 8 * kMs + GrabPacer::kMarginNs);
-  pacer.Read(kFirst + 60 * kMs, kFirst + 60 * kMs);  // 0 ms: a sixteenth of the way down.
-  EXPECT_EQ(pacer.lead_ns(), 8 * kMs - kMs / 2 + GrabPacer::kMarginNs);
-  for (int i = 0; i < 200; ++i) pacer.Read(kFirst, kFirst);
-  EXPECT_GE(pacer.lead_ns(), GrabPacer::kMarginNs) << "never below the margin";
-  EXPECT_LE(pacer.lead_ns(), GrabPacer::kMarginNs + 100) << "down to the margin";
+  EXPECT_EQ(pacer.lead_ns(), 8 * kMs + GrabPacer::kMarginNs) << "one slow read moves the next earlier at once";
+  for (std::size_t i = 1; i < GrabPacer::kRememberedReads; ++i) pacer.Read(kFirst, kFirst + 1 * kMs);
+  EXPECT_EQ(pacer.lead_ns(), 8 * kMs + GrabPacer::kMarginNs) << "and is remembered for the last 32 reads";
+  pacer.Read(kFirst, kFirst + 1 * kMs);
+  EXPECT_EQ(pacer.lead_ns(), 1 * kMs + GrabPacer::kMarginNs) << "then forgotten";
+}
+
+TEST(GrabPacerTest, ReadsEndingAfterTheirTickAreCounted) {
+  GrabPacer pacer;
+  pacer.SetSchedule(kFirst, 30);
+  const std::int64_t tick1 = kFirst + kSecond / 30;
+  pacer.Read(tick1 - 5 * kMs, tick1 - 1 * kMs);
+  pacer.Read(tick1 + 30 * kMs, tick1 + 35 * kMs);  // Meant for tick 2, ended after it.
+  EXPECT_EQ(pacer.reads(), 2u);
+  EXPECT_EQ(pacer.late_reads(), 1u);
 }
 
 TEST(GrabPacerTest, TheLeadIsAtMostHalfAnInterval) {

@@ -1,6 +1,7 @@
 #include "mirell/session/capture_source.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 #include "mirell/base/clock.h"
@@ -122,9 +123,16 @@ void CaptureSource::EncodeLoop() {
   std::uint64_t last_generation = 0;
   std::vector<encode::EncodedFrame> out;
   FrameTiming timing;
+  // How long a tick without a new picture waits for one: a read meant for this tick that ends
+  // just after it is encoded a little late rather than a whole interval late.
+  const auto late_picture_wait = std::chrono::nanoseconds(kTicksPerSecond / fps * 100 / 4);
   while (running_) {
     {
-      std::lock_guard lock(mutex_);
+      std::unique_lock lock(mutex_);
+      if (ticks > 0 && slot_generation_ == last_generation) {
+        slot_ready_.wait_for(lock, late_picture_wait,
+                             [&] { return slot_generation_ != last_generation || !running_; });
+      }
       timing.repeated = slot_generation_ == last_generation;
       if (timing.repeated) {
         ++repeated_;

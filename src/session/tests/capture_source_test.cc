@@ -350,5 +350,36 @@ TEST_F(CaptureSourceTest, TheCapturerIsToldTheTicksSoThatItReadsJustBeforeThem) 
   EXPECT_LT(starts[0] - schedule.first_tick_ns, 20'000'000) << "the first tick is the schedule's first";
 }
 
+TEST_F(CaptureSourceTest, APictureJustAfterATickIsEncodedAtOnceNotAWholeIntervalLater) {
+  std::mutex mutex;
+  std::vector<CaptureSource::FrameTiming> timings;
+  auto source = MakeSource(10, encoder_);  // 100 ms ticks: a 25 ms wait for a late picture.
+  source->SetTimingCallback([&](const CaptureSource::FrameTiming& timing) {
+    std::lock_guard lock(mutex);
+    timings.push_back(timing);
+  });
+  source->Start();
+  ASSERT_TRUE(capturer_->Deliver(grey_.view, SteadyNowNs() / 100));
+  ASSERT_TRUE(Eventually([&] { return capturer_->tick_schedule().calls == 1; }));
+  const std::int64_t tick1 = capturer_->tick_schedule().first_tick_ns + 100'000'000;
+  std::this_thread::sleep_for(std::chrono::nanoseconds(tick1 + 5'000'000 - SteadyNowNs()));
+  SolidBgra white(640, 360, 255);
+  const std::int64_t delivered_ns = SteadyNowNs();
+  ASSERT_TRUE(capturer_->Deliver(white.view, delivered_ns / 100));
+  ASSERT_TRUE(Eventually([&] {
+    std::lock_guard lock(mutex);
+    return timings.size() >= 3;
+  }));
+  source->Stop();
+  std::lock_guard lock(mutex);
+  if (delivered_ns > tick1 + 20'000'000) GTEST_SKIP() << "the test thread woke too late to deliver inside the wait";
+  EXPECT_FALSE(timings[1].repeated) << "tick 1 waited for the picture that came 5 ms after it";
+  EXPECT_EQ(timings[1].captured_ns, delivered_ns / 100 * 100);
+  EXPECT_GE(timings[1].encode_start_ns, delivered_ns);
+  EXPECT_LT(timings[1].encode_start_ns, tick1 + 50'000'000) << "not at tick 2";
+  EXPECT_TRUE(timings[2].repeated);
+  EXPECT_EQ(encoder_.luma_seen().at(1), encoder_.luma_seen().at(2)) << "tick 2 repeats the white picture";
+}
+
 }  // namespace
 }  // namespace mirell::session

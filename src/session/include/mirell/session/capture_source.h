@@ -3,7 +3,10 @@
 // to the output size and hands them over in the slot; a metronome thread encodes whatever the
 // slot holds on every tick, new or not, and publishes the units on the stream's video bus. So a
 // still window yields repeats and a fast one yields drops, and frame times come from the frame
-// index, never from the capture clock.
+// index, never from the capture clock. The capturer is told the tick times, so that it can read
+// a change just before the tick that takes it; a tick with no new picture waits up to a quarter
+// interval for one, so that a read that ends just after its tick costs a little, not a whole
+// interval.
 #pragma once
 
 #include <atomic>
