@@ -175,7 +175,11 @@ void HoldingSource::Run() {
 
 void HoldingSource::Play() {
   const auto interval = std::chrono::nanoseconds(frame_duration_ * 100);
-  auto deadline = std::chrono::steady_clock::now();
+  // The card starts as if it had played for a moment already: the first pictures go out at once,
+  // so a player that opens the stream just after it is made (as VRChat's does, straight after the
+  // resolve) finds a backlog to start from, as on a stream that has run for a while, instead of
+  // waiting for the pictures a player reads before it shows the first (ffmpeg's take 130-180 ms).
+  auto deadline = std::chrono::steady_clock::now() - interval * kHeadStartFrames;
   std::uint64_t index = 0;
   std::int64_t audio_time = 0;
   while (running_.load()) {

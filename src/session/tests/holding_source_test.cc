@@ -7,6 +7,7 @@
 #include "mirell/base/logging.h"
 #include "mirell/media/nal.h"
 #include "mirell/testsupport/build_speed.h"
+#include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 
 namespace mirell::session {
@@ -122,9 +123,9 @@ TEST(HoldingSource, LoopsWithRisingTimesKeyframesAsInTheClipAndSilenceOneUnitAhe
   }
   const auto elapsed = std::chrono::steady_clock::now() - started;
   source.Stop();
-  // Paced in real time: 45 frames take about 1.5 s (the first goes out at once).
-  EXPECT_GE(elapsed, 1400ms);
-  EXPECT_LT(elapsed, 2500ms);
+  // The head start goes out at once, then real time: 45 frames take about 36 intervals, 1.2 s.
+  EXPECT_GE(elapsed, 1100ms);
+  EXPECT_LT(elapsed, 2200ms);
   for (std::size_t i = 0; i < got.size(); ++i) {
     EXPECT_EQ(got[i]->pts_100ns, static_cast<std::int64_t>(i) * 333'333) << i;
     EXPECT_EQ(got[i]->keyframe, clip_frames[i % 30].keyframe) << i;
@@ -145,6 +146,31 @@ TEST(HoldingSource, LoopsWithRisingTimesKeyframesAsInTheClipAndSilenceOneUnitAhe
   // At most one unit ahead of the last picture.
   EXPECT_GT(expected_audio, source.last_timestamp());
   EXPECT_LE(expected_audio - 213'333, source.last_timestamp() + 213'333);
+}
+
+TEST(HoldingSource, APlayerOpeningTheStreamAtOnceFindsAHeadStartOfPicturesAndSound) {
+  HoldingClip clip(SmallClip());
+  ASSERT_TRUE(clip.WaitReady(30'000));
+  daemon::FrameBus frames;
+  daemon::AudioBus audio;
+  frames.SetHistory(200);  // As a stream's buses keep it.
+  audio.SetHistory(400);
+  HoldingSource source(frames, audio, clip);
+  const auto started = std::chrono::steady_clock::now();
+  source.Start();
+  ASSERT_TRUE(testsupport::Eventually([&] { return source.frames_played() >= HoldingSource::kHeadStartFrames; }, 2s));
+  // In real time they would take eight intervals at the least.
+  EXPECT_LT(std::chrono::steady_clock::now() - started, (HoldingSource::kHeadStartFrames - 1) * 33ms);
+  // What a player joining now is primed with: the history since the first keyframe.
+  auto video_reader = frames.Subscribe(200, HoldingSource::kHeadStartFrames);
+  auto audio_reader = audio.Subscribe(400, 0);
+  source.Stop();
+  std::size_t pictures = 0;
+  while (video_reader->Pop(0) != nullptr) ++pictures;
+  std::size_t units = 0;
+  while (audio_reader->TryPop() != nullptr) ++units;
+  EXPECT_GE(pictures, HoldingSource::kHeadStartFrames) << "primed from the head start";
+  EXPECT_GE(units * 213'333, (HoldingSource::kHeadStartFrames - 1) * 333'333) << "sound up to the last picture";
 }
 
 TEST(HoldingSource, WithoutSilenceOnlyVideoPlays) {

@@ -65,6 +65,9 @@ class HoldingClip {
 
 class HoldingSource {
  public:
+  // Pictures published at once when the card starts; the rest follow in real time.
+  static constexpr std::uint64_t kHeadStartFrames = 9;
+
   // Copies the clip as it is now.
   HoldingSource(daemon::FrameBus& frames, daemon::AudioBus& audio, const HoldingClip& clip);
   ~HoldingSource();
