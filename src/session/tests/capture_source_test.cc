@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -76,6 +77,32 @@ struct SolidBgra {
 };
 
 using testsupport::Eventually;
+
+// Every tick's times, kept under a lock: the callback runs on the encode thread.
+class TimingLog {
+ public:
+  std::function<void(const CaptureSource::FrameTiming&)> Callback() {
+    return [this](const CaptureSource::FrameTiming& timing) {
+      std::lock_guard lock(mutex_);
+      timings_.push_back(timing);
+    };
+  }
+  // Waits up to 5 s for `count` ticks; false if they did not come.
+  bool WaitFor(std::size_t count) {
+    return Eventually([&] {
+      std::lock_guard lock(mutex_);
+      return timings_.size() >= count;
+    });
+  }
+  std::vector<CaptureSource::FrameTiming> timings() const {
+    std::lock_guard lock(mutex_);
+    return timings_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<CaptureSource::FrameTiming> timings_;
+};
 
 class CaptureSourceTest : public ::testing::Test {
  protected:
@@ -296,22 +323,15 @@ TEST_F(CaptureSourceTest, TheRealEncoderMakesAKeyframeFirstAndFrameTimesFromTheI
 }
 
 TEST_F(CaptureSourceTest, EveryTickReportsItsTimesAndWhetherItRepeated) {
-  std::mutex mutex;
-  std::vector<CaptureSource::FrameTiming> timings;
+  TimingLog log;
   auto source = MakeSource(30, encoder_);
-  source->SetTimingCallback([&](const CaptureSource::FrameTiming& timing) {
-    std::lock_guard lock(mutex);
-    timings.push_back(timing);
-  });
+  source->SetTimingCallback(log.Callback());
   source->Start();
   const std::int64_t captured_100ns = SteadyNowNs() / 100;
   ASSERT_TRUE(capturer_->Deliver(grey_.view, captured_100ns));
-  ASSERT_TRUE(Eventually([&] {
-    std::lock_guard lock(mutex);
-    return timings.size() >= 3;
-  }));
+  ASSERT_TRUE(log.WaitFor(3));
   source->Stop();
-  std::lock_guard lock(mutex);
+  const auto timings = log.timings();
   EXPECT_FALSE(timings[0].repeated);
   EXPECT_EQ(timings[0].captured_ns, captured_100ns * 100);
   EXPECT_TRUE(timings[1].repeated);
@@ -323,41 +343,30 @@ TEST_F(CaptureSourceTest, EveryTickReportsItsTimesAndWhetherItRepeated) {
 }
 
 TEST_F(CaptureSourceTest, TheCapturerIsToldTheTicksSoThatItReadsJustBeforeThem) {
-  std::mutex mutex;
-  std::vector<std::int64_t> starts;
+  TimingLog log;
   auto source = MakeSource(30, encoder_);
-  source->SetTimingCallback([&](const CaptureSource::FrameTiming& timing) {
-    std::lock_guard lock(mutex);
-    starts.push_back(timing.encode_start_ns);
-  });
+  source->SetTimingCallback(log.Callback());
   source->Start();
   EXPECT_EQ(capturer_->tick_schedule().calls, 0) << "no schedule before the first picture starts the clock";
   ASSERT_TRUE(capturer_->Deliver(grey_.view, SteadyNowNs() / 100));
-  ASSERT_TRUE(Eventually([&] {
-    std::lock_guard lock(mutex);
-    return starts.size() >= 4;
-  }));
+  ASSERT_TRUE(log.WaitFor(4));
   source->Stop();
   const auto schedule = capturer_->tick_schedule();
   EXPECT_EQ(schedule.calls, 1);
   EXPECT_EQ(schedule.ticks_per_second, 30u);
-  std::lock_guard lock(mutex);
+  const auto timings = log.timings();
   // Tick k begins no earlier than first + k/30 s (it may begin late, never early).
-  for (std::size_t k = 0; k < starts.size(); ++k) {
+  for (std::size_t k = 0; k < timings.size(); ++k) {
     const std::int64_t tick = schedule.first_tick_ns + static_cast<std::int64_t>(k) * 1'000'000'000 / 30;
-    EXPECT_GE(starts[k], tick - 100) << "tick " << k;
+    EXPECT_GE(timings[k].encode_start_ns, tick - 100) << "tick " << k;
   }
-  EXPECT_LT(starts[0] - schedule.first_tick_ns, 20'000'000) << "the first tick is the schedule's first";
+  EXPECT_LT(timings[0].encode_start_ns - schedule.first_tick_ns, 20'000'000) << "the first tick is the schedule's first";
 }
 
 TEST_F(CaptureSourceTest, APictureJustAfterATickIsEncodedAtOnceNotAWholeIntervalLater) {
-  std::mutex mutex;
-  std::vector<CaptureSource::FrameTiming> timings;
+  TimingLog log;
   auto source = MakeSource(10, encoder_);  // 100 ms ticks: a 25 ms wait for a late picture.
-  source->SetTimingCallback([&](const CaptureSource::FrameTiming& timing) {
-    std::lock_guard lock(mutex);
-    timings.push_back(timing);
-  });
+  source->SetTimingCallback(log.Callback());
   source->Start();
   ASSERT_TRUE(capturer_->Deliver(grey_.view, SteadyNowNs() / 100));
   ASSERT_TRUE(Eventually([&] { return capturer_->tick_schedule().calls == 1; }));
@@ -366,12 +375,9 @@ TEST_F(CaptureSourceTest, APictureJustAfterATickIsEncodedAtOnceNotAWholeInterval
   SolidBgra white(640, 360, 255);
   const std::int64_t delivered_ns = SteadyNowNs();
   ASSERT_TRUE(capturer_->Deliver(white.view, delivered_ns / 100));
-  ASSERT_TRUE(Eventually([&] {
-    std::lock_guard lock(mutex);
-    return timings.size() >= 3;
-  }));
+  ASSERT_TRUE(log.WaitFor(3));
   source->Stop();
-  std::lock_guard lock(mutex);
+  const auto timings = log.timings();
   if (delivered_ns > tick1 + 20'000'000) GTEST_SKIP() << "the test thread woke too late to deliver inside the wait";
   EXPECT_FALSE(timings[1].repeated) << "tick 1 waited for the picture that came 5 ms after it";
   EXPECT_EQ(timings[1].captured_ns, delivered_ns / 100 * 100);
