@@ -10,6 +10,7 @@
 #include "mirell/base/media_time.h"
 #include "mirell/capture/capturer.h"
 #include "mirell/session/capture_source.h"
+#include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/xvfb.h"
 #include "test_window.h"
@@ -88,9 +89,12 @@ TEST_F(CaptureSourceOnX11, AWindowChangingFasterThanTheTargetIsReadOncePerTickJu
   // before it is used (the one or two before the clock starts aside).
   EXPECT_LE(counters.captured, counters.encoded + 3) << "no more reads than ticks";
   EXPECT_LE(counters.dropped, 3u);
-  EXPECT_LE(counters.repeated * 3, counters.encoded) << "most ticks have a new picture";
   std::lock_guard lock(mutex);
   ASSERT_FALSE(ages_ns.empty());
+  // Under a sanitizer a read takes more than half an interval, so ticks go without a new picture
+  // and pictures wait longer; the bounds below are about the product's own speed.
+  if (testsupport::kSanitizedBuild) return;
+  EXPECT_LE(counters.repeated * 3, counters.encoded) << "most ticks have a new picture";
   std::sort(ages_ns.begin(), ages_ns.end());
   // Read just before its tick, a picture waits well under half an interval (16.7 ms); read as
   // soon as it changed, it waited up to a whole one.
