@@ -555,13 +555,13 @@ void Link::Transition(PeerState next) {
     if (current == next || current == PeerState::kClosed) return;
     if (current == PeerState::kFailed && next != PeerState::kClosed) return;
     if (current == PeerState::kConnected && next == PeerState::kConnecting) return;
+    // Before the state says connected: the liveness watch reads the two without a common lock,
+    // and a connected link still holding the initial 0 looked silent for hours and failed.
+    if (next == PeerState::kConnected) last_heard_ms_ = NowMs();
   } while (!state_.compare_exchange_weak(current, next));
   if (closed_) return;
   LOG_INFO("{}", PeerStateWord(next));
-  if (next == PeerState::kConnected) {
-    last_heard_ms_ = NowMs();
-    LogSelectedPair();
-  }
+  if (next == PeerState::kConnected) LogSelectedPair();
   std::function<void(PeerState)> handler;
   {
     std::lock_guard hold(lock_);
