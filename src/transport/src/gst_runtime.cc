@@ -47,7 +47,7 @@ void Initialise() {
     if (error) g_error_free(error);
     return;
   }
-  for (const char* element : {"webrtcbin", "nicesrc", "dtlssrtpenc", "appsrc", "appsink", "rtpbin"}) {
+  for (const char* element : {"webrtcbin", "nicesrc", "dtlssrtpenc", "appsink", "rtpbin"}) {
     GstElementFactory* factory = gst_element_factory_find(element);
     if (factory == nullptr) {
       init_failure = std::string("the WebRTC stack is incomplete: GStreamer element '") + element +

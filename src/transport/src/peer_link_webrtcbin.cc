@@ -1,6 +1,8 @@
-// The peer link on GStreamer's webrtcbin. Each link is one pipeline: on the host an appsrc per
-// track into a send-only transceiver, on the viewer an appsink per track that webrtcbin opens.
-// Packets pass through unchanged; webrtcbin adds SRTP, RTCP, NACK retransmission and PLI.
+// The peer link on GStreamer's webrtcbin. Each link is one pipeline: on the host a source pad of
+// our own per track, linked into a send-only transceiver, on the viewer an appsink per track that
+// webrtcbin opens. Packets pass through unchanged; webrtcbin adds SRTP, RTCP, NACK retransmission
+// and PLI. A send runs the whole way to the socket on the caller's thread: a thread per track
+// between them (an appsrc) cost each viewer two more wake-ups per packet burst.
 //
 // No GLib main loop runs: messages on the bus are logged and dropped by a sync handler, and
 // webrtcbin's signals arrive on its own threads. Offers and answers are made by waiting on their
@@ -8,7 +10,6 @@
 // more, so the link keeps its own liveness: a connected peer silent for the liveness bound (no
 // RTCP, no media) is reported failed.
 #include <gst/app/gstappsink.h>
-#include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 #include <gst/sdp/sdp.h>
 #define GST_USE_UNSTABLE_API
@@ -41,7 +42,6 @@ constexpr guint kRtcpBandwidthBits = 100000;  // Room for prompt NACKs and PLIs.
 // RTCP at least this often, so that the liveness bound sees a live peer many times over (RTP's
 // own minimum is 5 s).
 constexpr guint64 kRtcpMinInterval = 500 * GST_MSECOND;
-constexpr guint kAppSrcMaxBytes = 4u << 20;   // A stalled link drops its oldest packets past this.
 
 std::atomic<std::int64_t> liveness_bound_ms{kDefaultPeerLivenessBound.count()};
 std::atomic<unsigned> outgoing_video_loss{0};
@@ -174,8 +174,8 @@ class Link final : public PeerLink {
   void OnAudio(std::function<void(ByteSpan)> handler) override;
   void OnKeyframeRequest(std::function<void()> handler) override;
   void SetRemoteDescription(const std::string& sdp) override;
-  bool SendVideo(ByteSpan packet) override { return Send(video_src_, packet); }
-  bool SendAudio(ByteSpan packet) override { return Send(audio_src_, packet); }
+  bool SendVideo(ByteSpan packet) override { return Send(video_pad_, packet); }
+  bool SendAudio(ByteSpan packet) override { return Send(audio_pad_, packet); }
   bool RequestKeyframe() override;
   PeerState state() const override { return state_.load(); }
   std::uint32_t audio_sample_rate() const override { return audio_sample_rate_.load(); }
@@ -189,7 +189,10 @@ class Link final : public PeerLink {
   };
 
   void ConfigureIce(const PeerConfig& config);
-  GstElement* AddSendTrack(bool video, const OfferMedia& media);
+  GstPad* AddSendTrack(bool video, const OfferMedia& media);
+  // Unlinks and frees the send pads, after the pipeline has stopped: webrtcbin's pads would
+  // otherwise keep pointing at them.
+  void ReleaseSendTracks();
   // Runs webrtcbin's create-offer or create-answer and waits for the description.
   GstWebRTCSessionDescription* CreateDescription(const char* action, const char* field);
   // Applies and frees it.
@@ -198,7 +201,7 @@ class Link final : public PeerLink {
   // Before the link's transports exist (they take the server when they are made), but not in the
   // constructor: a viewer's link is made while a resolve waits, and a lookup may take a while.
   void ApplyStunServer();
-  bool Send(GstElement* source, ByteSpan packet);
+  bool Send(GstPad* pad, ByteSpan packet);
   void Transition(PeerState next);
   void LogSelectedPair();
   void Watch();
@@ -212,6 +215,7 @@ class Link final : public PeerLink {
   static void OnDeepElementAdded(GstBin*, GstBin*, GstElement* element, gpointer self);
   static void OnSourceActive(GstElement*, guint, gpointer self);
   static GstPadProbeReturn OnUpstreamEvent(GstPad*, GstPadProbeInfo* info, gpointer self);
+  static gboolean OnSendPadQuery(GstPad* pad, GstObject* parent, GstQuery* query);
   static GstPadProbeReturn OnOutgoing(GstPad*, GstPadProbeInfo* info, gpointer self);
   bool DropOutgoing(GstBuffer* buffer);
   static GstFlowReturn OnSample(GstAppSink* sink, gpointer receiver);
@@ -219,8 +223,8 @@ class Link final : public PeerLink {
 
   GstElement* pipeline_ = nullptr;
   GstElement* webrtc_ = nullptr;
-  GstElement* video_src_ = nullptr;  // Offerer only; owned by the pipeline.
-  GstElement* audio_src_ = nullptr;
+  GstPad* video_pad_ = nullptr;  // Offerer only; owned, and fixed once the offer is made.
+  GstPad* audio_pad_ = nullptr;
   const bool offerer_;
   std::atomic<PeerState> state_{PeerState::kConnecting};
   std::atomic<bool> closed_{false};
@@ -286,7 +290,21 @@ Link::Link(const PeerConfig& config, bool offerer) : offerer_(offerer) {
 Link::~Link() {
   Close();
   if (webrtc_) g_signal_handlers_disconnect_by_data(webrtc_, this);
+  ReleaseSendTracks();
   gst_object_unref(pipeline_);
+}
+
+void Link::ReleaseSendTracks() {
+  for (GstPad** pad : {&video_pad_, &audio_pad_}) {
+    if (*pad == nullptr) continue;
+    GstPad* peer = gst_pad_get_peer(*pad);
+    if (peer) {
+      gst_pad_unlink(*pad, peer);
+      gst_object_unref(peer);
+    }
+    gst_pad_set_active(*pad, FALSE);
+    gst_object_unref(std::exchange(*pad, nullptr));
+  }
 }
 
 void Link::ConfigureIce(const PeerConfig& config) {
@@ -322,36 +340,43 @@ void Link::ConfigureIce(const PeerConfig& config) {
   }
 }
 
-GstElement* Link::AddSendTrack(bool video, const OfferMedia& media) {
+GstPad* Link::AddSendTrack(bool video, const OfferMedia& media) {
   GstCaps* caps = TrackCaps(video, media);
-  GstElement* source = gst_element_factory_make("appsrc", video ? "video_src" : "audio_src");
-  if (source == nullptr) {
-    gst_caps_unref(caps);
-    throw std::runtime_error("appsrc could not be made");
-  }
-  g_object_set(source, "caps", caps, "is-live", TRUE, "format", GST_FORMAT_TIME, "do-timestamp",
-               TRUE, "max-bytes", static_cast<guint64>(kAppSrcMaxBytes), nullptr);
-  if (HasProperty(source, "leaky-type")) gst_util_set_object_arg(G_OBJECT(source), "leaky-type", "downstream");
-  gst_bin_add(GST_BIN(pipeline_), source);
+  // Owned by the link, not by an element: no thread of its own stands between a send and the
+  // socket. It answers the queries a live source answers and holds its caps fixed.
+  GstPad* source_pad = gst_pad_new(video ? "video_src" : "audio_src", GST_PAD_SRC);
+  gst_pad_use_fixed_caps(source_pad);
+  gst_pad_set_query_function(source_pad, &Link::OnSendPadQuery);
+  gst_pad_set_active(source_pad, TRUE);
 
-  GstPad* source_pad = gst_element_get_static_pad(source, "src");
   GstPad* sink_pad = gst_element_request_pad_simple(webrtc_, "sink_%u");
   if (sink_pad == nullptr || gst_pad_link(source_pad, sink_pad) != GST_PAD_LINK_OK) {
+    gst_pad_set_active(source_pad, FALSE);
     gst_object_unref(source_pad);
     if (sink_pad) gst_object_unref(sink_pad);
     gst_caps_unref(caps);
     throw std::runtime_error("a track could not be linked into webrtcbin");
   }
+  // Kept on the pad and sent ahead of the first packet, once the pipeline runs.
+  const auto keep = [source_pad](GstEvent* event) {
+    gst_pad_store_sticky_event(source_pad, event);
+    gst_event_unref(event);
+  };
+  keep(gst_event_new_stream_start(video ? "mirell-video" : "mirell-audio"));
+  keep(gst_event_new_caps(caps));
+  GstSegment segment;
+  gst_segment_init(&segment, GST_FORMAT_TIME);
+  keep(gst_event_new_segment(&segment));
   if (video) {
     gst_pad_add_probe(source_pad, GST_PAD_PROBE_TYPE_EVENT_UPSTREAM, &Link::OnUpstreamEvent, this,
                       nullptr);
   }
   GstWebRTCRTPTransceiver* transceiver = nullptr;
   g_object_get(sink_pad, "transceiver", &transceiver, nullptr);
+  gst_object_unref(sink_pad);
   if (transceiver == nullptr) {
-    gst_object_unref(source_pad);
-    gst_object_unref(sink_pad);
     gst_caps_unref(caps);
+    (video ? video_pad_ : audio_pad_) = source_pad;  // Released with the link.
     throw std::runtime_error("webrtcbin made no transceiver for a track");
   }
   g_object_set(transceiver, "direction", GST_WEBRTC_RTP_TRANSCEIVER_DIRECTION_SENDONLY,
@@ -364,18 +389,16 @@ GstElement* Link::AddSendTrack(bool video, const OfferMedia& media) {
     }
   }
   if (transceiver) gst_object_unref(transceiver);
-  gst_object_unref(source_pad);
-  gst_object_unref(sink_pad);
   gst_caps_unref(caps);
-  return source;
+  return source_pad;
 }
 
 void Link::AddTracksAndOffer(const OfferMedia& media) {
   ApplyStunServer();
   video_payload_type_ = media.video_payload_type;
-  video_src_ = AddSendTrack(true, media);
+  video_pad_ = AddSendTrack(true, media);
   if (media.has_audio) {
-    audio_src_ = AddSendTrack(false, media);
+    audio_pad_ = AddSendTrack(false, media);
     audio_sample_rate_ = media.sample_rate;
     audio_channels_ = media.channels;
   }
@@ -492,13 +515,16 @@ void Link::SetRemoteDescription(const std::string& sdp) {
   SetLocalDescription(CreateDescription("create-answer", "answer"));
 }
 
-bool Link::Send(GstElement* source, ByteSpan packet) {
-  if (source == nullptr || packet.empty() || closed_ || state_ != PeerState::kConnected) {
+bool Link::Send(GstPad* pad, ByteSpan packet) {
+  if (pad == nullptr || packet.empty() || closed_ || state_ != PeerState::kConnected) {
     return false;
   }
   GstBuffer* buffer = gst_buffer_new_memdup(packet.data(), packet.size());
   if (buffer == nullptr) return false;
-  GstFlowReturn result = gst_app_src_push_buffer(GST_APP_SRC(source), buffer);
+  // Stamped with the running time of the send, as a live source does: the sender reports map
+  // RTP time to the clock by it.
+  GST_BUFFER_PTS(buffer) = gst_element_get_current_running_time(pipeline_);
+  GstFlowReturn result = gst_pad_push(pad, buffer);
   if (result != GST_FLOW_OK) {
     LOG_DEBUG("send failed: {}", gst_flow_get_name(result));
     return false;
@@ -759,6 +785,14 @@ GstPadProbeReturn Link::OnUpstreamEvent(GstPad*, GstPadProbeInfo* info, gpointer
     handler();
   }
   return GST_PAD_PROBE_OK;
+}
+
+gboolean Link::OnSendPadQuery(GstPad* pad, GstObject* parent, GstQuery* query) {
+  if (GST_QUERY_TYPE(query) == GST_QUERY_LATENCY) {
+    gst_query_set_latency(query, TRUE, 0, GST_CLOCK_TIME_NONE);
+    return TRUE;
+  }
+  return gst_pad_query_default(pad, parent, query);
 }
 
 bool Link::DropOutgoing(GstBuffer* buffer) {
