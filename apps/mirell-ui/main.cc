@@ -22,6 +22,7 @@
 #include "instance_key.h"
 #include "main_window.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/process_memory.h"
 #include "mirell/base/version.h"
 #include "mirell/daemon/winsock.h"
 #include "mirell/encode/media_runtime.h"
@@ -66,6 +67,8 @@ bool RunWithoutDisplay() {
 int main(int argc, char** argv) {
   using namespace mirell;
   using namespace mirell::ui;
+  // Before the libraries make their large buffers; a refusal only costs memory.
+  KeepToSmallPages();
 
   // A restore run needs nothing else: no Qt, no lock, no settings.
   const int restore_result = RunRestoreMode(argc, argv);

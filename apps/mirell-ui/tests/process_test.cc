@@ -92,6 +92,14 @@ TEST_F(UiProcess, AnswersResolveRequestsAndStopsOnSigterm) {
   EXPECT_NE(log.find("mirell-ui stopped (0)"), std::string::npos) << log;
 }
 
+TEST_F(UiProcess, KeepsToSmallPages) {
+  // The kernel says whether a process may have transparent huge pages; older ones do not say.
+  const std::string status =
+      testsupport::ReadFileText("/proc/" + std::to_string(process_->pid()) + "/status");
+  if (status.find("THP_enabled:") == std::string::npos) GTEST_SKIP() << "the kernel does not tell";
+  EXPECT_NE(status.find("THP_enabled:\t0"), std::string::npos) << status;
+}
+
 TEST_F(UiProcess, StopsOnSigintToo) {
   process_->Signal(SIGINT);
   const auto result = process_->Wait(20s);
