@@ -10,8 +10,9 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <string>
+
+#include "mirell/testsupport/subprocess.h"
 
 namespace {
 
@@ -74,8 +75,8 @@ long HugeKilobytesOfAdvisedBuffer(bool small_pages_only) {
 }
 
 bool SystemOffersHugePages() {
-  std::ifstream setting("/sys/kernel/mm/transparent_hugepage/enabled");
-  std::string text((std::istreambuf_iterator<char>(setting)), std::istreambuf_iterator<char>());
+  const std::string text =
+      mirell::testsupport::ReadFileText("/sys/kernel/mm/transparent_hugepage/enabled");
   return text.find("[always]") != std::string::npos || text.find("[madvise]") != std::string::npos;
 }
 
