@@ -17,6 +17,7 @@
 
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 #include "mirell/base/version.h"
 #include "signal_server.h"
 
@@ -346,7 +347,10 @@ void SignalServer::Start() {
   LOG_INFO("listening on {} ({})", address(), impl_->tls ? "TLS" : "plain");
   impl_->Accept();
   impl_->Sweep();
-  impl_->thread = std::thread([impl = impl_.get()] { impl->io.run(); });
+  impl_->thread = std::thread([impl = impl_.get()] {
+    NameThisThread("signal-io");
+    impl->io.run();
+  });
 }
 
 void SignalServer::Stop() {

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 #include "mirell/transport/https_get.h"
 
 namespace mirell::ui {
@@ -53,6 +54,7 @@ UpdateCheck::UpdateCheck(QMainWindow* window, const QString& current_version, co
   // unless the window still stands: it may outlive QApplication.
   std::thread([target = target_, current = current_version.toStdString(),
                address = url.toStdString(), skipped = LoadSkippedVersion()] {
+    NameThisThread("update-check");
     if (const std::optional<UpdateInfo> info = AskForUpdate(current, address, skipped)) {
       std::lock_guard hold(target->mutex);
       if (QMainWindow* shown_on = target->window.data()) {

@@ -17,6 +17,7 @@
 #include "mirell/base/clock.h"
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 #include "mirell/capture/capture_targets.h"
 #include "mirell/capture/capturer.h"
 #include "x11_connection.h"
@@ -83,7 +84,10 @@ class X11Capturer final : public ICapturer {
       std::lock_guard lock(mutex_);
       on_frame_ = std::move(on_frame);
     }
-    thread_ = std::thread([this] { Run(); });
+    thread_ = std::thread([this] {
+      NameThisThread("x11-capture");
+      Run();
+    });
     LOG_INFO("{} at {}x{}", name_, width_.load(), height_.load());
   }
 

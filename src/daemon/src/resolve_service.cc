@@ -8,6 +8,7 @@
 
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 #include "mirell/daemon/resolve_endpoint.h"
 
 namespace mirell::daemon {
@@ -38,7 +39,10 @@ void ResolveService::Start() {
     running_.store(false);
     throw;
   }
-  thread_ = std::thread([this] { AcceptLoop(); });
+  thread_ = std::thread([this] {
+    NameThisThread("resolve");
+    AcceptLoop();
+  });
   LOG_INFO("listening {}", endpoint_->name());
 }
 

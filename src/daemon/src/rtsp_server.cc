@@ -10,6 +10,7 @@
 
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 #include "rtsp_connection.h"
 #include "rtsp_sdp.h"
 #include "socket_io.h"
@@ -50,7 +51,10 @@ void RtspServer::Start(std::uint16_t port) {
   }
   listener_ = listener;
   running_.store(true);
-  accept_thread_ = std::thread([this] { AcceptLoop(); });
+  accept_thread_ = std::thread([this] {
+    NameThisThread("rtsp-accept");
+    AcceptLoop();
+  });
   LOG_INFO("listening {}:{}", kLoopback, port_);
 }
 
@@ -89,6 +93,7 @@ void RtspServer::AcceptLoop() {
     std::lock_guard lock(clients_mutex_);
     client_threads_.push_back(
         {std::thread([this, socket, client, finished] {
+           NameThisThread("rtsp-client");
            try {
              ServeConnection(socket, client);
            } catch (const std::exception& error) {

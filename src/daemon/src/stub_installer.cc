@@ -5,6 +5,7 @@
 
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 #include "mirell/daemon/vrchat_paths.h"
 
 namespace mirell::daemon {
@@ -162,7 +163,10 @@ void StubInstaller::WriteStubConfig() {
 void StubInstaller::StartWatchdog() {
   MIRELL_CHECK(installed_, "the watchdog has nothing to watch until the stub is installed");
   if (watching_.exchange(true)) return;
-  watchdog_ = std::thread([this] { Watch(); });
+  watchdog_ = std::thread([this] {
+    NameThisThread("stub-watchdog");
+    Watch();
+  });
 }
 
 void StubInstaller::StopWatchdog() {

@@ -8,6 +8,7 @@
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
 #include "mirell/base/media_time.h"
+#include "mirell/base/thread_name.h"
 
 namespace mirell::session {
 
@@ -49,7 +50,10 @@ void CaptureSource::SetResumeFrame(std::uint64_t frame) {
 
 void CaptureSource::Start() {
   if (running_.exchange(true)) return;
-  thread_ = std::thread([this] { EncodeLoop(); });
+  thread_ = std::thread([this] {
+    NameThisThread("video-encode");
+    EncodeLoop();
+  });
   capturer_->Start([this](const capture::CapturedFrame& frame) { OnFrame(frame); });
   LOG_INFO("{} -> {}x{} {}", capturer_->name(), processor_->width(), processor_->height(),
            encoder_.gpu_input() ? "GPU path" : "system memory");

@@ -5,13 +5,17 @@
 
 #include "mirell/base/logging.h"
 #include "mirell/base/media_time.h"
+#include "mirell/base/thread_name.h"
 #include "mirell/encode/aac_encoder.h"
 #include "mirell/encode/h264_encoder.h"
 #include "mirell/session/holding_card.h"
 
 namespace mirell::session {
 HoldingClip::HoldingClip(HoldingClipConfig config) : config_(std::move(config)) {
-  builder_ = std::thread([this] { Build(); });
+  builder_ = std::thread([this] {
+    NameThisThread("card-build");
+    Build();
+  });
 }
 
 HoldingClip::~HoldingClip() {
@@ -157,7 +161,10 @@ HoldingSource::~HoldingSource() { Stop(); }
 void HoldingSource::Start() {
   if (clip_.empty()) return;
   if (running_.exchange(true)) return;
-  thread_ = std::thread([this] { Run(); });
+  thread_ = std::thread([this] {
+    NameThisThread("card-play");
+    Run();
+  });
 }
 
 void HoldingSource::Stop() {

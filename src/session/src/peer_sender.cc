@@ -1,6 +1,7 @@
 #include "mirell/session/peer_sender.h"
 
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 
 namespace mirell::session {
 namespace {
@@ -24,7 +25,10 @@ PeerSender::~PeerSender() { Stop(); }
 
 void PeerSender::Start() {
   if (running_.exchange(true)) return;
-  thread_ = std::thread([this] { Run(); });
+  thread_ = std::thread([this] {
+    NameThisThread("peer-sender");
+    Run();
+  });
 }
 
 void PeerSender::Stop() {

@@ -29,6 +29,7 @@
 #include "gst_runtime.h"
 #include "ice_host_lookup.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 #include "mirell/transport/peer_link.h"
 #include "peer_link_testing.h"
 #include "peer_media_format.h"
@@ -284,7 +285,10 @@ Link::Link(const PeerConfig& config, bool offerer) : offerer_(offerer) {
 
   loss_every_ = outgoing_video_loss.load();
   liveness_bound_ms_ = liveness_bound_ms.load();
-  watch_ = std::thread([this] { Watch(); });
+  watch_ = std::thread([this] {
+    NameThisThread("link-watch");
+    Watch();
+  });
 }
 
 Link::~Link() {

@@ -7,6 +7,7 @@
 
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 #include "mirell/transport/web_socket.h"
 #include "signal_messages.h"
 
@@ -58,7 +59,10 @@ class Client final : public SignalClient {
 
   void Start() override {
     if (running_.exchange(true)) return;
-    thread_ = std::thread([this] { Run(); });
+    thread_ = std::thread([this] {
+      NameThisThread("signal-client");
+      Run();
+    });
   }
 
   void Stop() override {

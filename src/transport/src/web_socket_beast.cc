@@ -19,6 +19,7 @@
 
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 #include "mirell/base/version.h"
 #include "mirell/transport/web_socket.h"
 #include "tls_context.h"
@@ -282,7 +283,10 @@ class BeastWebSocket final : public WebSocket {
     MIRELL_CHECK(parsed.has_value(), "'{}' is not a ws:// or wss:// URL", url);
     MIRELL_CHECK(!thread_.joinable(), "a WebSocket is opened once");
     core_->Open(std::move(*parsed), std::move(handlers));
-    thread_ = std::thread([core = core_] { core->Run(); });
+    thread_ = std::thread([core = core_] {
+      NameThisThread("websocket");
+      core->Run();
+    });
   }
 
   bool Send(const std::string& text) override { return core_->Send(text); }

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 #include "mirell/ui/network_settings.h"
 
 namespace mirell::ui {
@@ -44,6 +45,7 @@ class Deadline {
  public:
   explicit Deadline(std::chrono::seconds limit) : cancellable_(g_cancellable_new()) {
     watcher_ = std::thread([this, limit] {
+      NameThisThread("secret-watch");
       std::unique_lock hold(mutex_);
       if (!done_condition_.wait_for(hold, limit, [this] { return done_; })) {
         g_cancellable_cancel(cancellable_);
