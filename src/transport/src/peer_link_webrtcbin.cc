@@ -764,6 +764,12 @@ void Link::OnDeepElementAdded(GstBin*, GstBin*, GstElement* element, gpointer se
     if (HasProperty(element, "faststart-min-packets")) {
       g_object_set(element, "faststart-min-packets", 1u, nullptr);
     }
+    // By default it guesses when the next packet is due and asks for it once that time has
+    // passed; video comes in a burst per frame, so it asked for every next frame's first packet
+    // before the host had it (15 requests and warnings a second per viewer). A gap still asks.
+    if (HasProperty(element, "rtx-next-seqnum")) {
+      g_object_set(element, "rtx-next-seqnum", FALSE, nullptr);
+    }
   }
 }
 

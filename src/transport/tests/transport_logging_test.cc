@@ -66,5 +66,37 @@ TEST_F(TransportLoggingTest, AHealthyConnectionCarryingMediaLeavesNoWarnings) {
   EXPECT_EQ(log.find("rtc:"), std::string::npos) << log;
 }
 
+TEST_F(TransportLoggingTest, AStreamPacedLikeLiveVideoDrawsNoEarlyRetransmissionRequests) {
+  // Two seconds at 30 frames a second, each frame a burst of ten packets, the sound in between:
+  // the viewer must not ask for the next frame's first packet before it exists (the host's
+  // retransmitter logs each such request as a warning, and the requests cost both ends).
+  {
+    testing::LinkPair pair(PeerConfig{{}, 1}, PeerConfig{{}, 1});
+    ASSERT_TRUE(pair.Connect());
+    const auto start = std::chrono::steady_clock::now();
+    std::uint16_t sequence = 0;
+    std::uint16_t audio_sequence = 0;
+    for (std::uint32_t frame = 0; frame < 60; ++frame) {
+      std::this_thread::sleep_until(start + milliseconds(frame * 1000 / 30));
+      for (int packet = 0; packet < 10; ++packet, ++sequence) {
+        ASSERT_TRUE(pair.host->SendVideo(
+            testing::MakeRtpPacket(96, sequence, frame * 3000u, kVideoSsrc, 1200, packet == 9)));
+      }
+      if (frame % 2 == 0) {
+        for (int unit = 0; unit < 3; ++unit, ++audio_sequence) {
+          ASSERT_TRUE(pair.host->SendAudio(testing::MakeRtpPacket(
+              97, audio_sequence, audio_sequence * 1024u, kAudioSsrc, 300, true)));
+        }
+      }
+    }
+    ASSERT_TRUE(pair.viewer_seen->WaitForVideo(600, milliseconds(5000)));
+    pair.host->Close();
+    pair.viewer->Close();
+  }
+  const std::string log = Log();
+  EXPECT_EQ(log.find("has not been transmitted yet"), std::string::npos) << log;
+  EXPECT_EQ(log.find(" warn "), std::string::npos) << log;
+}
+
 }  // namespace
 }  // namespace mirell::transport
