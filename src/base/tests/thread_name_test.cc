@@ -19,24 +19,24 @@ std::string ShownName() {
   return text;
 }
 
-TEST(NameThisThread, TheSystemShowsTheNameOfThatThreadOnly) {
-  const std::string before = ShownName();
+// The name the system shows for a thread that named itself `name`.
+std::string ShownInsideAThreadNamed(const char* name) {
   std::string inside;
   std::thread([&] {
-    mirell::NameThisThread("peer-sender");
+    mirell::NameThisThread(name);
     inside = ShownName();
   }).join();
-  EXPECT_EQ(inside, "peer-sender");
+  return inside;
+}
+
+TEST(NameThisThread, TheSystemShowsTheNameOfThatThreadOnly) {
+  const std::string before = ShownName();
+  EXPECT_EQ(ShownInsideAThreadNamed("peer-sender"), "peer-sender");
   EXPECT_EQ(ShownName(), before);
 }
 
 TEST(NameThisThread, ALongNameKeepsItsFirstFifteenCharacters) {
-  std::string inside;
-  std::thread([&] {
-    mirell::NameThisThread("holding-card-builder");
-    inside = ShownName();
-  }).join();
-  EXPECT_EQ(inside, "holding-card-bu");
+  EXPECT_EQ(ShownInsideAThreadNamed("holding-card-builder"), "holding-card-bu");
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // The peer link on GStreamer's webrtcbin. Each link is one pipeline: on the host a source pad of
 // our own per track, linked into a send-only transceiver, on the viewer an appsink per track that
 // webrtcbin opens. Packets pass through unchanged; webrtcbin adds SRTP, RTCP, NACK retransmission
-// and PLI. A send runs the whole way to the socket on the caller's thread: a thread per track
-// between them (an appsrc) cost each viewer two more wake-ups per packet burst.
+// and PLI. A send runs the whole way to the socket on the caller's thread, with no queue or
+// thread of the link in between.
 //
 // No GLib main loop runs: messages on the bus are logged and dropped by a sync handler, and
 // webrtcbin's signals arrive on its own threads. Offers and answers are made by waiting on their
@@ -190,7 +190,8 @@ class Link final : public PeerLink {
   };
 
   void ConfigureIce(const PeerConfig& config);
-  GstPad* AddSendTrack(bool video, const OfferMedia& media);
+  // Makes the track's source pad (kept in `video_pad_` or `audio_pad_`) and its transceiver.
+  void AddSendTrack(bool video, const OfferMedia& media);
   // Unlinks and frees the send pads, after the pipeline has stopped: webrtcbin's pads would
   // otherwise keep pointing at them.
   void ReleaseSendTracks();
@@ -344,7 +345,7 @@ void Link::ConfigureIce(const PeerConfig& config) {
   }
 }
 
-GstPad* Link::AddSendTrack(bool video, const OfferMedia& media) {
+void Link::AddSendTrack(bool video, const OfferMedia& media) {
   GstCaps* caps = TrackCaps(video, media);
   // Owned by the link, not by an element: no thread of its own stands between a send and the
   // socket. It answers the queries a live source answers and holds its caps fixed.
@@ -361,6 +362,7 @@ GstPad* Link::AddSendTrack(bool video, const OfferMedia& media) {
     gst_caps_unref(caps);
     throw std::runtime_error("a track could not be linked into webrtcbin");
   }
+  (video ? video_pad_ : audio_pad_) = source_pad;  // Released with the link.
   // Kept on the pad and sent ahead of the first packet, once the pipeline runs.
   const auto keep = [source_pad](GstEvent* event) {
     gst_pad_store_sticky_event(source_pad, event);
@@ -380,7 +382,6 @@ GstPad* Link::AddSendTrack(bool video, const OfferMedia& media) {
   gst_object_unref(sink_pad);
   if (transceiver == nullptr) {
     gst_caps_unref(caps);
-    (video ? video_pad_ : audio_pad_) = source_pad;  // Released with the link.
     throw std::runtime_error("webrtcbin made no transceiver for a track");
   }
   g_object_set(transceiver, "direction", GST_WEBRTC_RTP_TRANSCEIVER_DIRECTION_SENDONLY,
@@ -394,15 +395,14 @@ GstPad* Link::AddSendTrack(bool video, const OfferMedia& media) {
   }
   if (transceiver) gst_object_unref(transceiver);
   gst_caps_unref(caps);
-  return source_pad;
 }
 
 void Link::AddTracksAndOffer(const OfferMedia& media) {
   ApplyStunServer();
   video_payload_type_ = media.video_payload_type;
-  video_pad_ = AddSendTrack(true, media);
+  AddSendTrack(true, media);
   if (media.has_audio) {
-    audio_pad_ = AddSendTrack(false, media);
+    AddSendTrack(false, media);
     audio_sample_rate_ = media.sample_rate;
     audio_channels_ = media.channels;
   }
