@@ -38,7 +38,10 @@ void FrameBus::Subscription::Prime(const std::vector<FramePtr>& frames) {
     std::lock_guard lock(mutex_);
     if (closed_) return;
     queue_.insert(queue_.end(), frames.begin(), frames.end());
-    limit_ = std::max<std::uint64_t>(limit_, queue_.size());
+    // The backlog plus the reader's usual allowance: a capacity of exactly the backlog drops
+    // all of it if one frame is published before the reader's first pop, and the player then
+    // waits a whole group of pictures for the next keyframe.
+    limit_ = std::max<std::uint64_t>(limit_, queue_.size() + nominal_limit_);
     primed_ = frames.size();
     resyncing_ = false;
   }

@@ -2,6 +2,7 @@
 // clicks at the same media times, once a second; ffmpeg's and GStreamer's RTSP clients play it from
 // our server, one primed with the stream's history at its start and one joining late, and the
 // decoded flashes and clicks must agree within 20 ms from the first second of playing on.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -121,19 +122,27 @@ class AvSyncPlayerTest : public ::testing::Test {
   // running times, is read back by the same analysis. Matroska keeps the running times (MPEG-TS
   // from mpegtsmux does not: the same primed session recorded both ways showed the tracks in step
   // in Matroska and 0.42 s apart in MPEG-TS). Streamable and written unbuffered, the file reads
-  // back whether or not the pipeline got to finish it: gst-launch does not always end on SIGINT.
+  // back even if the pipeline did not get to finish it. Each track ends itself after `seconds`
+  // of media (an end of stream after so many frames), so the recording finishes cleanly: ended
+  // by SIGINT, gst-launch once hung and left a file with nothing readable. SIGINT stays as the
+  // backstop for a stream that stops short.
   Marks PlayWithGstreamer(int seconds) {
     const auto file = dir_.path() / "gstreamer.mkv";
+    const int video_frames = seconds * 30;
+    const int audio_units = seconds * 48000 / 1024;
     testsupport::ProcessOptions options;
     options.timeout = 60s;
     const auto recorded = testsupport::RunProcess(
-        {"timeout", "-k", "3", "-s", "INT", std::to_string(seconds), "gst-launch-1.0", "-e",
+        {"timeout", "-k", "3", "-s", "INT", std::to_string(seconds + 10), "gst-launch-1.0", "-e",
          "rtspsrc", "location=" + url_, "protocols=tcp", "latency=200", "name=src", "src.", "!",
-         "application/x-rtp,media=video", "!", "rtph264depay", "!", "h264parse", "!", "queue", "!",
-         "matroskamux", "streamable=true", "name=mux", "!", "filesink", "buffer-mode=unbuffered",
+         "application/x-rtp,media=video", "!", "rtph264depay", "!", "h264parse", "!", "identity",
+         fmt::format("eos-after={}", video_frames), "!", "queue", "!", "matroskamux",
+         "streamable=true", "name=mux", "!", "filesink", "buffer-mode=unbuffered",
          "location=" + file.string(), "src.", "!", "application/x-rtp,media=audio", "!",
-         "rtpmp4gdepay", "!", "aacparse", "!", "queue", "!", "mux."},
+         "rtpmp4gdepay", "!", "aacparse", "!", "identity", fmt::format("eos-after={}", audio_units),
+         "!", "queue", "!", "mux."},
         options);
+    EXPECT_EQ(recorded.exit_code, 0) << "the recording did not end by itself\n" << recorded.err;
     EXPECT_EQ(recorded.err.find("ERROR"), std::string::npos) << recorded.err;
     const auto result = testsupport::RunProcess(AnalyseCommand(file.string(), 60), options);
     EXPECT_EQ(result.exit_code, 0) << result.err;

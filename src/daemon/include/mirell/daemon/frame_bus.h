@@ -30,7 +30,8 @@ class FrameBus {
 
     // Called by the bus only: the drop and resync rule.
     void Offer(const FramePtr& frame);
-    // Called by the bus only: queues a backlog from the history and widens the capacity to it.
+    // Called by the bus only: queues a backlog from the history and widens the capacity to it plus
+    // the usual allowance, until the backlog has drained.
     void Prime(const std::vector<FramePtr>& frames);
 
     // Blocks until a frame is there, the subscription is closed, or `timeout_ms` have passed;
