@@ -36,6 +36,7 @@
 #include "restore_mode.h"
 #include "single_instance.h"
 #include "update_prompt.h"
+#include "usage.h"
 
 namespace {
 
@@ -69,6 +70,17 @@ int main(int argc, char** argv) {
   using namespace mirell::ui;
   // Before the libraries make their large buffers; a refusal only costs memory.
   KeepToSmallPages();
+
+  switch (ScanInfoOptions(ArgumentsOf(argc, argv))) {
+    case InfoRequest::kHelp:
+      std::fputs(UsageText().c_str(), stdout);
+      return 0;
+    case InfoRequest::kVersion:
+      std::printf("mirell-ui %.*s\n", static_cast<int>(kVersion.size()), kVersion.data());
+      return 0;
+    case InfoRequest::kNone:
+      break;
+  }
 
   // A restore run needs nothing else: no Qt, no lock, no settings.
   const int restore_result = RunRestoreMode(argc, argv);

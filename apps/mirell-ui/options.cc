@@ -40,6 +40,17 @@ std::uint16_t ParsePortOption(const char* text) {
   return static_cast<std::uint16_t>(std::atoi(text));
 }
 
+InfoRequest ScanInfoOptions(Arguments arguments) {
+  InfoRequest request = InfoRequest::kNone;
+  const auto help = [&](const char*) { request = InfoRequest::kHelp; };
+  Scan(arguments, {{"--help", false, help},
+                   {"-h", false, help},
+                   {"--version", false, [&](const char*) {
+                      if (request == InfoRequest::kNone) request = InfoRequest::kVersion;
+                    }}});
+  return request;
+}
+
 StartOptions ScanStartOptions(Arguments arguments, const DaemonConfig& defaults) {
   StartOptions options{defaults.rtsp_port, defaults.pipe_name, false};
   Scan(arguments,

@@ -23,6 +23,11 @@ struct StartOptions {
   bool debug_log = false;
 };
 
+// What a person asks of the program itself rather than of a run: "--help" (or "-h") and
+// "--version". Scanned before anything else; help wins when both are given.
+enum class InfoRequest { kNone, kHelp, kVersion };
+InfoRequest ScanInfoOptions(Arguments arguments);
+
 // First scan: "--rtsp-port", "--debug-log", "--pipe", over the defaults of `defaults`.
 StartOptions ScanStartOptions(Arguments arguments, const DaemonConfig& defaults);
 

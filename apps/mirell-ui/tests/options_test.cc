@@ -16,6 +16,17 @@ struct Args {
   std::vector<const char*> values;
 };
 
+TEST(InfoOptions, HelpAndVersionAreFoundAnywhereAndHelpWins) {
+  EXPECT_EQ(ScanInfoOptions(Args({"--no-stub"}).span()), InfoRequest::kNone);
+  EXPECT_EQ(ScanInfoOptions(Args({"--no-stub", "--help"}).span()), InfoRequest::kHelp);
+  EXPECT_EQ(ScanInfoOptions(Args({"-h"}).span()), InfoRequest::kHelp);
+  EXPECT_EQ(ScanInfoOptions(Args({"--version"}).span()), InfoRequest::kVersion);
+  EXPECT_EQ(ScanInfoOptions(Args({"--version", "--help"}).span()), InfoRequest::kHelp);
+  EXPECT_EQ(ScanInfoOptions(Args({"--help", "--version"}).span()), InfoRequest::kHelp);
+  // Matched exactly and case-sensitively, as every option.
+  EXPECT_EQ(ScanInfoOptions(Args({"--HELP", "-help", "--helps"}).span()), InfoRequest::kNone);
+}
+
 TEST(StartOptions, DefaultsWhenNothingIsGiven) {
   const auto options = ScanStartOptions(Args({}).span(), DaemonConfig{});
   EXPECT_EQ(options.rtsp_port, 8554);

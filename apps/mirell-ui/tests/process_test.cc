@@ -14,6 +14,7 @@
 
 #include "installed_ui.h"
 #include "instance_key.h"
+#include "mirell/base/version.h"
 #include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
@@ -552,6 +553,40 @@ TEST(UiRestoreMode, PutsTheResolverBackAndTidiesUp) {
   }
   EXPECT_NE(testsupport::ReadFileText(temporary.path() / "mirell-restore.log").find("VRChat's resolver is back in place"),
             std::string::npos);
+}
+
+// A person who asks for help gets the options on stdout, and nothing starts: no instance lock,
+// no log file, no change to VRChat's Tools folder, even with a share and a running instance's
+// endpoint on the same command line.
+TEST(UiHelp, PrintsEveryOptionAndStartsNothing) {
+  testsupport::TempDir home;
+  const auto tools = MakeVrchatTools(home.path());
+  InstalledUi ui;
+  for (const char* asked : {"--help", "-h"}) {
+    const auto result = testsupport::RunProcess(
+        {ui.binary().string(), "--share-monitor", "0", asked, "--rtsp-port", "0"}, Headless(home.path()));
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    EXPECT_TRUE(result.out.starts_with("mirell-ui: ")) << result.out;
+    for (const char* option :
+         {"--share-window", "--share-monitor", "--quality", "--share-minutes", "--allow", "--admit-everyone",
+          "--signal", "--rtsp-port", "--pipe", "--no-stub", "--update-url", "--debug-log", "--restore-vrchat",
+          "--tools-dir", "--version"}) {
+      EXPECT_NE(result.out.find(std::string("  ") + option + " "), std::string::npos) << option;
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(ui.binary().parent_path())) {
+      EXPECT_NE(entry.path().extension(), ".log") << "a log was written: " << entry.path();
+    }
+    EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.state"));
+    EXPECT_EQ(TagOf(tools / "yt-dlp.exe"), 'R');
+  }
+}
+
+TEST(UiHelp, VersionIsOneLine) {
+  testsupport::TempDir home;
+  InstalledUi ui;
+  const auto result = testsupport::RunProcess({ui.binary().string(), "--version"}, Headless(home.path()));
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_EQ(result.out, "mirell-ui " + std::string(kVersion) + "\n");
 }
 
 }  // namespace
