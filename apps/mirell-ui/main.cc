@@ -125,9 +125,11 @@ int main(int argc, char** argv) {
       given_update_url ? *given_update_url : DeriveUpdateUrl(config.signal_url);
   LOG_DEBUG("update check {}", update_url.empty() ? "off" : update_url);
   const ShareOptions share = ScanShareOptions(ArgumentsOf(argc, argv));
-  if (!share.error.empty()) {
-    LOG_ERROR("{}", share.error);
-    std::fprintf(stderr, "mirell-ui: %s\n", share.error.c_str());
+  // A command line that cannot be followed ends the run before anything starts.
+  for (const std::string& error : {SignalUrlError(config.signal_url), share.error}) {
+    if (error.empty()) continue;
+    LOG_ERROR("{}", error);
+    std::fprintf(stderr, "mirell-ui: %s\n", error.c_str());
     return 2;
   }
   const NetworkSettings network = LoadNetworkSettings();

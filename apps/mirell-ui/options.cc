@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "mirell/daemon/vrchat_identity.h"
+#include "mirell/transport/web_socket.h"
 
 namespace mirell::ui {
 namespace {
@@ -132,6 +133,12 @@ ShareOptions ScanShareOptions(Arguments arguments) {
     options.error = "--share-window and --share-monitor cannot both be given: a share has one target";
   }
   return options;
+}
+
+std::string SignalUrlError(const std::string& signal_url) {
+  if (transport::IsWebSocketUrl(signal_url)) return {};
+  return "--signal takes the ws:// or wss:// URL of a signal server (such as "
+         "wss://mirell.example/signal), not \"" + signal_url + "\"";
 }
 
 std::string DeriveSharePrefix(const std::string& signal_url) {

@@ -36,6 +36,10 @@ StartOptions ScanStartOptions(Arguments arguments, const DaemonConfig& defaults)
 // DeriveSharePrefix). Returns the update URL when "--update-url" was given at all, even empty.
 std::optional<std::string> ScanServiceOptions(Arguments arguments, DaemonConfig& config);
 
+// Why the signal server's URL cannot be used ("--signal" given something other than a ws:// or
+// wss:// URL), for the person who typed it; empty when it can.
+std::string SignalUrlError(const std::string& signal_url);
+
 // A share started from the command line, for headless use and scripts, with its admission rule.
 struct ShareOptions {
   std::string window_title;              // "--share-window": part of a window's title.

@@ -133,6 +133,18 @@ TEST(ServiceOptions, EmptyUpdateUrlIsGivenAndStopsTheDerivation) {
   EXPECT_FALSE(ScanServiceOptions(Args({}).span(), config).has_value());
 }
 
+TEST(SignalUrl, OnlyAWebSocketUrlWithAHostIsUsable) {
+  EXPECT_EQ(SignalUrlError(DaemonConfig{}.signal_url), "");
+  EXPECT_EQ(SignalUrlError("ws://127.0.0.1:8080/signal"), "");
+  EXPECT_EQ(SignalUrlError("WSS://mirell.example/signal"), "");
+  for (const char* url : {"", "https://mirell.example/signal", "ftp://x", "wss://", "ws://host:0/signal",
+                          "ws://user@host/signal", "--debug-log", "mirell.example/signal"}) {
+    const std::string error = SignalUrlError(url);
+    EXPECT_NE(error.find("ws:// or wss://"), std::string::npos) << url;
+    EXPECT_NE(error.find(std::string("\"") + url + "\""), std::string::npos) << error;
+  }
+}
+
 TEST(UpdateUrl, DerivedFromTheSecureSignalUrl) {
   EXPECT_EQ(DeriveUpdateUrl(DaemonConfig{}.signal_url), "https://mirell.example/latest");
   EXPECT_EQ(DeriveUpdateUrl("wss://host.example:8443/signal/x"),

@@ -172,6 +172,26 @@ TEST(UiSignalOption, LinksOfTheConfiguredHostResolveAndTheBuiltInOnesPass) {
   EXPECT_EQ(process.Wait(20s).exit_code, 0);
 }
 
+// A signal URL no connection could use is refused at start, not left to fail at every share
+// and every link played.
+TEST(UiSignalOption, AUrlThatIsNotASignalServersEndsTheRunWithTheReason) {
+  testsupport::TempDir home;
+  InstalledUi ui;
+  const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
+  auto options = Headless(home.path());
+  options.timeout = 20s;
+  const auto result = testsupport::RunProcess(
+      {ui.binary().string(), "--pipe", pipe, "--rtsp-port", "0", "--signal", "https://mirell.example/signal"},
+      options);
+  EXPECT_FALSE(result.timed_out);
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_NE(result.err.find("--signal takes the ws:// or wss:// URL of a signal server"), std::string::npos)
+      << result.err;
+  EXPECT_NE(result.err.find("\"https://mirell.example/signal\""), std::string::npos) << result.err;
+  EXPECT_EQ(ui.Log(0, pipe).find("listening"), std::string::npos) << "it started its services";
+}
+
 std::size_t CountOf(const std::string& text, const std::string& part) {
   std::size_t count = 0;
   for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;

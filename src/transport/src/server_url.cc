@@ -1,5 +1,7 @@
 #include "server_url.h"
 
+#include "mirell/transport/web_socket.h"
+
 #include <charconv>
 
 #include "mirell/base/ascii.h"
@@ -60,6 +62,8 @@ std::optional<ServerUrl> ParseWebSocketUrl(std::string_view url) {
   if (StartsWithNoCase(url, "ws://")) return ParseAfterScheme(url.substr(5), false);
   return std::nullopt;
 }
+
+bool IsWebSocketUrl(std::string_view url) { return ParseWebSocketUrl(url).has_value(); }
 
 std::optional<ServerUrl> ParseHttpsUrl(std::string_view url) {
   if (StartsWithNoCase(url, "https://")) return ParseAfterScheme(url.substr(8), true);

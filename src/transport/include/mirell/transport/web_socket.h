@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace mirell::transport {
 
@@ -35,6 +36,10 @@ class WebSocket {
   // connecting or open. Any thread, any number of times.
   virtual void ForceClose() = 0;
 };
+
+// True for a URL that Open accepts: "ws://" or "wss://" in either case, a host, no user-info, and
+// a port of 1-65535 if one is named.
+bool IsWebSocketUrl(std::string_view url);
 
 // A new unopened socket. "wss://" verifies the server's certificate against the system's CA
 // store (or OpenSSL's SSL_CERT_FILE / SSL_CERT_DIR) and its host name.
