@@ -24,6 +24,29 @@ std::size_t Count(std::string_view option, std::string_view text) {
   return value;
 }
 
+constexpr std::string_view kValueOptions[] = {
+    "--listen",         "--tls-cert",          "--tls-key",
+    "--latest-version", "--latest-url",        "--max-connections",
+    "--max-message-bytes", "--max-viewers-per-token", "--max-tokens-per-connection",
+    "--messages-per-second", "--idle-seconds", "--grace-seconds"};
+
+bool IsValueOption(std::string_view option) {
+  for (const std::string_view known : kValueOptions) {
+    if (option == known) return true;
+  }
+  return false;
+}
+
+// The form only: whether the address is one to listen on is found out when listening.
+bool IsAddressAndPort(std::string_view text) {
+  const auto colon = text.rfind(':');
+  if (colon == std::string_view::npos || colon == 0) return false;
+  const std::string_view port = text.substr(colon + 1);
+  unsigned value = 0;
+  const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), value);
+  return !port.empty() && error == std::errc() && end == port.data() + port.size() && value <= 65535;
+}
+
 }  // namespace
 
 ServerOptions ParseServerOptions(std::span<const char* const> arguments) {
@@ -38,9 +61,12 @@ ServerOptions ParseServerOptions(std::span<const char* const> arguments) {
       continue;
     }
     Require(option.starts_with("--"), "unexpected argument '{}' (see --help)", option);
+    Require(IsValueOption(option), "unknown option '{}' (see --help)", option);
     Require(i + 1 < arguments.size(), "{} needs a value", option);
     const std::string_view value = arguments[++i];
     if (option == "--listen") {
+      Require(IsAddressAndPort(value), "--listen wants ADDRESS:PORT with a port of 0 to 65535, not '{}'",
+              value);
       config.listen = value;
     } else if (option == "--tls-cert") {
       config.tls_cert = value;

@@ -60,6 +60,19 @@ TEST(ServerOptions, MistakesAreNamed) {
   EXPECT_NE(message({"--latest-version", "1"}).find("--latest-version and --latest-url go together"),
             std::string::npos);
   EXPECT_NE(message({"stray"}).find("unexpected argument 'stray'"), std::string::npos);
+  // An unknown option is named as such, whatever follows it.
+  EXPECT_NE(message({"--bogus"}).find("unknown option '--bogus'"), std::string::npos);
+  EXPECT_NE(message({"--max-conections", "5"}).find("unknown option '--max-conections'"), std::string::npos);
+  for (const char* listen : {"nonsense", "127.0.0.1", ":8080", "127.0.0.1:", "127.0.0.1:99999", "127.0.0.1:80x",
+                             "127.0.0.1:-1"}) {
+    EXPECT_NE(message({"--listen", listen}).find("--listen wants ADDRESS:PORT"), std::string::npos) << listen;
+  }
+}
+
+TEST(ServerOptions, ListenTakesAnyAddressFormWithAPort) {
+  for (const char* listen : {"127.0.0.1:0", "0.0.0.0:65535", "[::1]:8080", "::1:8080"}) {
+    EXPECT_EQ(Parse({"--listen", listen}).config.listen, listen);
+  }
 }
 
 }  // namespace
