@@ -23,7 +23,8 @@ Service:
   --pipe 127.0.0.1:PORT  the resolve endpoint VRChat's resolver asks (default 127.0.0.1:8555)
   --no-stub              leave VRChat's Tools folder alone
   --update-url URL       where to ask for a newer version (HTTPS; "" turns the question off)
-  --debug-log            log everything (MIRELL_LOG=debug|info|warn|error sets the level too)
+  --debug-log            log at debug level (MIRELL_LOG=trace|debug|info|warn|error sets it too;
+                         the default is warn)
 
 Undoing the change to VRChat's Tools folder, without starting the program:
   --restore-vrchat       put VRChat's own resolver back
@@ -31,6 +32,9 @@ Undoing the change to VRChat's Tools folder, without starting the program:
 
   -h, --help             this text
   --version              the version
+
+The log is mirell-ui.log beside this program (mirell-ui-<key>.log for another port or endpoint).
+SIGINT and SIGTERM end it cleanly.
 )";
 }
 
