@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <random>
@@ -345,8 +346,15 @@ std::int64_t RtspConnection::ReportMediaNow(std::int64_t steady_ns) {
   return report_anchor_ ? *report_anchor_ + steady_ns / 100 : -1;
 }
 
+// The reports go ahead of the step's packets, in the same write: a player times a track's packets
+// from its first report on, and those that came before it from the track's own first packet,
+// so ffmpeg stepped the primed sound back by the primed span when the report came behind it.
+// For the same reason a track that starts later (sound after the first frames) is reported
+// with its first packets, not up to a second afterwards.
 void RtspConnection::QueueSenderReports(SteadyTime now) {
-  if (now - last_report_ < kReportInterval || video_packets_ == 0) return;
+  if (video_packets_ == 0) return;
+  const bool audio_unreported = audio_sub_ && audio_packets_ != 0 && !audio_reported_;
+  if (now - last_report_ < kReportInterval && !audio_unreported) return;
   const std::int64_t media_now = ReportMediaNow(SteadyNowNs());
   const std::uint64_t ntp_time = NtpTime(SystemTicks100ns());
   std::uint32_t video_rtp_time = video_rtp_time_;
@@ -356,12 +364,15 @@ void RtspConnection::QueueSenderReports(SteadyTime now) {
     video_rtp_time = rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, 9, 1000));
     audio_rtp_time = rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, audio_rate_, kTicksPerSecond));
   }
+  const auto media_bytes = static_cast<std::ptrdiff_t>(outgoing_.size());
   QueueInterleaved(video_rtcp_channel_, BuildSenderReport(h264_.ssrc(), ntp_time, video_rtp_time,
                                                           video_packets_, video_octets_));
   if (audio_sub_ && audio_packets_ != 0) {
     QueueInterleaved(audio_rtcp_channel_, BuildSenderReport(aac_.ssrc(), ntp_time, audio_rtp_time,
                                                             audio_packets_, audio_octets_));
+    audio_reported_ = true;
   }
+  std::rotate(outgoing_.begin(), outgoing_.begin() + media_bytes, outgoing_.end());
   last_report_ = now;
 }
 

@@ -86,6 +86,7 @@ class RtspConnection {
   std::uint32_t video_rtp_time_ = 0, audio_rtp_time_ = 0;
   std::uint32_t video_packets_ = 0, audio_packets_ = 0;
   std::uint32_t video_octets_ = 0, audio_octets_ = 0;
+  bool audio_reported_ = false;
   std::vector<std::uint8_t> outgoing_;
   std::vector<media::Bytes> packets_;
   std::uint64_t frames_sent_ = 0, keyframes_sent_ = 0;

@@ -2,7 +2,10 @@
 // FFmpeg's and GStreamer's RTSP clients over interleaved TCP.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <sstream>
+#include <string>
+#include <vector>
 #include <thread>
 
 #include "fixture_publisher.h"
@@ -75,6 +78,39 @@ void ExpectFiveSecondsOfBothTracks(const std::string& url) {
   }
   EXPECT_GE(audio_units, 222u);
   EXPECT_LE(audio_units, 246u);
+}
+
+// ffprobe lists three seconds of packets as its demuxer times them. It times a track's packets
+// from the track's first sender report on, and any that came before that report from the
+// track's own first packet: a report behind the primed sound stepped the sound back by the
+// primed span. Neither track may step back, from its very first packet on.
+void ExpectNeitherTrackStepsBack(const std::string& url) {
+  testsupport::ProcessOptions options;
+  options.timeout = 60s;
+  const auto result = testsupport::RunProcess(
+      {"ffprobe", "-v", "error", "-rtsp_transport", "tcp", "-read_intervals", "%+3", "-show_entries",
+       "packet=stream_index,pts_time", "-of", "csv=p=0", url},
+      options);
+  ASSERT_EQ(result.exit_code, 0) << result.err;
+  std::map<int, std::vector<double>> times;
+  std::istringstream lines(result.out);
+  for (std::string line; std::getline(lines, line);) {
+    const auto comma = line.find(',');
+    if (comma == std::string::npos || line.compare(comma + 1, 3, "N/A") == 0) continue;
+    times[std::stoi(line.substr(0, comma))].push_back(std::stod(line.substr(comma + 1)));
+  }
+  ASSERT_EQ(times.size(), 2u) << result.out;
+  for (const auto& [track, track_times] : times) {
+    EXPECT_GT(track_times.size(), 60u) << "track " << track;
+    for (std::size_t i = 1; i < track_times.size(); ++i) {
+      ASSERT_GE(track_times[i], track_times[i - 1]) << "track " << track << " steps back at packet " << i;
+    }
+  }
+}
+
+TEST_F(RtspPlayerTest, FfmpegPrimedWithHalfASecondSeesNeitherTrackStepBack) {
+  std::this_thread::sleep_for(600ms);
+  ExpectNeitherTrackStepsBack(url_);
 }
 
 TEST_F(RtspPlayerTest, FfmpegDecodesFiveSecondsOfBothTracksWhileAnotherPlayerStalls) {

@@ -4,13 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <optional>
 #include <random>
 #include <set>
-#include <atomic>
-
-#include <optional>
-
-#include <future>
 #include <thread>
 
 #include "mirell/base/error.h"
@@ -236,6 +235,10 @@ TEST_F(RtspServerTest, TrackOneWithoutAudioSetsTheVideoChannels) {
   client.Request("DESCRIBE", uri_, 1);
   client.Request("SETUP", uri_ + "/trackID=1", 2, "Transport: RTP/AVP/TCP;interleaved=6-7\r\n");
   EXPECT_EQ(client.Request("PLAY", uri_, 3).status, 200);
+  // The sender report ahead of the first packet, on the pair's RTCP channel, then the video.
+  const auto report = client.ReadFrame();
+  ASSERT_TRUE(report.has_value());
+  EXPECT_EQ(report->channel, 7);
   const auto frame = client.ReadFrame();
   ASSERT_TRUE(frame.has_value());
   EXPECT_EQ(frame->channel, 6);
@@ -249,6 +252,9 @@ TEST_F(RtspServerTest, PlayWithoutDescribeOrSetupPlaysVideoOnChannelZero) {
   const auto response = client.Request("PLAY", uri_, 1);
   EXPECT_EQ(response.status, 200);
   EXPECT_EQ(response.headers.at("Range"), "npt=0.000-");
+  const auto report = client.ReadFrame();
+  ASSERT_TRUE(report.has_value());
+  EXPECT_EQ(report->channel, 1);
   const auto frame = client.ReadFrame();
   ASSERT_TRUE(frame.has_value());
   EXPECT_EQ(frame->channel, 0);
@@ -335,7 +341,9 @@ TEST_F(RtspServerTest, AudioAlignsToTheFirstFrameAndEarlierUnitsAreCounted) {
   EXPECT_TRUE(WaitForLog("audio 2 AUs (0 dropped, 1 predating the first frame)"));
 }
 
-TEST_F(RtspServerTest, NoSenderReportBeforeTheFirstPacketThenOneWithIt) {
+// A player times a track's packets by its first sender report and those before it by the track's
+// own first packet: the report goes in the same write as the first packets, ahead of them.
+TEST_F(RtspServerTest, NoSenderReportUntilThereIsAPacketThenOneAheadOfIt) {
   RtspTestClient client(server_.port());
   ASSERT_EQ(StartPlaying(client).status, 200);
   EXPECT_FALSE(client.ReadFrame(1300ms).has_value()) << "something was sent before any frame";
@@ -343,11 +351,12 @@ TEST_F(RtspServerTest, NoSenderReportBeforeTheFirstPacketThenOneWithIt) {
   std::vector<testing::InterleavedFrame> frames;
   while (auto frame = client.ReadFrame(500ms)) frames.push_back(*frame);
   ASSERT_GE(frames.size(), 4u);
-  const auto& report = frames.back();
+  const auto& report = frames.front();
   EXPECT_EQ(report.channel, 1);
   ASSERT_EQ(report.payload.size(), 52u);
   EXPECT_EQ(report.payload[1], 200);
-  const auto video = testing::ReadRtpFields(frames.front().payload);
+  for (std::size_t i = 1; i < frames.size(); ++i) EXPECT_EQ(frames[i].channel, 0) << "frame " << i;
+  const auto video = testing::ReadRtpFields(frames[1].payload);
   const std::uint32_t ssrc = static_cast<std::uint32_t>(report.payload[4]) << 24 |
                              static_cast<std::uint32_t>(report.payload[5]) << 16 |
                              static_cast<std::uint32_t>(report.payload[6]) << 8 | report.payload[7];
@@ -356,6 +365,32 @@ TEST_F(RtspServerTest, NoSenderReportBeforeTheFirstPacketThenOneWithIt) {
                                 static_cast<std::uint32_t>(report.payload[21]) << 16 |
                                 static_cast<std::uint32_t>(report.payload[22]) << 8 | report.payload[23];
   EXPECT_EQ(packets, frames.size() - 1);
+}
+
+// Sound that starts after the picture (a source whose first sound comes late) gets its report
+// with its first packets, not with the next regular report up to a second later.
+TEST_F(RtspServerTest, SoundThatStartsAfterThePictureIsReportedAheadOfItsFirstPacket) {
+  stream_->SetAudio(AudioConfig{48000, 2, 128, {0x11, 0x90}});
+  RtspTestClient client(server_.port());
+  ASSERT_EQ(client.Request("DESCRIBE", uri_, 1).status, 200);
+  client.Request("SETUP", uri_ + "/trackID=0", 2, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
+  client.Request("SETUP", uri_ + "/trackID=1", 3, "Transport: RTP/AVP/TCP;interleaved=2-3\r\n");
+  ASSERT_EQ(client.Request("PLAY", uri_, 4).status, 200);
+  stream_->frames().Publish(MakeFrame(0, true));
+  std::vector<testing::InterleavedFrame> frames;
+  while (auto frame = client.ReadFrame(300ms)) frames.push_back(*frame);
+  ASSERT_FALSE(frames.empty());
+  EXPECT_EQ(frames.front().channel, 1) << "the picture's report comes first";
+  // Well within a second of the first report.
+  stream_->audio().Publish(MakeAudio(100'000));
+  stream_->audio().Publish(MakeAudio(313'333));
+  while (auto frame = client.ReadFrame(300ms)) frames.push_back(*frame);
+  std::vector<std::uint8_t> channels;
+  for (const auto& frame : frames) channels.push_back(frame.channel);
+  const auto first_sound = std::find(channels.begin(), channels.end(), std::uint8_t{2});
+  ASSERT_NE(first_sound, channels.end()) << "no sound arrived";
+  EXPECT_NE(std::find(channels.begin(), first_sound, std::uint8_t{3}), first_sound)
+      << "the sound's first packet came before any report of the sound";
 }
 
 std::uint32_t ReadBigEndian32(const std::vector<std::uint8_t>& bytes, std::size_t at) {
