@@ -94,8 +94,21 @@ int main(int argc, char** argv) {
   const std::string key = InstanceKey(start.rtsp_port, start.pipe_name);
   const std::string default_key =
       InstanceKey(DaemonConfig{}.rtsp_port, DaemonConfig{}.pipe_name);
-  // Another instance with this key runs and has been asked to show itself.
-  if (!AcquireSingleInstance(key)) return 0;
+  // Read before the instance lock, so that a mistake is reported even while another instance runs.
+  const ShareOptions share = ScanShareOptions(ArgumentsOf(argc, argv));
+  if (!share.error.empty()) {
+    std::fprintf(stderr, "mirell-ui: %s\n", share.error.c_str());
+    return 2;
+  }
+  // Another instance with this key runs and has been asked to show itself. A share asked for here
+  // would not happen, and a script waiting for its link must hear so.
+  if (!AcquireSingleInstance(key)) {
+    if (!share.wants_share()) return 0;
+    std::fprintf(stderr,
+                 "mirell-ui: could not share: mirell-ui is already running with this RTSP port and "
+                 "resolve endpoint; stop it first, or give this run its own --rtsp-port and --pipe\n");
+    return 1;
+  }
 
   const bool without_display = RunWithoutDisplay();
   QApplication application(argc, argv);
@@ -124,10 +137,8 @@ int main(int argc, char** argv) {
   const std::string update_url =
       given_update_url ? *given_update_url : DeriveUpdateUrl(config.signal_url);
   LOG_DEBUG("update check {}", update_url.empty() ? "off" : update_url);
-  const ShareOptions share = ScanShareOptions(ArgumentsOf(argc, argv));
-  // A command line that cannot be followed ends the run before anything starts.
-  for (const std::string& error : {SignalUrlError(config.signal_url), share.error}) {
-    if (error.empty()) continue;
+  // A signal server no connection could use ends the run before anything starts.
+  if (const std::string error = SignalUrlError(config.signal_url); !error.empty()) {
     LOG_ERROR("{}", error);
     std::fprintf(stderr, "mirell-ui: %s\n", error.c_str());
     return 2;

@@ -216,6 +216,28 @@ TEST_F(UiProcess, ASecondStartWithTheSameOptionsExitsAtOnceAndLeavesTheLogAlone)
   EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://example.com/\n"), "PASS\n");
 }
 
+// A script that asks a second start for a share hears that none was made, and why, instead of
+// a quiet exit 0 with no link; a command line that cannot be followed is named as it would be
+// without the running instance.
+TEST_F(UiProcess, AShareAskedOfASecondStartIsRefusedWithTheReason) {
+  auto options = Headless(home_.path());
+  options.timeout = 10s;
+  const auto second = testsupport::RunProcess({ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+                                               std::to_string(rtsp_port_), "--share-monitor", "0"},
+                                              options);
+  EXPECT_FALSE(second.timed_out);
+  EXPECT_EQ(second.exit_code, 1) << second.err;
+  EXPECT_NE(second.err.find("could not share: mirell-ui is already running"), std::string::npos) << second.err;
+  EXPECT_EQ(second.out, "");
+  const auto bad = testsupport::RunProcess({ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+                                            std::to_string(rtsp_port_), "--share-monitor", "first"},
+                                           options);
+  EXPECT_EQ(bad.exit_code, 2) << bad.err;
+  EXPECT_NE(bad.err.find("--share-monitor takes a monitor number"), std::string::npos) << bad.err;
+  EXPECT_TRUE(process_->Running());
+  EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://example.com/\n"), "PASS\n");
+}
+
 TEST_F(UiProcess, AnotherPortOrEndpointRunsBesideIt) {
   const std::uint16_t other_rtsp = testsupport::FreeLoopbackPort();
   const std::uint16_t other_pipe_port = testsupport::FreeLoopbackPort();
