@@ -79,6 +79,14 @@ class RtspServerTest : public ::testing::Test {
     EXPECT_EQ(client.Request("SETUP", uri_ + "/trackID=0", 2, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n").status, 200);
     return client.Request("PLAY", uri_, 3);
   }
+  // The stream gets sound; DESCRIBE, SETUP of both tracks on channels 0-1 and 2-3, and PLAY.
+  RtspResponse StartPlayingBothTracks(RtspTestClient& client) {
+    stream_->SetAudio(AudioConfig{48000, 2, 128, {0x11, 0x90}});
+    EXPECT_EQ(client.Request("DESCRIBE", uri_, 1).status, 200);
+    client.Request("SETUP", uri_ + "/trackID=0", 2, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
+    client.Request("SETUP", uri_ + "/trackID=1", 3, "Transport: RTP/AVP/TCP;interleaved=2-3\r\n");
+    return client.Request("PLAY", uri_, 4);
+  }
 
   testsupport::TempDir dir_;
   StreamRegistry registry_;
@@ -370,12 +378,8 @@ TEST_F(RtspServerTest, NoSenderReportUntilThereIsAPacketThenOneAheadOfIt) {
 // Sound that starts after the picture (a source whose first sound comes late) gets its report
 // with its first packets, not with the next regular report up to a second later.
 TEST_F(RtspServerTest, SoundThatStartsAfterThePictureIsReportedAheadOfItsFirstPacket) {
-  stream_->SetAudio(AudioConfig{48000, 2, 128, {0x11, 0x90}});
   RtspTestClient client(server_.port());
-  ASSERT_EQ(client.Request("DESCRIBE", uri_, 1).status, 200);
-  client.Request("SETUP", uri_ + "/trackID=0", 2, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
-  client.Request("SETUP", uri_ + "/trackID=1", 3, "Transport: RTP/AVP/TCP;interleaved=2-3\r\n");
-  ASSERT_EQ(client.Request("PLAY", uri_, 4).status, 200);
+  ASSERT_EQ(StartPlayingBothTracks(client).status, 200);
   stream_->frames().Publish(MakeFrame(0, true));
   std::vector<testing::InterleavedFrame> frames;
   while (auto frame = client.ReadFrame(300ms)) frames.push_back(*frame);
@@ -399,12 +403,8 @@ std::uint32_t ReadBigEndian32(const std::vector<std::uint8_t>& bytes, std::size_
 }
 
 TEST_F(RtspServerTest, BothTracksReportsNameOneMediaInstantWhenTheSoundWasSentAhead) {
-  stream_->SetAudio(AudioConfig{48000, 2, 128, {0x11, 0x90}});
   RtspTestClient client(server_.port());
-  ASSERT_EQ(client.Request("DESCRIBE", uri_, 1).status, 200);
-  client.Request("SETUP", uri_ + "/trackID=0", 2, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
-  client.Request("SETUP", uri_ + "/trackID=1", 3, "Transport: RTP/AVP/TCP;interleaved=2-3\r\n");
-  ASSERT_EQ(client.Request("PLAY", uri_, 4).status, 200);
+  ASSERT_EQ(StartPlayingBothTracks(client).status, 200);
   // As a primed player gets it: one frame, and sound reaching 400 ms past it, all at once.
   stream_->frames().Publish(MakeFrame(0, true));
   for (int i = 0; i <= 19; ++i) stream_->audio().Publish(MakeAudio(i * 213'333));
@@ -569,13 +569,9 @@ TEST_F(RtspServerTest, StopEndsAConnectionBlockedInASend) {
 }
 
 TEST_F(RtspServerTest, WithdrawSaysGoodbyeOnEveryTrackAndEndsTheConnection) {
-  stream_->SetAudio(AudioConfig{48000, 2, 128, {0x11, 0x90}});
   stream_->SetPriming(1, 33);
   RtspTestClient first(server_.port());
-  ASSERT_EQ(first.Request("DESCRIBE", uri_, 1).status, 200);
-  first.Request("SETUP", uri_ + "/trackID=0", 2, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
-  first.Request("SETUP", uri_ + "/trackID=1", 3, "Transport: RTP/AVP/TCP;interleaved=2-3\r\n");
-  ASSERT_EQ(first.Request("PLAY", uri_, 4).status, 200);
+  ASSERT_EQ(StartPlayingBothTracks(first).status, 200);
   RtspTestClient second(server_.port());
   ASSERT_EQ(StartPlaying(second).status, 200);
   stream_->frames().Publish(MakeFrame(0, true));
