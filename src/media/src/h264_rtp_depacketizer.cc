@@ -1,5 +1,7 @@
 #include "mirell/media/h264_rtp.h"
 
+#include "mirell/base/logging.h"
+
 namespace mirell::media {
 namespace {
 
@@ -8,8 +10,21 @@ constexpr std::uint8_t kFuA = 28;
 
 }  // namespace
 
+bool H264RtpDepacketizer::Overflows(std::size_t bytes) {
+  if (oversized_) return true;
+  if (bytes <= kMaxAccessUnitBytes) return false;
+  oversized_ = true;
+  unit_corrupt_ = true;
+  ++oversized_units_;
+  LOG_WARN("access unit beyond {} bytes at rtp time {}, dropped", kMaxAccessUnitBytes, unit_timestamp_);
+  unit_.clear();
+  fragment_.clear();
+  in_fragment_ = false;
+  return true;
+}
+
 void H264RtpDepacketizer::AddNal(ByteSpan nal) {
-  if (nal.empty()) return;
+  if (nal.empty() || Overflows(unit_.size() + nal.size() + 4)) return;
   AppendNal(unit_, nal);
   if (IsKeyNal(nal[0])) unit_has_key_ = true;
 }
@@ -29,6 +44,7 @@ bool H264RtpDepacketizer::Flush(H264AccessUnit& unit) {
   in_fragment_ = false;
   unit_has_key_ = false;
   unit_corrupt_ = false;
+  oversized_ = false;
   return delivered;
 }
 
@@ -55,8 +71,9 @@ bool H264RtpDepacketizer::Push(ByteSpan packet, H264AccessUnit& unit) {
   has_sequence_ = true;
 
   bool flushed = false;
-  if (has_timestamp_ && view.timestamp != unit_timestamp_ && !unit_.empty()) {
-    // The marker of the unit before was lost: the new timestamp ends it.
+  if (has_timestamp_ && view.timestamp != unit_timestamp_ && (!unit_.empty() || oversized_)) {
+    // The marker of the unit before was lost (or it was dropped at the cap, and so is empty):
+    // the new timestamp ends it.
     flushed = Flush(unit);
   }
   unit_timestamp_ = view.timestamp;
@@ -71,6 +88,7 @@ bool H264RtpDepacketizer::Push(ByteSpan packet, H264AccessUnit& unit) {
       return flushed;
     }
     const std::uint8_t fu = payload[1];
+    if (Overflows(unit_.size() + fragment_.size() + payload.size())) return flushed;
     if (fu & 0x80) {
       fragment_.clear();
       fragment_.push_back(static_cast<std::uint8_t>((payload[0] & 0xE0) | (fu & 0x1F)));

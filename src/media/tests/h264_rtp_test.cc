@@ -181,6 +181,45 @@ TEST(H264RtpDepacketizer, OrphanContinuationDropsTheUnitAtItsMarker) {
   EXPECT_TRUE(unit.keyframe);
 }
 
+// A sender that keeps one time stamp and never sets the marker: the unit is dropped at the cap,
+// the rest of it is ignored, and the next time stamp starts afresh.
+TEST(H264RtpDepacketizer, AUnitThatNeverEndsIsDroppedAtTheCap) {
+  H264RtpDepacketizer depacketizer;
+  H264AccessUnit unit;
+  const Bytes nal = Filled(1200, 0x41);
+  const std::size_t packets = H264RtpDepacketizer::kMaxAccessUnitBytes / (nal.size() + 4) + 2;
+  std::uint16_t sequence = 1;
+  for (std::size_t i = 0; i < packets; ++i) {
+    EXPECT_FALSE(depacketizer.Push(Packet(sequence++, 90, false, nal), unit));
+  }
+  EXPECT_EQ(depacketizer.oversized_units(), 1u);
+  EXPECT_FALSE(depacketizer.Push(Packet(sequence++, 90, true, nal), unit)) << "its marker ends nothing";
+  EXPECT_EQ(depacketizer.dropped_units(), 1u);
+  EXPECT_TRUE(depacketizer.Push(Packet(sequence++, 180, true, {0x65, 7}), unit));
+  EXPECT_EQ(unit.rtp_timestamp, 180u);
+  EXPECT_EQ(depacketizer.oversized_units(), 1u);
+}
+
+TEST(H264RtpDepacketizer, AFragmentRunThatNeverEndsIsDroppedAtTheCap) {
+  H264RtpDepacketizer depacketizer;
+  H264AccessUnit unit;
+  Bytes start = Filled(1200, 0x7C);
+  start[1] = 0x85;  // FU-A start of an IDR slice.
+  Bytes middle = Filled(1200, 0x7C);
+  middle[1] = 0x05;
+  std::uint16_t sequence = 1;
+  EXPECT_FALSE(depacketizer.Push(Packet(sequence++, 90, false, start), unit));
+  const std::size_t packets = H264RtpDepacketizer::kMaxAccessUnitBytes / (middle.size() - 2) + 2;
+  for (std::size_t i = 0; i < packets; ++i) {
+    EXPECT_FALSE(depacketizer.Push(Packet(sequence++, 90, false, middle), unit));
+  }
+  EXPECT_EQ(depacketizer.oversized_units(), 1u);
+  // The next time stamp ends the dropped unit, and the next unit comes whole.
+  EXPECT_TRUE(depacketizer.Push(Packet(sequence++, 180, true, {0x41, 1}), unit));
+  EXPECT_EQ(unit.rtp_timestamp, 180u);
+  EXPECT_EQ(depacketizer.dropped_units(), 1u);
+}
+
 TEST(H264RtpDepacketizer, LostMarkerIsEndedByTheNextTimestamp) {
   H264RtpDepacketizer depacketizer;
   H264AccessUnit unit;

@@ -52,9 +52,17 @@ class H264RtpDepacketizer {
   std::uint64_t dropped_units() const { return dropped_units_; }
   std::uint64_t lost_packets() const { return lost_packets_; }
   std::uint64_t bad_packets() const { return bad_packets_; }
+  // Units dropped for growing beyond kMaxAccessUnitBytes (also counted in dropped_units).
+  std::uint64_t oversized_units() const { return oversized_units_; }
+
+  // A sender that never ends a unit (no marker, the time stamp kept) must not grow a viewer's
+  // memory without bound; 8 MiB is far beyond any picture the product sends.
+  static constexpr std::size_t kMaxAccessUnitBytes = 8u << 20;
 
  private:
   void AddNal(ByteSpan nal);
+  // True, and the unit dropped, when the unit would hold `bytes` with what comes, beyond the cap.
+  bool Overflows(std::size_t bytes);
   bool Flush(H264AccessUnit& unit);
 
   Bytes unit_;
@@ -69,6 +77,8 @@ class H264RtpDepacketizer {
   std::uint64_t dropped_units_ = 0;
   std::uint64_t lost_packets_ = 0;
   std::uint64_t bad_packets_ = 0;
+  std::uint64_t oversized_units_ = 0;
+  bool oversized_ = false;  // The present unit went beyond the cap: the rest of it is ignored.
 };
 
 }  // namespace mirell::media
