@@ -31,6 +31,28 @@ std::string StringField(const Json& message, const char* key) {
   return message.value(key, std::string());
 }
 
+// The host's media object as passed on to its viewers: only the fields the protocol knows, each
+// of its type (a number that fits 32 bits, a short string); anything else a host sends, however
+// deep, is neither kept nor forwarded.
+Json KnownMedia(const Json& media) {
+  static constexpr const char* kNumbers[] = {"width",    "height",   "fps",      "videoKbps",
+                                             "sampleRate", "channels", "audioKbps"};
+  constexpr std::size_t kMaxConfigText = 64;
+  Json known = Json::object();
+  for (const char* key : kNumbers) {
+    const auto found = media.find(key);
+    if (found != media.end() && found->is_number_unsigned() &&
+        found->get<std::uint64_t>() <= 0xFFFF'FFFFu) {
+      known[key] = found->get<std::uint64_t>();
+    }
+  }
+  const auto config = media.find("audioConfig");
+  if (config != media.end() && config->is_string() && config->get_ref<const std::string&>().size() <= kMaxConfigText) {
+    known["audioConfig"] = *config;
+  }
+  return known;
+}
+
 }  // namespace
 
 bool SameSecret(std::string_view a, std::string_view b) {
@@ -103,7 +125,7 @@ void SignalHub::Host(ConnectionId id, Connection& connection, const std::string&
   }
   Token& token = existing != tokens_.end() ? existing->second : tokens_[token_name];
   token.secret = secret;
-  token.media = media != message.end() ? Dump(*media) : std::string();
+  token.media = media != message.end() ? Dump(KnownMedia(*media)) : std::string();
   if (token.host && *token.host != id) {
     // The same host from a new connection (it restarted, or its network changed).
     const ConnectionId old = *token.host;

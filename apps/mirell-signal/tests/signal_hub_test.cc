@@ -82,6 +82,36 @@ class SignalHubTest : public ::testing::Test {
   ConnectionId next_ = 1;
 };
 
+// Only the fields the protocol knows reach the viewers, each of its type.
+TEST_F(SignalHubTest, OnlyTheKnownMediaFieldsArePassedOn) {
+  const auto host = Open();
+  Json deep = Json::array();
+  for (int i = 0; i < 200; ++i) deep = Json::array({deep});
+  Say(host, {{"type", "host"},
+             {"token", "TOKEN1"},
+             {"secret", "s3cret"},
+             {"media",
+              {{"width", 1280},
+               {"height", "720"},
+               {"fps", -30},
+               {"sampleRate", 48000},
+               {"channels", 4294967298ull},
+               {"audioConfig", "1190"},
+               {"extra", deep},
+               {"videoKbps", {{"nested", true}}}}}});
+  EXPECT_EQ(Only(host), Json::parse(R"({"type":"hosting"})"));
+  const auto viewer = Join("TOKEN1");
+  EXPECT_EQ(Only(viewer),
+            Json::parse(R"({"type":"joined","media":{"width":1280,"sampleRate":48000,"audioConfig":"1190"}})"));
+  const auto long_config = Open();
+  Say(long_config, {{"type", "host"},
+                    {"token", "TOKEN2"},
+                    {"secret", "s3cret"},
+                    {"media", {{"audioConfig", std::string(65, '1')}}}});
+  router_.Take(long_config);
+  EXPECT_EQ(Only(Join("TOKEN2")), Json::parse(R"({"type":"joined","media":{}})"));
+}
+
 TEST_F(SignalHubTest, TheWholeExchange) {
   const auto host = Host();
   EXPECT_EQ(Only(host), Json::parse(R"({"type":"hosting"})"));

@@ -16,23 +16,37 @@ std::string Dump(const Json& message) {
   return message.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-std::uint32_t NumberOf(const Json& object, const char* key) {
+// An unsigned integer in [low, high], else 0 ("not said"): what a host advertises sizes a viewer's
+// buffers, so a value no encoder of ours makes is not believed.
+std::uint32_t NumberOf(const Json& object, const char* key, std::uint64_t low, std::uint64_t high) {
   const auto found = object.find(key);
   if (found == object.end() || !found->is_number_unsigned()) return 0;
-  return static_cast<std::uint32_t>(found->get<std::uint64_t>());
+  const std::uint64_t value = found->get<std::uint64_t>();
+  return value >= low && value <= high ? static_cast<std::uint32_t>(value) : 0;
+}
+
+// An AudioSpecificConfig is a few bytes; anything but an even run of hexadecimal digits of that
+// size is not one.
+bool IsAudioConfigText(const std::string& text) {
+  if (text.size() < 4 || text.size() > 32 || text.size() % 2 != 0) return false;
+  return std::all_of(text.begin(), text.end(), [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+  });
 }
 
 StreamMedia MediaOf(const Json& object) {
   StreamMedia media;
-  media.width = NumberOf(object, "width");
-  media.height = NumberOf(object, "height");
-  media.fps = NumberOf(object, "fps");
-  media.video_kbps = NumberOf(object, "videoKbps");
-  media.sample_rate = NumberOf(object, "sampleRate");
-  media.channels = NumberOf(object, "channels");
-  media.audio_kbps = NumberOf(object, "audioKbps");
+  media.width = NumberOf(object, "width", 16, 8192);
+  media.height = NumberOf(object, "height", 16, 8192);
+  media.fps = NumberOf(object, "fps", 1, 240);
+  media.video_kbps = NumberOf(object, "videoKbps", 1, 200'000);
+  media.sample_rate = NumberOf(object, "sampleRate", 8000, 96'000);
+  media.channels = NumberOf(object, "channels", 1, 2);
+  media.audio_kbps = NumberOf(object, "audioKbps", 1, 1024);
   const auto config = object.find("audioConfig");
-  if (config != object.end() && config->is_string()) media.audio_config = config->get<std::string>();
+  if (config != object.end() && config->is_string() && IsAudioConfigText(config->get<std::string>())) {
+    media.audio_config = config->get<std::string>();
+  }
   return media;
 }
 

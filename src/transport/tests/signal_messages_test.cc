@@ -73,10 +73,49 @@ TEST(SignalMessages, NumbersThatAreNoUnsignedIntegersAreZero) {
   EXPECT_EQ(media.height, 0u);
   EXPECT_EQ(media.fps, 0u);
   EXPECT_EQ(media.video_kbps, 0u);
-  EXPECT_EQ(media.sample_rate, 0u) << "truncated to 32 bits";
-  EXPECT_EQ(media.channels, 2u) << "truncated to 32 bits";
+  EXPECT_EQ(media.sample_rate, 0u) << "beyond 32 bits";
+  EXPECT_EQ(media.channels, 0u) << "beyond 32 bits, and not truncated into range";
   EXPECT_EQ(media.audio_kbps, 0u) << "missing";
   EXPECT_EQ(media.audio_config, "") << "not a string";
+}
+
+// What a host advertises sizes the viewer's buffers: values outside what an encoder makes are
+// not believed, and the viewer falls back to its defaults.
+TEST(SignalMessages, AdvertisedValuesOutsideTheirRangeAreZero) {
+  const auto low = ReadStreamMedia(
+      R"({"width":15,"height":15,"fps":0,"videoKbps":0,"sampleRate":7999,"channels":0,"audioKbps":0,
+          "audioConfig":"12"})");
+  EXPECT_EQ(low.width, 0u);
+  EXPECT_EQ(low.height, 0u);
+  EXPECT_EQ(low.fps, 0u);
+  EXPECT_EQ(low.sample_rate, 0u);
+  EXPECT_EQ(low.channels, 0u);
+  EXPECT_EQ(low.audio_config, "") << "one byte is no AudioSpecificConfig";
+  const auto high = ReadStreamMedia(
+      R"({"width":8193,"height":8193,"fps":241,"videoKbps":200001,"sampleRate":96001,"channels":3,
+          "audioKbps":1025,"audioConfig":"112233445566778899aabbccddeeff0011"})");
+  EXPECT_EQ(high.width, 0u);
+  EXPECT_EQ(high.height, 0u);
+  EXPECT_EQ(high.fps, 0u);
+  EXPECT_EQ(high.video_kbps, 0u);
+  EXPECT_EQ(high.sample_rate, 0u);
+  EXPECT_EQ(high.channels, 0u);
+  EXPECT_EQ(high.audio_kbps, 0u);
+  EXPECT_EQ(high.audio_config, "");
+  EXPECT_EQ(ReadStreamMedia(R"({"audioConfig":"11g0"})").audio_config, "") << "not hexadecimal";
+  EXPECT_EQ(ReadStreamMedia(R"({"audioConfig":"119"})").audio_config, "") << "half a byte";
+  const auto edges = ReadStreamMedia(
+      R"({"width":8192,"height":16,"fps":240,"videoKbps":200000,"sampleRate":8000,"channels":1,
+          "audioKbps":1024,"audioConfig":"1190"})");
+  EXPECT_EQ(edges.width, 8192u);
+  EXPECT_EQ(edges.height, 16u);
+  EXPECT_EQ(edges.fps, 240u);
+  EXPECT_EQ(edges.video_kbps, 200000u);
+  EXPECT_EQ(edges.sample_rate, 8000u);
+  EXPECT_EQ(edges.channels, 1u);
+  EXPECT_EQ(edges.audio_kbps, 1024u);
+  EXPECT_EQ(edges.audio_config, "1190");
+  EXPECT_EQ(ReadStreamMedia(R"({"sampleRate":96000,"channels":2})").sample_rate, 96000u);
 }
 
 TEST(SignalMessages, APeerNameWithoutIdentityIsDropped) {
