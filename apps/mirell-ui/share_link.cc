@@ -1,5 +1,7 @@
 #include "share_link.h"
 
+#include "mirell/transport/share_token.h"
+
 namespace mirell::ui {
 
 std::string ShareTokenFromUrl(std::string_view url, std::string_view share_prefix) {
@@ -10,6 +12,8 @@ std::string ShareTokenFromUrl(std::string_view url, std::string_view share_prefi
   if (!rest.starts_with(share_prefix)) return {};
   auto token = rest.substr(share_prefix.size());
   token = token.substr(0, token.find_first_of("?#/&"));
+  // Anything else is no link of ours, and no watch is made for it.
+  if (!transport::IsShareToken(token)) return {};
   return std::string(token);
 }
 

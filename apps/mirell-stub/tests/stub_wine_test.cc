@@ -151,7 +151,7 @@ TEST_F(StubUnderWine, AShareLinkThroughTheStubPlaysTheCardThenTheHost) {
   mirell::testsupport::ChildProcess signal(
       {MIRELL_SIGNAL_BINARY, "--listen", "127.0.0.1:" + std::to_string(signal_port)});
   ASSERT_TRUE(WaitForPort(signal_port));
-  const std::string token = "WINETOKEN234";
+  const std::string token = "WYNETRKEN234";
   mirell::testsupport::ChildProcess host({MIRELL_TEST_HOST_BINARY, "--signal", signal_url, "--token",
                                           token, "--secret", "WINESECRET234567890ABCDEFGHJKMNP",
                                           "--dir", host_dir.path().string()});

@@ -8,6 +8,8 @@
 
 #include "daemon_host.h"
 #include "options.h"
+#include "mirell/transport/share_token.h"
+#include "mirell/transport/signal_client.h"
 #include "mirell/testsupport/tcp_client.h"
 
 namespace mirell::ui {
@@ -16,16 +18,16 @@ namespace {
 constexpr std::string_view kPrefix = "mirell.example/s/";
 
 TEST(ShareToken, QueryAndPathAreCutOff) {
-  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/abc123?t=1", kPrefix), "abc123");
-  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/abc123/extra", kPrefix), "abc123");
-  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/abc123#frag", kPrefix), "abc123");
-  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/abc123&x", kPrefix), "abc123");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3B?t=1", kPrefix), "7QK2M0Z5XH3B");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3B/extra", kPrefix), "7QK2M0Z5XH3B");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3B#frag", kPrefix), "7QK2M0Z5XH3B");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3B&x", kPrefix), "7QK2M0Z5XH3B");
   EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/ABCDEFGHJKMN", kPrefix), "ABCDEFGHJKMN");
 }
 
 TEST(ShareToken, AnySchemeWillDo) {
-  EXPECT_EQ(ShareTokenFromUrl("ftp://mirell.example/s/abc123", kPrefix), "abc123");
-  EXPECT_EQ(ShareTokenFromUrl("x://mirell.example/s/t", kPrefix), "t");
+  EXPECT_EQ(ShareTokenFromUrl("ftp://mirell.example/s/7QK2M0Z5XH3B", kPrefix), "7QK2M0Z5XH3B");
+  EXPECT_EQ(ShareTokenFromUrl("x://mirell.example/s/0123456789AB", kPrefix), "0123456789AB");
 }
 
 TEST(ShareToken, NothingBehindThePrefixIsNoToken) {
@@ -33,16 +35,31 @@ TEST(ShareToken, NothingBehindThePrefixIsNoToken) {
   EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/?t=1", kPrefix), "");
 }
 
+// What is no token gets no watch: another length, lower case, letters tokens are never made of,
+// a CR or a blank.
+TEST(ShareToken, OnlyTwelveCrockfordDigitsAreAToken) {
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3BC", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7qk2m0z5xh3b", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3I", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3L", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3O", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3U", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3\r", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0 5XH3B", kPrefix), "");
+  EXPECT_TRUE(transport::IsShareToken(transport::GenerateShareCredentials().token));
+}
+
 TEST(ShareToken, ThePrefixMustStandDirectlyBehindTheScheme) {
-  EXPECT_EQ(ShareTokenFromUrl("https://evil.example/https://mirell.example/s/abc", kPrefix), "");
-  EXPECT_EQ(ShareTokenFromUrl("https://www.mirell.example/s/abc", kPrefix), "");
-  EXPECT_EQ(ShareTokenFromUrl("https://MIRELL.example/s/abc", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://evil.example/https://mirell.example/s/7QK2M0Z5XH3B", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://www.mirell.example/s/7QK2M0Z5XH3B", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("https://MIRELL.example/s/7QK2M0Z5XH3B", kPrefix), "");
 }
 
 TEST(ShareToken, ShortOrSchemelessUrlsAreNoLinks) {
   EXPECT_EQ(ShareTokenFromUrl("", kPrefix), "");
   EXPECT_EQ(ShareTokenFromUrl("ab", kPrefix), "");
-  EXPECT_EQ(ShareTokenFromUrl("mirell.example/s/abc", kPrefix), "");
+  EXPECT_EQ(ShareTokenFromUrl("mirell.example/s/7QK2M0Z5XH3B", kPrefix), "");
 }
 
 TEST(DaemonHostResolve, ShareLinkGetsTheLoopbackAddressAndOthersPass) {
@@ -52,9 +69,9 @@ TEST(DaemonHostResolve, ShareLinkGetsTheLoopbackAddressAndOthersPass) {
   config.install_stub = false;
   DaemonHost host(config);
   host.Start();
-  const auto ours = host.Resolve("https://mirell.example/s/abc123?t=1");
+  const auto ours = host.Resolve("https://mirell.example/s/7QK2M0Z5XH3B?t=1");
   EXPECT_EQ(ours.status, daemon::ResolveStatus::kResolved);
-  EXPECT_EQ(ours.url, fmt::format("rtspt://127.0.0.1:{}/s/abc123", config.rtsp_port));
+  EXPECT_EQ(ours.url, fmt::format("rtspt://127.0.0.1:{}/s/7QK2M0Z5XH3B", config.rtsp_port));
   EXPECT_EQ(ours.reason, "");
   const auto other = host.Resolve("https://example.com/watch?v=1");
   EXPECT_EQ(other.status, daemon::ResolveStatus::kNotOurs);
@@ -97,11 +114,11 @@ TEST(DaemonHostResolve, AShareLinkGetsAWatchAndAnOwnShareIsServedFromItsOwnStrea
   EXPECT_EQ(watched->label(), "watching WATCHED12345");
 
   auto own = std::make_shared<daemon::MediaStream>("sharing screen", 30, 6000);
-  host.registry().Publish("OWNSHARE1234", own);
-  ASSERT_EQ(host.Resolve("https://mirell.example/s/OWNSHARE1234").status,
+  host.registry().Publish("MYSHARE12345", own);
+  ASSERT_EQ(host.Resolve("https://mirell.example/s/MYSHARE12345").status,
             daemon::ResolveStatus::kResolved);
   EXPECT_EQ(host.viewing().WatchCount(), 1u);
-  EXPECT_EQ(host.registry().Find("OWNSHARE1234"), own);
+  EXPECT_EQ(host.registry().Find("MYSHARE12345"), own);
 
   // The poll drops a watch that has ended, and its stream with it.
   host.viewing().Drop("WATCHED12345");
@@ -109,7 +126,7 @@ TEST(DaemonHostResolve, AShareLinkGetsAWatchAndAnOwnShareIsServedFromItsOwnStrea
   EXPECT_EQ(host.viewing().WatchCount(), 0u);
   EXPECT_EQ(host.registry().Find("WATCHED12345"), nullptr);
   host.Stop();
-  EXPECT_EQ(host.registry().Find("OWNSHARE1234"), own) << "not the viewing side's to withdraw";
+  EXPECT_EQ(host.registry().Find("MYSHARE12345"), own) << "not the viewing side's to withdraw";
 }
 
 TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {
@@ -128,8 +145,8 @@ TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {
   ASSERT_FALSE(endpoint.empty());
   const auto port = testsupport::EndpointPort(endpoint);
   EXPECT_EQ(host.rtsp_port(), config.rtsp_port);
-  EXPECT_EQ(testsupport::ExchangeOnce(port, "RESOLVE https://mirell.example/s/tok\n"),
-            "OK rtspt://127.0.0.1:" + std::to_string(config.rtsp_port) + "/s/tok\n");
+  EXPECT_EQ(testsupport::ExchangeOnce(port, "RESOLVE https://mirell.example/s/7QK2M0Z5XH3B\n"),
+            "OK rtspt://127.0.0.1:" + std::to_string(config.rtsp_port) + "/s/7QK2M0Z5XH3B\n");
   host.Stop();
   host.Stop();
   EXPECT_EQ(host.resolve_endpoint(), "");

@@ -20,6 +20,9 @@ constexpr std::size_t kLoggedUnknownBytes = 32;
 }  // namespace
 
 std::optional<std::string> ParseResolveRequest(std::string_view line) {
+  // A client that ends its line the network way (CRLF) means the same URL; a CR kept in it would
+  // end up in a share link's token.
+  if (line.ends_with('\r')) line.remove_suffix(1);
   if (!line.starts_with(kVerb)) return std::nullopt;
   return std::string(line.substr(kVerb.size()));
 }

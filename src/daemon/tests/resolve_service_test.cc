@@ -117,11 +117,13 @@ TEST_F(ResolveServiceTest, LowerCaseVerbIsUnknown) {
   EXPECT_TRUE(urls().empty());
 }
 
-TEST_F(ResolveServiceTest, CarriageReturnStaysInTheUrl) {
+TEST_F(ResolveServiceTest, ALineEndedByCrLfMeansTheSameUrl) {
   StartPassing();
-  EXPECT_EQ(ExchangeOnce(port_, "RESOLVE https://example.com\r\n"), "PASS\n");
+  EXPECT_EQ(ExchangeOnce(port_, "RESOLVE https://example.com/s/ABCDEFGHJKMN\r\n"), "PASS\n");
   ASSERT_EQ(urls().size(), 1u);
-  EXPECT_EQ(urls()[0], "https://example.com\r");
+  EXPECT_EQ(urls()[0], "https://example.com/s/ABCDEFGHJKMN");
+  // Only the one CR before the newline goes; one inside the URL stays (and makes it no link).
+  EXPECT_EQ(ParseResolveRequest("RESOLVE a\rb\r"), "a\rb");
 }
 
 TEST_F(ResolveServiceTest, TwoLinesInOneWriteResolveOnlyTheFirst) {

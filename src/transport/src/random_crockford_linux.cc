@@ -6,14 +6,10 @@
 #include <vector>
 
 #include "mirell/base/error.h"
+#include "mirell/transport/share_token.h"
 #include "mirell/transport/signal_client.h"
 
 namespace mirell::transport {
-namespace {
-
-constexpr std::string_view kAlphabet = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
-
-}  // namespace
 
 std::string RandomCrockford(std::size_t length) {
   std::vector<unsigned char> bytes(length);
@@ -25,10 +21,12 @@ std::string RandomCrockford(std::size_t length) {
     if (got > 0) filled += static_cast<std::size_t>(got);
   }
   std::string text(length, '0');
-  for (std::size_t i = 0; i < length; ++i) text[i] = kAlphabet[bytes[i] & 31];
+  for (std::size_t i = 0; i < length; ++i) text[i] = kTokenAlphabet[bytes[i] & 31];
   return text;
 }
 
-ShareCredentials GenerateShareCredentials() { return {RandomCrockford(12), RandomCrockford(32)}; }
+ShareCredentials GenerateShareCredentials() {
+  return {RandomCrockford(kTokenLength), RandomCrockford(kSecretLength)};
+}
 
 }  // namespace mirell::transport

@@ -48,7 +48,8 @@ inline constexpr std::chrono::milliseconds kRequestReadLimit{2000};
 inline constexpr std::size_t kRequestLimit = 4096;
 
 // One request line as it arrived (without its newline), read as the protocol says: the URL
-// behind "RESOLVE ", or nullopt when the line begins with anything else.
+// behind "RESOLVE " (a CR before the newline is not part of it), or nullopt when the line begins
+// with anything else.
 std::optional<std::string> ParseResolveRequest(std::string_view line);
 
 class ResolveService {
