@@ -234,7 +234,9 @@ void RtspConnection::Play(const RtspRequest& request) {
     Respond("404 Not Found", request.cseq);
     return;
   }
-  StartDelivery();
+  // A PLAY while playing (some players send one to resume) is answered but changes nothing: a
+  // second subscription would outlive the connection's own and keep the stream busy for ever.
+  if (!playing_) StartDelivery();
   const std::string path = RequestPath(request.uri);
   std::string rtp_info = fmt::format("RTP-Info: url=rtsp://{}:{}{}/trackID=0;seq={};rtptime={}",
                                      kLoopback, context_.port, path, h264_.next_sequence(), rtp_base_);

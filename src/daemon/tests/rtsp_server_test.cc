@@ -16,6 +16,7 @@
 #include "mirell/base/logging.h"
 #include "mirell/daemon/stream_path.h"
 #include "mirell/daemon/stream_registry.h"
+#include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "rtsp_sdp.h"
 #include "rtsp_test_client.h"
@@ -26,6 +27,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::RtspResponse;
 using testing::RtspTestClient;
+using testsupport::Eventually;
 
 const std::vector<std::uint8_t> kSequenceHeader = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E, 0xD9,
                                                    0, 0, 0, 1, 0x68, 0xCE, 0x3C, 0x80};
@@ -511,6 +513,19 @@ TEST_F(RtspServerTest, ClientLeavingUnsubscribes) {
   }
   EXPECT_TRUE(WaitForLog("client=1 disconnected"));
   EXPECT_EQ(stream_->frames().SubscriberCount(), 0u);
+}
+
+TEST_F(RtspServerTest, ASecondPlayKeepsOneSubscriptionAndLeavingEndsIt) {
+  {
+    RtspTestClient client(server_.port());
+    ASSERT_EQ(StartPlayingBothTracks(client).status, 200);
+    EXPECT_EQ(client.Request("PLAY", uri_, 5).status, 200);
+    EXPECT_EQ(stream_->frames().SubscriberCount(), 1u);
+    EXPECT_EQ(stream_->audio().SubscriberCount(), 1u);
+  }
+  EXPECT_TRUE(Eventually([&] {
+    return stream_->frames().SubscriberCount() == 0 && stream_->audio().SubscriberCount() == 0;
+  }));
 }
 
 TEST_F(RtspServerTest, StalledReaderDoesNotSlowAnotherAndCountsDrops) {
