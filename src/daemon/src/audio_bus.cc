@@ -111,6 +111,8 @@ void AudioBus::Close() {
   for (const auto& reader : readers) reader->Close();
 }
 
+void AudioBus::EndReaders() { detail::CloseSubscribers(mutex_, subscribers_); }
+
 std::size_t AudioBus::SubscriberCount() const {
   std::lock_guard lock(mutex_);
   return subscribers_.size();

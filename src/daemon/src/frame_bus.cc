@@ -179,6 +179,8 @@ void FrameBus::Close() {
   for (const auto& reader : readers) reader->Close();
 }
 
+void FrameBus::EndReaders() { detail::CloseSubscribers(mutex_, subscribers_); }
+
 std::size_t FrameBus::SubscriberCount() const {
   std::lock_guard lock(mutex_);
   return subscribers_.size();

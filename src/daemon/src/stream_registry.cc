@@ -25,6 +25,22 @@ void StreamRegistry::Withdraw(const std::string& token) {
   stream->audio().Close();
 }
 
+void StreamRegistry::Move(const std::string& from, const std::string& to) {
+  std::shared_ptr<MediaStream> stream;
+  {
+    std::lock_guard lock(mutex_);
+    const auto it = streams_.find(from);
+    if (it == streams_.end()) return;
+    stream = std::move(it->second);
+    streams_.erase(it);
+    streams_[to] = stream;
+  }
+  if (!stream) return;
+  LOG_INFO("move label={} token={}", stream->label(), to);
+  stream->frames().EndReaders();
+  stream->audio().EndReaders();
+}
+
 std::shared_ptr<MediaStream> StreamRegistry::Find(const std::string& token) const {
   std::lock_guard lock(mutex_);
   const auto it = streams_.find(token);

@@ -60,6 +60,46 @@ TEST_F(StreamRegistryTest, RepublishKeepsTheOldStreamAliveForItsHolders) {
   EXPECT_EQ(registry_.Size(), 1u);
 }
 
+TEST_F(StreamRegistryTest, MoveEndsTheOldReadersAndTheStreamPlaysOnUnderTheNewToken) {
+  auto stream = std::make_shared<MediaStream>("moving", 30, 1);
+  stream->frames().SetHistory(30);
+  stream->audio().SetHistory(30);
+  registry_.Publish("OLD", stream);
+  stream->frames().Publish(testing::Frame(0, true));
+  auto old_video = stream->frames().Subscribe(8, 0);
+  auto old_audio = stream->audio().Subscribe(8, -1);
+
+  registry_.Move("OLD", "NEW");
+  EXPECT_EQ(registry_.Find("OLD"), nullptr);
+  EXPECT_EQ(registry_.Find("NEW"), stream);
+  EXPECT_EQ(registry_.Tokens(), std::vector<std::string>{"NEW"});
+  EXPECT_TRUE(old_video->Closed());
+  EXPECT_TRUE(old_audio->Closed());
+  EXPECT_EQ(stream->frames().SubscriberCount(), 0u);
+  EXPECT_EQ(stream->audio().SubscriberCount(), 0u);
+
+  // A reader of the new token is primed from the history that was kept and gets what follows.
+  auto video = registry_.Find("NEW")->frames().Subscribe(8, 1);
+  auto audio = registry_.Find("NEW")->audio().Subscribe(8, -1);
+  EXPECT_FALSE(video->Closed());
+  EXPECT_EQ(video->FrontTimestamp(), 0);
+  stream->frames().Publish(testing::Frame(333333, false));
+  stream->audio().Publish(testing::Unit(1000));
+  EXPECT_NE(video->Pop(0), nullptr);
+  const auto next = video->Pop(0);
+  ASSERT_NE(next, nullptr);
+  EXPECT_EQ(next->pts_100ns, 333333);
+  const auto unit = audio->TryPop();
+  ASSERT_NE(unit, nullptr);
+  EXPECT_EQ(unit->pts_100ns, 1000);
+}
+
+TEST_F(StreamRegistryTest, MoveOfAnUnknownTokenDoesNothing) {
+  registry_.Publish("A", std::make_shared<MediaStream>("a", 30, 1));
+  registry_.Move("nobody", "B");
+  EXPECT_EQ(registry_.Tokens(), std::vector<std::string>{"A"});
+}
+
 TEST_F(StreamRegistryTest, TokensAreSorted) {
   registry_.Publish("b", std::make_shared<MediaStream>("b", 30, 1));
   registry_.Publish("a", std::make_shared<MediaStream>("a", 30, 1));

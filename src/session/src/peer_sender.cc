@@ -23,17 +23,27 @@ PeerSender::PeerSender(transport::PeerLink* link, daemon::FrameBus* frames,
 
 PeerSender::~PeerSender() { Stop(); }
 
-void PeerSender::Start() {
-  if (running_.exchange(true)) return;
+bool PeerSender::Start() {
+  // Start comes from a link's thread (the link connected) and Stop from the interface thread:
+  // under one lock, a Stop can never find the thread half made, nor a late Start revive it.
+  std::lock_guard lock(lifecycle_mutex_);
+  if (stopped_ || thread_.joinable()) return false;
+  running_.store(true);
   thread_ = std::thread([this] {
     NameThisThread("peer-sender");
     Run();
+    finished_.store(true);
   });
+  return true;
 }
 
 void PeerSender::Stop() {
-  if (!running_.exchange(false)) return;
-  if (thread_.joinable()) thread_.join();
+  std::lock_guard lock(lifecycle_mutex_);
+  if (stopped_) return;
+  stopped_ = true;
+  running_.store(false);
+  if (!thread_.joinable()) return;
+  thread_.join();
   LOG_INFO("frames={} au={} bytes={:.1f}MiB", frames_sent_.load(), units_sent_.load(),
            static_cast<double>(bytes_sent_.load()) / 1048576.0);
 }
@@ -56,7 +66,11 @@ void PeerSender::Run() {
   while (running_.load()) {
     if (base >= 0 && audio) SendAudio(*audio, base);
     encode::EncodedFramePtr frame = video->Pop(kVideoWaitMs);
-    if (!frame) continue;
+    if (!frame) {
+      // A closed subscription returns at once: waiting on it would spin a core.
+      if (video->Closed()) break;
+      continue;
+    }
     if (base < 0) base = frame->pts_100ns;
     SendVideo(frame, base);
   }

@@ -53,6 +53,10 @@ void ShareSession::SetKeyframeHandler(std::function<void()> handler) {
 
 void ShareSession::SetPendingHandler(PendingHandler handler) { on_pending_ = std::move(handler); }
 
+void ShareSession::SetPendingGoneHandler(std::function<void(const std::string&)> handler) {
+  on_pending_gone_ = std::move(handler);
+}
+
 void ShareSession::SetAllowlist(std::map<std::string, std::string> allowlist) {
   std::lock_guard lock(mutex_);
   allowlist_ = std::move(allowlist);
@@ -138,10 +142,24 @@ std::unique_ptr<transport::PeerLink> ShareSession::TakePrepared(const std::strin
 }
 
 void ShareSession::OnDeparture(const std::string& id) {
-  // Someone waiting in pending_ stays listed until the user decides.
-  std::lock_guard lock(mutex_);
-  const auto found = peers_.find(id);
-  if (found != peers_.end()) found->second->gone = true;
+  bool was_waiting = false;
+  std::unique_ptr<transport::PeerLink> prepared;
+  {
+    std::lock_guard lock(mutex_);
+    const auto found = peers_.find(id);
+    if (found != peers_.end()) found->second->gone = true;
+    // Someone who waited and left is no longer asked about, and the link gathered for them goes.
+    was_waiting = pending_.erase(id) > 0;
+    const auto ready = prepared_.find(id);
+    if (ready != prepared_.end()) {
+      prepared = std::move(ready->second.link);
+      prepared_.erase(ready);
+    }
+  }
+  if (prepared) prepared->Close();
+  if (!was_waiting) return;
+  LOG_INFO("peer={} left while waiting", id);
+  if (on_pending_gone_) on_pending_gone_(id);
 }
 
 void ShareSession::OnAnswer(const std::string& id, const std::string& sdp) {

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <utility>
@@ -25,6 +26,7 @@ namespace mirell::session {
 namespace {
 
 constexpr std::int64_t kNanosecondsPerMinute = 60'000'000'000;
+constexpr std::int64_t kLongestShareMinutes = 24 * 60;
 constexpr std::uint32_t kGopSeconds = 2;
 constexpr std::uint32_t kAudioRate = 48000;
 constexpr std::uint32_t kAudioChannels = 2;
@@ -225,6 +227,14 @@ void Sharing::StartPeering(State& state) {
         }
         if (handler) handler(connection_id, identity);
       });
+  state.session->SetPendingGoneHandler([this](const std::string& connection_id) {
+    std::function<void(const std::string&)> handler;
+    {
+      std::lock_guard lock(handler_mutex_);
+      handler = on_viewer_pending_gone_;
+    }
+    if (handler) handler(connection_id);
+  });
   encode::H264Encoder* encoder = state.encoder.get();
   state.session->SetKeyframeHandler([encoder] { encoder->RequestKeyframe(); });
   state.session->Start();
@@ -280,15 +290,14 @@ void Sharing::Revoke() {
     state_->token = credentials.token;
     state_->secret = credentials.secret;
   }
-  // Withdrawing closes the stream's buses for good: the same stream published again below stays
-  // closed, so new viewers and local players see nothing until the next Start.
-  registry_.Withdraw(old_token);
+  // The stream goes on under the new token: its readers of the old link (local players and this
+  // session's senders) end, and new ones play from the same encoders.
+  registry_.Move(old_token, credentials.token);
   if (old_session) old_session->Stop();
   if (old_signal) old_signal->Stop();
   {
     std::lock_guard lock(mutex_);
     if (state_ && state_->token == credentials.token) {
-      registry_.Publish(state_->token, state_->stream);
       StartPeering(*state_);
       LOG_INFO("token={} revoked -> {}", old_token, state_->token);
     }
@@ -315,7 +324,12 @@ void Sharing::Stop() {
 void Sharing::Extend(std::int32_t minutes) {
   std::lock_guard lock(mutex_);
   if (!state_ || state_->expires_at == 0) return;
-  state_->expires_at = SteadyNowNs() + std::int64_t{minutes} * kNanosecondsPerMinute;
+  // Added to what is left (it was once "now + minutes", which shortened a long share), and never
+  // beyond the longest a share may last.
+  const std::int64_t now = SteadyNowNs();
+  const std::int64_t left = std::max<std::int64_t>(state_->expires_at - now, 0);
+  const std::int64_t wanted = left + std::int64_t{minutes} * kNanosecondsPerMinute;
+  state_->expires_at = now + std::min(wanted, kLongestShareMinutes * kNanosecondsPerMinute);
   LOG_INFO("extended by {} minutes", minutes);
 }
 
@@ -340,6 +354,11 @@ void Sharing::Poll() {
 void Sharing::OnViewerPending(PendingHandler handler) {
   std::lock_guard lock(handler_mutex_);
   on_viewer_pending_ = std::move(handler);
+}
+
+void Sharing::OnViewerPendingGone(std::function<void(const std::string&)> handler) {
+  std::lock_guard lock(handler_mutex_);
+  on_viewer_pending_gone_ = std::move(handler);
 }
 
 void Sharing::SetAllowlist(std::map<std::string, std::string> allowlist) {

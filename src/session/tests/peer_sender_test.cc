@@ -196,13 +196,56 @@ TEST_F(PeerSenderTest, RefusalsAreLoggedAtOneThirtyAndEveryThreeHundred) {
   EXPECT_NE(log.find("refused=600"), std::string::npos);
 }
 
-TEST_F(PeerSenderTest, StopWithoutStartAndTwiceIsHarmless) {
+TEST_F(PeerSenderTest, StopTwiceIsHarmlessAndLogsTheTotalsOnce) {
   PeerSender sender(&link_, &frames_, &audio_, 48000);
-  sender.Stop();
   StartAndWait(sender);
   sender.Stop();
   sender.Stop();
   EXPECT_EQ(Log().find("frames=0 au=0"), Log().rfind("frames=0 au=0"));
+  EXPECT_EQ(frames_.SubscriberCount(), 0u);
+}
+
+// A link may report "connected" (and start the sender) after the viewer was already dropped.
+TEST_F(PeerSenderTest, AStartAfterStopStartsNothing) {
+  PeerSender sender(&link_, &frames_, &audio_, 48000);
+  sender.Stop();
+  EXPECT_FALSE(sender.Start());
+  EXPECT_FALSE(sender.finished());
+  EXPECT_EQ(frames_.SubscriberCount(), 0u);
+}
+
+// Start on a link's thread racing Stop on the interface thread, then the destructor: a thread
+// left joinable there would end the process.
+TEST_F(PeerSenderTest, StartRacingStopNeverLeavesAThreadBehind) {
+  for (int round = 0; round < 200; ++round) {
+    PeerSender sender(&link_, &frames_, &audio_, 48000);
+    std::thread starter([&] { sender.Start(); });
+    sender.Stop();
+    starter.join();
+  }
+  EXPECT_EQ(frames_.SubscriberCount(), 0u);
+}
+
+// After a revoke or the end of a share, a sender's subscription is closed: Pop returns at once,
+// and a loop that went on waiting on it spun a core.
+TEST_F(PeerSenderTest, ASenderWhoseReadersWereEndedFinishesByItself) {
+  PeerSender sender(&link_, &frames_, &audio_, 48000);
+  StartAndWait(sender);
+  frames_.Publish(Frame(kBase, true));
+  ASSERT_TRUE(Eventually([&] { return sender.frames_sent() == 1; }));
+  frames_.EndReaders();
+  audio_.EndReaders();
+  EXPECT_TRUE(Eventually([&] { return sender.finished(); }));
+  sender.Stop();
+  EXPECT_EQ(sender.frames_sent(), 1u);
+}
+
+TEST_F(PeerSenderTest, ASenderStartedOnAClosedStreamFinishesAtOnce) {
+  frames_.Close();
+  audio_.Close();
+  PeerSender sender(&link_, &frames_, &audio_, 48000);
+  EXPECT_TRUE(sender.Start());
+  EXPECT_TRUE(Eventually([&] { return sender.finished(); }));
 }
 
 }  // namespace

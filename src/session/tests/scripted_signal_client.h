@@ -28,6 +28,7 @@ class ScriptedSignalClient : public transport::SignalClient {
   void OnPeer(std::function<void(const std::string&, const transport::PeerIdentity&)> handler)
       override {
     on_peer_ = std::move(handler);
+    ++peer_handler_sets_;
   }
   void OnPeerGone(std::function<void(const std::string&)> handler) override {
     on_peer_gone_ = std::move(handler);
@@ -62,6 +63,8 @@ class ScriptedSignalClient : public transport::SignalClient {
     if (on_answer_) on_answer_(peer, sdp);
   }
   bool has_peer_handlers() const { return on_peer_ && on_peer_gone_ && on_answer_; }
+  // How many times a viewer arrival handler was handed over.
+  int peer_handler_sets() const { return peer_handler_sets_; }
 
   std::vector<Sent> sent() const {
     std::lock_guard lock(mutex_);
@@ -86,6 +89,7 @@ class ScriptedSignalClient : public transport::SignalClient {
   std::function<void(const std::string&)> on_refused_;
   std::function<void(const std::string&, const transport::PeerIdentity&)> on_peer_;
   std::function<void(const std::string&)> on_peer_gone_;
+  int peer_handler_sets_ = 0;
   std::function<void(const std::string&, const std::string&)> on_answer_;
   std::function<void(const transport::StreamMedia&)> on_media_;
   std::function<void(const std::string&)> on_offer_;

@@ -68,8 +68,9 @@ TEST_F(ShareSessionTest, StartTakesTheViewerHandlersOnce) {
   EXPECT_FALSE(signal_.has_peer_handlers());
   session_.Start();
   EXPECT_TRUE(signal_.has_peer_handlers());
+  EXPECT_EQ(signal_.peer_handler_sets(), 1);
   session_.Start();
-  EXPECT_TRUE(signal_.has_peer_handlers());
+  EXPECT_EQ(signal_.peer_handler_sets(), 1) << "a second Start hands nothing over again";
 }
 
 TEST_F(ShareSessionTest, WithoutAdmissionEveryoneIsLetInUnlisted) {
@@ -257,12 +258,24 @@ TEST_F(ShareSessionTest, ASecondArrivalWhileWaitingReplacesTheIdentityAndAsksAga
   EXPECT_EQ(Asked().size(), 2u);
 }
 
-TEST_F(ShareSessionTest, ADepartureLeavesSomeoneWhoWaitsListed) {
+TEST_F(ShareSessionTest, SomeoneWhoLeavesWhileWaitingIsNoLongerAskedAbout) {
+  std::vector<std::string> gone;
+  session_.SetPendingGoneHandler([&gone](const std::string& id) { gone.push_back(id); });
   session_.Start();
   signal_.Peer("c1", {"usr_x", "X"});
+  signal_.Peer("c2", {"usr_y", "Y"});
   signal_.PeerGone("c1");
-  session_.Sweep();
-  EXPECT_EQ(session_.PendingViewers().size(), 1u);
+  const auto pending = session_.PendingViewers();
+  ASSERT_EQ(pending.size(), 1u);
+  EXPECT_EQ(pending[0].connection_id, "c2");
+  EXPECT_EQ(gone, std::vector<std::string>{"c1"});
+  // Approving them afterwards (a box answered late) lets nobody in.
+  session_.Approve("c1");
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  EXPECT_EQ(signal_.CountSent("offer"), 0u);
+  // An admitted viewer's departure is no waiting viewer's.
+  signal_.PeerGone("c9");
+  EXPECT_EQ(gone.size(), 1u);
 }
 
 TEST_F(ShareSessionTest, ADepartedViewerIsRemovedByTheNextSweepOnly) {

@@ -56,6 +56,8 @@ class AudioBus {
   void SetHistory(std::uint64_t limit);
   // Closes every subscriber and, unlike the video bus, clears the history.
   void Close();
+  // Closes every present subscriber but stays open, history kept (as the video bus's).
+  void EndReaders();
   std::size_t SubscriberCount() const;
   // Frames held for priming; for statistics and tests.
   std::size_t HistorySize() const;

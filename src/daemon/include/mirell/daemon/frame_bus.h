@@ -75,6 +75,9 @@ class FrameBus {
   void SetHistory(std::uint64_t limit);
   // Closes every subscriber; the history stays and goes away with the bus.
   void Close();
+  // Closes every present subscriber but stays open: later readers subscribe as usual. For a
+  // stream that goes on under a new name while the readers of the old one must end.
+  void EndReaders();
   std::size_t SubscriberCount() const;
   // Frames held for priming; for statistics and tests.
   std::size_t HistorySize() const;

@@ -19,6 +19,10 @@ class StreamRegistry {
   // Takes the stream out and closes its buses (video first), ending every reader. An unknown
   // token does nothing and logs nothing.
   void Withdraw(const std::string& token);
+  // Moves the stream from one token to another and ends every reader it had (as Withdraw does)
+  // while its buses stay open: readers under the new token play on. An unknown `from` does
+  // nothing; a stream already under `to` is replaced but not closed.
+  void Move(const std::string& from, const std::string& to);
   // The stream or null.
   std::shared_ptr<MediaStream> Find(const std::string& token) const;
   std::size_t Size() const;

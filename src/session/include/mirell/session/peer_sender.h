@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -30,9 +31,13 @@ class PeerSender {
   PeerSender(const PeerSender&) = delete;
   PeerSender& operator=(const PeerSender&) = delete;
 
-  void Start();
-  // Joins the thread and logs the totals; a second call does nothing. Not from the thread itself.
+  // Starts the thread and says so; nothing once started or stopped. Any thread, also racing Stop.
+  bool Start();
+  // Joins the thread and logs the totals; a second call does nothing, and a Start after it
+  // starts nothing. Any thread but the sender's own.
   void Stop();
+  // The thread has ended by itself: the share's stream was closed or its readers ended.
+  bool finished() const { return finished_.load(); }
 
   std::uint64_t frames_sent() const { return frames_sent_.load(); }
   std::uint64_t units_sent() const { return units_sent_.load(); }
@@ -54,7 +59,10 @@ class PeerSender {
   unsigned audio_clock_;
   media::H264RtpPacketizer video_packetizer_;
   media::AacRtpPacketizer audio_packetizer_;
+  std::mutex lifecycle_mutex_;  // Start and Stop.
+  bool stopped_ = false;       // Under lifecycle_mutex_.
   std::atomic<bool> running_{false};
+  std::atomic<bool> finished_{false};
   std::atomic<std::uint64_t> frames_sent_{0};
   std::atomic<std::uint64_t> units_sent_{0};
   std::atomic<std::uint64_t> bytes_sent_{0};

@@ -64,6 +64,8 @@ class ShareSession {
   // user about a viewer, on the signal client's thread, and must only copy and post.
   void SetKeyframeHandler(std::function<void()> handler);
   void SetPendingHandler(PendingHandler handler);
+  // A viewer who was waiting left before the user decided; same thread and rule as above.
+  void SetPendingGoneHandler(std::function<void(const std::string& connection_id)> handler);
   // User id to name. Applies to viewers who arrive later; those already waiting stay waiting.
   void SetAllowlist(std::map<std::string, std::string> allowlist);
   // False lets every viewer in. Before Start.
@@ -128,6 +130,7 @@ class ShareSession {
   std::map<std::string, std::string> allowlist_;
   bool admission_required_ = true;
   PendingHandler on_pending_;
+  std::function<void(const std::string&)> on_pending_gone_;
   std::atomic<bool> running_{false};
   std::atomic<std::uint64_t> admitted_{0};
   std::atomic<std::uint64_t> departed_{0};

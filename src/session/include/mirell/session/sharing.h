@@ -93,20 +93,21 @@ class Sharing {
   // Swaps what a running share captures: same token, stream, encoder and viewers, frame times
   // going on where they were. Throws on failure, and the old source goes on. No share: nothing.
   void Retarget(const ShareTarget& target);
-  // New token and secret for the running share; every viewer of the old link is dropped. The
-  // stream is the same, already closed, object: the share shows nothing new until the next
-  // Start.
+  // New token and secret for the running share; every viewer and player of the old link is
+  // dropped, and the same stream plays on under the new link.
   void Revoke();
   // Ends the share; nothing when none runs.
   void Stop();
-  // Moves the time limit to now + `minutes` (not added to what was left); a share without a
-  // limit keeps none.
+  // Adds `minutes` to the time that is left, up to 24 hours from now; a share without a limit
+  // keeps none.
   void Extend(std::int32_t minutes);
   // The heartbeat: ends a share whose time is up, and sweeps the door.
   void Poll();
 
   // Read at each call, so that it applies to a running share too.
   void OnViewerPending(PendingHandler handler);
+  // A waiting viewer left before the user decided (on the signal client's thread; copy and post).
+  void OnViewerPendingGone(std::function<void(const std::string& connection_id)> handler);
   // Also handed to the running share's door.
   void SetAllowlist(std::map<std::string, std::string> allowlist);
   // For the next share; a running one keeps what it has.
@@ -154,6 +155,7 @@ class Sharing {
   // mutex_ (held through a whole Retarget).
   std::mutex handler_mutex_;
   PendingHandler on_viewer_pending_;
+  std::function<void(const std::string&)> on_viewer_pending_gone_;
   mutable std::mutex mutex_;
   std::unique_ptr<State> state_;
 };
