@@ -1,8 +1,10 @@
-// "Let them watch?": the box that asks the user about one viewer. Modal, interface thread.
+// "Let them watch?": the box that asks the user about one viewer. Interface thread.
 #pragma once
 
 #include <QString>
+#include <functional>
 
+class QMessageBox;
 class QWidget;
 
 namespace mirell::ui {
@@ -12,8 +14,17 @@ struct AdmissionAnswer {
   bool remember = false;  // Admitted with "Always let ... in" ticked (offered only with a user id).
 };
 
+// Asks and waits for the answer (a modal box with its own event loop).
 AdmissionAnswer AskAdmission(QWidget* parent, const QString& share_label,
                              const QString& connection_id, const QString& user_id,
                              const QString& display_name);
+
+// Shows the same box window-modal and returns at once; `on_answer` runs once when the person
+// answers or closes it, never when the box is destroyed unanswered (the viewer left and the
+// caller deleted it). The box deletes itself once answered.
+QMessageBox* OpenAdmissionPrompt(QWidget* parent, const QString& share_label,
+                                 const QString& connection_id, const QString& user_id,
+                                 const QString& display_name,
+                                 std::function<void(AdmissionAnswer)> on_answer);
 
 }  // namespace mirell::ui

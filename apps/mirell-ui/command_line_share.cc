@@ -57,6 +57,8 @@ void LogPendingViewers(DaemonHost& host) {
              identity.identity.empty() ? "nobody" : identity.identity,
              identity.display_name.empty() ? "no name" : identity.display_name);
   });
+  host.OnViewerPendingGone(
+      [](std::string connection_id) { LOG_INFO("viewer {} left while waiting", connection_id); });
 }
 
 void StartCommandLineShare(DaemonHost& host, const ShareOptions& options) {

@@ -154,6 +154,11 @@ void DaemonHost::OnViewerPending(std::function<void(std::string, transport::Peer
       });
 }
 
+void DaemonHost::OnViewerPendingGone(std::function<void(std::string)> callback) {
+  sharing_.OnViewerPendingGone(
+      [callback = std::move(callback)](const std::string& connection_id) { callback(connection_id); });
+}
+
 std::uint16_t DaemonHost::rtsp_port() const { return rtsp_ ? rtsp_->port() : 0; }
 
 std::string DaemonHost::resolve_endpoint() const {

@@ -54,6 +54,8 @@ class DaemonHost {
   // Called on the signal client's thread for a viewer the user must decide about: it must only
   // copy and post.
   void OnViewerPending(std::function<void(std::string, transport::PeerIdentity)> callback);
+  // A waiting viewer left before anyone decided; same thread and rule.
+  void OnViewerPendingGone(std::function<void(std::string)> callback);
 
   // The decision for one URL, as the resolve service gets it: a share link of this deployment
   // makes sure a stream is there for its token (the host's own, or a watch that plays the card

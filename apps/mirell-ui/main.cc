@@ -195,6 +195,10 @@ int main(int argc, char** argv) {
                                 Q_ARG(QString, QString::fromStdString(identity.identity)),
                                 Q_ARG(QString, QString::fromStdString(identity.display_name)));
     });
+    host.OnViewerPendingGone([prompt_target](std::string connection_id) {
+      QMetaObject::invokeMethod(prompt_target, "WithdrawAdmissionPrompt", Qt::QueuedConnection,
+                                Q_ARG(QString, QString::fromStdString(connection_id)));
+    });
   } else {
     QObject::connect(&poll_timer, &QTimer::timeout, [&host] { host.Poll(); });
     poll_timer.start(500);

@@ -377,9 +377,28 @@ void MainWindow::ViewerSelectionChanged() {
 }
 
 void MainWindow::PromptAdmission(QString connection_id, QString user_id, QString display_name) {
+  // A box per person; each runs in this event loop (boxes nested in their own loops stacked up,
+  // and the first could only be answered after the last).
+  WithdrawAdmissionPrompt(connection_id);
+  prompts_[connection_id] = OpenAdmissionPrompt(
+      this, Q(host_->sharing().label()), connection_id, user_id, display_name,
+      [this, connection_id, user_id, display_name](AdmissionAnswer answer) {
+        prompts_.erase(connection_id);
+        Answer(connection_id, user_id, display_name, answer);
+      });
+}
+
+void MainWindow::WithdrawAdmissionPrompt(QString connection_id) {
+  const auto found = prompts_.find(connection_id);
+  if (found == prompts_.end()) return;
+  QPointer<QMessageBox> box = found->second;
+  prompts_.erase(found);
+  delete box.data();  // Deleting is not answering: no decision is sent.
+}
+
+void MainWindow::Answer(const QString& connection_id, const QString& user_id,
+                        const QString& display_name, AdmissionAnswer answer) {
   session::Sharing& sharing = host_->sharing();
-  const AdmissionAnswer answer =
-      AskAdmission(this, Q(sharing.label()), connection_id, user_id, display_name);
   if (!answer.admit) {
     sharing.Deny(connection_id.toStdString());
     Refresh();

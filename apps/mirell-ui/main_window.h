@@ -5,7 +5,9 @@
 #pragma once
 
 #include <QMainWindow>
+#include <QPointer>
 #include <QString>
+#include <map>
 #include <cstdint>
 
 #include "mirell/daemon/vrchat_settings.h"
@@ -13,6 +15,7 @@
 class QCloseEvent;
 class QLabel;
 class QLineEdit;
+class QMessageBox;
 class QPushButton;
 class QSystemTrayIcon;
 class QTableWidget;
@@ -20,6 +23,7 @@ class QTimer;
 
 namespace mirell::ui {
 
+struct AdmissionAnswer;
 class DaemonHost;
 
 class MainWindow : public QMainWindow {
@@ -30,8 +34,12 @@ class MainWindow : public QMainWindow {
   ~MainWindow() override;
 
   // The admission prompt for one viewer; reached as a queued call from a session thread's
-  // callback.
+  // callback. Returns at once: one box per waiting viewer, answered in any order; a viewer who
+  // asks again replaces their box.
   Q_INVOKABLE void PromptAdmission(QString connection_id, QString user_id, QString display_name);
+  // The viewer left while waiting: their box closes unanswered.
+  Q_INVOKABLE void WithdrawAdmissionPrompt(QString connection_id);
+  std::size_t open_prompts() const { return prompts_.size(); }
 
   QSystemTrayIcon* tray() const { return tray_; }
 
@@ -58,6 +66,9 @@ class MainWindow : public QMainWindow {
   void RefreshShare();
   void RefreshIdentity();
   void ShowFromTray();
+  // Carries out the person's answer about one waiting viewer.
+  void Answer(const QString& connection_id, const QString& user_id, const QString& display_name,
+              AdmissionAnswer answer);
 
   DaemonHost* host_;
   QLabel* untrusted_banner_ = nullptr;
@@ -77,6 +88,7 @@ class MainWindow : public QMainWindow {
   QPushButton* network_button_ = nullptr;
   QPushButton* quality_button_ = nullptr;
   QPushButton* allowlist_button_ = nullptr;
+  std::map<QString, QPointer<QMessageBox>> prompts_;  // Open admission boxes by connection id.
   QSystemTrayIcon* tray_ = nullptr;
   QTimer* timer_ = nullptr;
   bool close_hint_shown_ = false;

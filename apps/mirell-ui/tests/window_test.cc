@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QAbstractButton>
+#include <QApplication>
 #include <QAction>
 #include <QMenu>
 #include <QSettings>
@@ -17,6 +18,7 @@
 #include <QPushButton>
 #include <QTableWidget>
 #include <QTimer>
+#include <chrono>
 #include <fstream>
 #include <functional>
 
@@ -193,6 +195,16 @@ class MainWindowTest : public ::testing::Test {
   QByteArray previous_home_;
   DaemonConfig config_;
   std::unique_ptr<DaemonHost> host_;
+
+  // Runs the event loop until every admission box of the window has been answered.
+  static bool AnsweredWithin(const MainWindow& window) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (window.open_prompts() != 0) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      QApplication::processEvents(QEventLoop::AllEvents, 10);
+    }
+    return true;
+  }
 };
 
 TEST_F(MainWindowTest, WithoutAShareOnlyTheShareButtonWorks) {
@@ -425,6 +437,7 @@ TEST_F(MainWindowTest, LettingSomeoneInForGoodStoresThemOnTheList) {
     ButtonNamed(modal, "Let them watch")->click();
   });
   window.PromptAdmission("conn-1", "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413", "Ann");
+  ASSERT_TRUE(AnsweredWithin(window));
   const std::vector<AllowlistEntry> stored = LoadAllowlist();
   ASSERT_EQ(stored.size(), 1u);
   EXPECT_EQ(stored[0].user_id, "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413");
@@ -435,8 +448,47 @@ TEST_F(MainWindowTest, LettingSomeoneInForGoodStoresThemOnTheList) {
     ButtonNamed(modal, "No")->click();
   });
   window.PromptAdmission("conn-2", "usr_0a1b2c3d-4e5f-6789-abcd-ef0123456789", "Bob");
+  ASSERT_TRUE(AnsweredWithin(window));
   EXPECT_EQ(LoadAllowlist().size(), 1u) << "someone turned away is not remembered";
   SaveAllowlist({});
+}
+
+// Each waiting viewer has one box; asking again replaces it, and leaving closes it unanswered.
+TEST_F(MainWindowTest, OneBoxPerWaitingViewerClosedWhenTheyLeave) {
+  MainWindow window(host_.get());
+  window.show();
+  SaveAllowlist({});
+  window.PromptAdmission("conn-1", "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413", "Ann");
+  window.PromptAdmission("conn-2", "", "");
+  window.PromptAdmission("conn-1", "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413", "Ann");
+  QApplication::processEvents();
+  EXPECT_EQ(window.open_prompts(), 2u);
+  const auto visible_boxes = [] {
+    int count = 0;
+    for (QWidget* widget : QApplication::topLevelWidgets()) {
+      if (qobject_cast<QMessageBox*>(widget) != nullptr && widget->isVisible()) ++count;
+    }
+    return count;
+  };
+  EXPECT_EQ(visible_boxes(), 2);
+  for (QWidget* widget : QApplication::topLevelWidgets()) {
+    if (qobject_cast<QMessageBox*>(widget) != nullptr && widget->isVisible()) {
+      SaveScreenshot(*widget, "admission_prompt_window_modal");
+      break;
+    }
+  }
+
+  window.WithdrawAdmissionPrompt("conn-1");
+  window.WithdrawAdmissionPrompt("conn-9");  // Never asked about: nothing.
+  QApplication::processEvents();
+  EXPECT_EQ(window.open_prompts(), 1u);
+  EXPECT_EQ(visible_boxes(), 1);
+  EXPECT_TRUE(LoadAllowlist().empty()) << "a box closed because they left decides nothing";
+
+  window.WithdrawAdmissionPrompt("conn-2");
+  QApplication::processEvents();
+  EXPECT_EQ(window.open_prompts(), 0u);
+  EXPECT_EQ(visible_boxes(), 0);
 }
 
 TEST_F(MainWindowTest, NetworkSavesTheChoiceAndHandsItsServersToTheHost) {
