@@ -26,9 +26,9 @@ std::size_t Count(std::string_view option, std::string_view text) {
 
 constexpr std::string_view kValueOptions[] = {
     "--listen",         "--tls-cert",          "--tls-key",
-    "--latest-version", "--latest-url",        "--max-connections",
+    "--latest-version", "--latest-url",        "--max-connections", "--max-connections-per-address",
     "--max-message-bytes", "--max-viewers-per-token", "--max-tokens-per-connection",
-    "--messages-per-second", "--idle-seconds", "--grace-seconds"};
+    "--messages-per-second", "--idle-seconds", "--grace-seconds", "--max-tokens", "--reserve-hours"};
 
 bool IsValueOption(std::string_view option) {
   for (const std::string_view known : kValueOptions) {
@@ -78,6 +78,8 @@ ServerOptions ParseServerOptions(std::span<const char* const> arguments) {
       latest_url = value;
     } else if (option == "--max-connections") {
       config.max_connections = Count(option, value);
+    } else if (option == "--max-connections-per-address") {
+      config.max_connections_per_address = Count(option, value);
     } else if (option == "--max-message-bytes") {
       config.max_message_bytes = Count(option, value);
     } else if (option == "--max-viewers-per-token") {
@@ -92,6 +94,10 @@ ServerOptions ParseServerOptions(std::span<const char* const> arguments) {
       config.hub.register_within = config.idle;
     } else if (option == "--grace-seconds") {
       config.hub.grace = std::chrono::seconds(Count(option, value));
+    } else if (option == "--max-tokens") {
+      config.hub.max_tokens = Count(option, value);
+    } else if (option == "--reserve-hours") {
+      config.hub.reserve = std::chrono::hours(Count(option, value));
     } else {
       Require(false, "unknown option '{}' (see --help)", option);
     }
@@ -115,6 +121,9 @@ Usage: mirell-signal [options]
   --latest-version V --latest-url URL
                                what GET /latest answers (404 without them)
   --max-connections N          open connections at most (default 4096)
+  --max-connections-per-address N
+                               open connections from one address at most (default 64);
+                               connections from this machine (a reverse proxy) are not counted
   --max-message-bytes N        largest WebSocket message (default 65536)
   --max-viewers-per-token N    viewers of one share at most (default 64)
   --max-tokens-per-connection N
@@ -123,6 +132,10 @@ Usage: mirell-signal [options]
   --idle-seconds N             a connection that has not registered, or a silent one that
                                does not answer a ping, is ended after N s (default 10 / 60)
   --grace-seconds N            how long viewers wait for a host that went away (default 30)
+  --reserve-hours N            how long a share's link stays its host's while the host is
+                               away, unless the host ends the share (default 24)
+  --max-tokens N               shares held at once, live or kept for a host that is away
+                               (default 65536); a new one beyond is refused "server full"
   --help                       this text
 
 Paths: GET /signal (WebSocket), GET /s/<token> (a page for a person without Mirell),

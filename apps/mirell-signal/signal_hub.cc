@@ -6,6 +6,7 @@
 
 #include "mirell/base/logging.h"
 #include "mirell/transport/signal_client.h"
+#include "secret_digest.h"
 
 namespace mirell::signal {
 namespace {
@@ -94,6 +95,7 @@ void SignalHub::Received(ConnectionId id, std::string_view text, Clock::time_poi
     if (connection.role == Role::kNone) return Refuse(id, "register first");
     if (type == "offer" && connection.role == Role::kHost) return Offer(id, connection, std::string(text));
     if (type == "deny" && connection.role == Role::kHost) return Deny(id, connection, std::string(text));
+    if (type == "end" && connection.role == Role::kHost) return End(id, connection, std::string(text));
     if (type == "answer" && connection.role == Role::kViewer) return Answer(connection, std::string(text));
     LOG_DEBUG("connection {}: ignoring a {} message", id, type.substr(0, 32));
   } catch (const Json::exception&) {
@@ -117,14 +119,19 @@ void SignalHub::Host(ConnectionId id, Connection& connection, const std::string&
   }
 
   auto existing = tokens_.find(token_name);
+  const std::string digest = SecretDigest(secret);
   // A token that only viewers have asked for so far has no secret yet: its first host sets it.
-  if (existing != tokens_.end() && !existing->second.secret.empty() &&
-      !SameSecret(existing->second.secret, secret)) {
+  if (existing != tokens_.end() && !existing->second.secret_digest.empty() &&
+      !SameSecret(existing->second.secret_digest, digest)) {
     LOG_INFO("connection {}: refused a host for a token held under another secret", id);
     return Refuse(id, "token taken");
   }
+  if (existing == tokens_.end() && tokens_.size() >= limits_.max_tokens) {
+    LOG_WARN("connection {}: refused a new token, {} are held", id, tokens_.size());
+    return Refuse(id, "server full");
+  }
   Token& token = existing != tokens_.end() ? existing->second : tokens_[token_name];
-  token.secret = secret;
+  token.secret_digest = digest;
   token.media = media != message.end() ? Dump(KnownMedia(*media)) : std::string();
   if (token.host && *token.host != id) {
     // The same host from a new connection (it restarted, or its network changed).
@@ -165,6 +172,7 @@ void SignalHub::Join(ConnectionId id, Connection& connection, const std::string&
   const std::string peer = transport::RandomCrockford(kPeerIdLength);
   Viewer viewer;
   viewer.connection = id;
+  viewer.waiting_since = now_;
   viewer.identity = identity;
   viewer.display_name = identity.empty() ? std::string() : display_name;
   viewers_[peer] = std::move(viewer);
@@ -239,6 +247,34 @@ void SignalHub::Deny(ConnectionId id, const Connection&, const std::string& text
   DropViewer(peer, false);
 }
 
+void SignalHub::End(ConnectionId id, Connection& connection, const std::string& text) {
+  const Json message = Json::parse(text);
+  const std::string token_name = StringField(message, "token");
+  const auto token = tokens_.find(token_name);
+  if (token == tokens_.end() || token->second.host != id) {
+    LOG_DEBUG("connection {}: an end for a token it does not host", id);
+    return;
+  }
+  SendViewersAway(token->second, "the share has ended");
+  tokens_.erase(token);
+  auto& held = connection.tokens;
+  held.erase(std::remove(held.begin(), held.end(), token_name), held.end());
+  LOG_INFO("connection {} ended a share", id);
+  // The host waits for this close to know that the end arrived.
+  if (held.empty()) router_.Disconnect(id);
+}
+
+void SignalHub::SendViewersAway(Token& token, std::string_view reason) {
+  for (const auto& peer : std::vector<std::string>(token.viewers)) {
+    const auto viewer = viewers_.find(peer);
+    if (viewer == viewers_.end()) continue;
+    const ConnectionId connection = viewer->second.connection;
+    router_.Deliver(connection, Dump({{"type", "error"}, {"reason", reason}}));
+    router_.Disconnect(connection);
+    DropViewer(peer, false);
+  }
+}
+
 void SignalHub::DropViewer(const std::string& peer, bool tell_host) {
   const auto viewer = viewers_.find(peer);
   if (viewer == viewers_.end()) return;
@@ -291,14 +327,27 @@ void SignalHub::Sweep(Clock::time_point now) {
       ++token;
       continue;
     }
+    // Each viewer waits the grace from when the host left or from its own join, the later.
     for (const auto& peer : std::vector<std::string>(token->second.viewers)) {
       const auto viewer = viewers_.find(peer);
       if (viewer == viewers_.end()) continue;
+      const Clock::time_point since = std::max(token->second.hostless_since, viewer->second.waiting_since);
+      if (now - since < limits_.grace) continue;
       const ConnectionId connection = viewer->second.connection;
       router_.Deliver(connection, R"({"reason":"the host is not there","type":"error"})");
       router_.Disconnect(connection);
       DropViewer(peer, false);
     }
+    // A token a host registered stays its host's for the reserve; one only viewers asked for
+    // goes with the last of them.
+    const bool keep = token->second.secret_digest.empty()
+                          ? !token->second.viewers.empty()
+                          : now - token->second.hostless_since < limits_.reserve;
+    if (keep) {
+      ++token;
+      continue;
+    }
+    SendViewersAway(token->second, "the host is not there");
     token = tokens_.erase(token);
   }
 }

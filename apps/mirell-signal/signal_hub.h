@@ -5,7 +5,9 @@
 //
 // A host registers a token with its secret ("host" -> "hosting"); the same token and secret from
 // a new connection take the token over (the old connection is closed) and the waiting viewers are
-// announced to it again; another secret is refused. A viewer's "join" is answered "joined" (with
+// announced to it again; another secret is refused. The token stays its host's (its secret's
+// digest is kept) while the host is away, until the host says "end" or a day has passed, so that
+// nobody who read the link can take it while the host reconnects. A viewer's "join" is answered "joined" (with
 // the host's media) while the host is there, and the host is told "peer" with a fresh peer id;
 // with no host the viewer waits, for at most the grace period, for one to come back. Offers go
 // from host to viewer by peer id, answers from viewer to its host stamped with its peer id;
@@ -30,6 +32,8 @@ struct HubLimits {
   std::size_t max_viewers_per_token = 64;
   std::size_t max_tokens_per_connection = 4;  // A host's; a viewer's connection joins one token.
   std::chrono::milliseconds grace{30'000};    // A token's viewers wait this long for its host.
+  std::chrono::milliseconds reserve{24 * 3'600'000};  // A token stays its host's while away.
+  std::size_t max_tokens = 65'536;  // Held at once, hosted or reserved; a new one beyond is refused.
   std::chrono::milliseconds register_within{10'000};  // A connection that sends no host/join.
   double messages_per_second = 20;  // Sustained rate per connection ...
   double message_burst = 60;        // ... with this many at once.
@@ -70,12 +74,13 @@ class SignalHub {
   };
   struct Viewer {
     ConnectionId connection = 0;
+    Clock::time_point waiting_since;  // Its join.
     std::string identity;
     std::string display_name;
     bool joined = false;  // "joined" was sent.
   };
   struct Token {
-    std::string secret;
+    std::string secret_digest;  // Empty until a host registered it.
     std::optional<ConnectionId> host;
     std::string media;  // The host's media object as JSON text; empty when none.
     std::vector<std::string> viewers;  // Peer ids, in order of arrival.
@@ -87,6 +92,9 @@ class SignalHub {
   void Offer(ConnectionId id, const Connection& connection, const std::string& text);
   void Answer(const Connection& connection, const std::string& text);
   void Deny(ConnectionId id, const Connection& connection, const std::string& text);
+  void End(ConnectionId id, Connection& connection, const std::string& text);
+  // Tells each of the token's viewers `reason` and closes them.
+  void SendViewersAway(Token& token, std::string_view reason);
   // "joined" to a waiting viewer and "peer" to the token's host.
   void Announce(Token& token, const std::string& peer);
   bool Allowed(Connection& connection, Clock::time_point now);

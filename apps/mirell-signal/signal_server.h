@@ -22,6 +22,7 @@ struct ServerConfig {
   std::optional<LatestRelease> latest;    // The "/latest" answer; 404 without it.
   HubLimits hub;
   std::size_t max_connections = 4096;     // Beyond it new connections are closed at once.
+  std::size_t max_connections_per_address = 64;  // The same, for one remote address (not loopback).
   std::size_t max_message_bytes = 65536;  // A larger frame ends its connection.
   std::size_t max_queued_bytes = 1 << 20;  // Unsent frames for one slow reader; then it is ended.
   std::chrono::milliseconds idle{60'000};  // A silent WebSocket is pinged, then ended.

@@ -14,6 +14,8 @@
 #include <deque>
 #include <future>
 #include <thread>
+#include <unordered_map>
+#include <utility>
 
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
@@ -45,6 +47,35 @@ struct ServerCore {
   SignalHub hub;
   ConnectionId next_id = 1;
   std::atomic<std::size_t> connections{0};
+  // Open connections by remote address (loopback is not counted: a reverse proxy on this machine
+  // brings everybody's); the I/O thread only.
+  std::unordered_map<std::string, std::size_t> by_address;
+};
+
+// One open connection's place in the counts, given back when the last holder lets it go: an
+// HTTP request's session, then the WebSocket session it becomes.
+class ConnectionSlot {
+ public:
+  ConnectionSlot(ServerCore& core, std::string address) : core_(&core), address_(std::move(address)) {
+    core_->connections.fetch_add(1);
+    if (!address_.empty()) ++core_->by_address[address_];
+  }
+  ConnectionSlot(ConnectionSlot&& other) noexcept
+      : core_(std::exchange(other.core_, nullptr)), address_(std::move(other.address_)) {}
+  ConnectionSlot& operator=(ConnectionSlot&&) = delete;
+  ConnectionSlot(const ConnectionSlot&) = delete;
+  ConnectionSlot& operator=(const ConnectionSlot&) = delete;
+  ~ConnectionSlot() {
+    if (core_ == nullptr) return;
+    core_->connections.fetch_sub(1);
+    if (address_.empty()) return;
+    const auto found = core_->by_address.find(address_);
+    if (found != core_->by_address.end() && --found->second == 0) core_->by_address.erase(found);
+  }
+
+ private:
+  ServerCore* core_;
+  std::string address_;
 };
 
 namespace {
@@ -54,10 +85,8 @@ template <typename Stream>
 class WebSocketSession final : public RoutedConnection,
                                public std::enable_shared_from_this<WebSocketSession<Stream>> {
  public:
-  WebSocketSession(Stream&& stream, ServerCore& core)
-      : ws_(std::move(stream)), core_(core), id_(core.next_id++) {}
-
-  ~WebSocketSession() override { core_.connections.fetch_sub(1); }
+  WebSocketSession(Stream&& stream, ServerCore& core, ConnectionSlot slot)
+      : ws_(std::move(stream)), core_(core), slot_(std::move(slot)), id_(core.next_id++) {}
 
   void Accept(http::request<http::string_body> request) {
     websocket::stream_base::timeout timeout{};
@@ -160,6 +189,7 @@ class WebSocketSession final : public RoutedConnection,
 
   websocket::stream<Stream> ws_;
   ServerCore& core_;
+  ConnectionSlot slot_;
   const ConnectionId id_;
   beast::flat_buffer buffer_;
   std::deque<std::string> outbox_;
@@ -175,7 +205,8 @@ class WebSocketSession final : public RoutedConnection,
 template <typename Stream>
 class HttpSession final : public std::enable_shared_from_this<HttpSession<Stream>> {
  public:
-  HttpSession(Stream&& stream, ServerCore& core) : stream_(std::move(stream)), core_(core) {}
+  HttpSession(Stream&& stream, ServerCore& core, ConnectionSlot slot)
+      : stream_(std::move(stream)), core_(core), slot_(std::move(slot)) {}
 
   void Run() {
     parser_.emplace();
@@ -194,7 +225,9 @@ class HttpSession final : public std::enable_shared_from_this<HttpSession<Stream
     const std::string_view target(request.target().data(), request.target().size());
     if (websocket::is_upgrade(request) && target.substr(0, target.find('?')) == kSignalPath) {
       beast::get_lowest_layer(stream_).expires_never();
-      std::make_shared<WebSocketSession<Stream>>(std::move(stream_), core_)->Accept(std::move(request));
+      std::make_shared<WebSocketSession<Stream>>(std::move(stream_), core_, std::move(*slot_))
+          ->Accept(std::move(request));
+      slot_.reset();
       return;
     }
     const std::string_view method(request.method_string().data(), request.method_string().size());
@@ -218,12 +251,12 @@ class HttpSession final : public std::enable_shared_from_this<HttpSession<Stream
     beast::error_code ignored;
     beast::get_lowest_layer(stream_).socket().shutdown(tcp::socket::shutdown_both, ignored);
     beast::get_lowest_layer(stream_).socket().close(ignored);
-    // Counted here, not in a destructor: a request that became a WebSocket is counted there.
-    core_.connections.fetch_sub(1);
+    slot_.reset();  // A request that became a WebSocket has handed its place on.
   }
 
   Stream stream_;
   ServerCore& core_;
+  std::optional<ConnectionSlot> slot_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   std::optional<http::response<http::string_body>> response_;
@@ -247,28 +280,46 @@ struct SignalServer::Impl {
         LOG_DEBUG("refused a connection: {} are open", core.connections.load());
         return Accept();
       }
-      core.connections.fetch_add(1);
+      // One client may not take every place: connections are counted by address too.
+      beast::error_code peer_error;
+      const tcp::endpoint peer = socket.remote_endpoint(peer_error);
+      std::string address;
+      if (!peer_error && !peer.address().is_loopback()) address = peer.address().to_string();
+      if (!address.empty()) {
+        const auto found = core.by_address.find(address);
+        if (found != core.by_address.end() && found->second >= core.config.max_connections_per_address) {
+          beast::error_code ignored;
+          socket.close(ignored);
+          LOG_DEBUG("refused a connection from {}: {} are open from there", address, found->second);
+          return Accept();
+        }
+      }
+      ConnectionSlot slot(core, std::move(address));
       if (tls) {
-        Secure(std::move(socket));
+        Secure(std::move(socket), std::move(slot));
       } else {
-        std::make_shared<HttpSession<beast::tcp_stream>>(beast::tcp_stream(std::move(socket)), core)->Run();
+        std::make_shared<HttpSession<beast::tcp_stream>>(beast::tcp_stream(std::move(socket)), core,
+                                                         std::move(slot))
+            ->Run();
       }
       Accept();
     });
   }
 
-  void Secure(tcp::socket socket) {
+  void Secure(tcp::socket socket, ConnectionSlot slot) {
     auto stream = std::make_shared<net::ssl::stream<beast::tcp_stream>>(std::move(socket), *tls);
+    auto held = std::make_shared<ConnectionSlot>(std::move(slot));
     beast::get_lowest_layer(*stream).expires_after(core.config.request_limit);
-    stream->async_handshake(net::ssl::stream_base::server, [this, stream](beast::error_code error) {
+    stream->async_handshake(net::ssl::stream_base::server, [this, stream, held](beast::error_code error) {
       if (error) {
         LOG_DEBUG("TLS handshake failed: {}", error.message());
         beast::error_code ignored;
         beast::get_lowest_layer(*stream).socket().close(ignored);
-        core.connections.fetch_sub(1);
-        return;
+        return;  // The place goes with the last copy of `held`.
       }
-      std::make_shared<HttpSession<net::ssl::stream<beast::tcp_stream>>>(std::move(*stream), core)->Run();
+      std::make_shared<HttpSession<net::ssl::stream<beast::tcp_stream>>>(std::move(*stream), core,
+                                                                         std::move(*held))
+          ->Run();
     });
   }
 

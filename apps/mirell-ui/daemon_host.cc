@@ -110,7 +110,14 @@ daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
   const std::string token = ShareTokenFromUrl(url, config_.share_prefix);
   if (token.empty()) return {};
   // May throw; the resolve service then answers nothing and the stub sees the connection end.
-  viewing_.Ensure(token);
+  switch (viewing_.Ensure(token)) {
+    case session::Viewing::EnsureResult::kReady:
+      break;
+    case session::Viewing::EnsureResult::kTooMany:
+      return {daemon::ResolveStatus::kFailed, {}, "too many share links are playing at once"};
+    case session::Viewing::EnsureResult::kFailed:
+      return {daemon::ResolveStatus::kFailed, {}, "the link could not be set up (see the log)"};
+  }
   return {daemon::ResolveStatus::kResolved,
           fmt::format("rtspt://127.0.0.1:{}/s/{}", rtsp_bound_port_.load(), token), {}};
 }

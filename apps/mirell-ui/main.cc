@@ -211,6 +211,20 @@ int main(int argc, char** argv) {
                        QString::fromUtf8(kVersion.data(), static_cast<qsizetype>(kVersion.size())),
                        QString::fromStdString(update_url));
 
+  // Without a window, a command-line share that nobody can join ends the run with the reason
+  // (a script waits for the link, or for the program); with one, the window and tray say it.
+  if (!window && share.wants_share()) {
+    host.sharing().OnRefused([](const std::string& reason) {
+      QMetaObject::invokeMethod(
+          qApp,
+          [reason] {
+            LOG_ERROR("the signal server refused the share: {}", reason);
+            std::fprintf(stderr, "mirell-ui: the signal server refused the share: %s\n", reason.c_str());
+            QCoreApplication::exit(1);
+          },
+          Qt::QueuedConnection);
+    });
+  }
   // After the window: a viewer of a command-line share is asked about there from the start.
   try {
     StartCommandLineShare(host, share);

@@ -74,6 +74,9 @@ void MainWindow::BuildLayout() {
   sound_label_ = new QLabel(central);
   sound_label_->setWordWrap(true);
   layout->addWidget(sound_label_);
+  signal_label_ = new QLabel(central);
+  signal_label_->setWordWrap(true);
+  layout->addWidget(signal_label_);
 
   auto* link_group = new QGroupBox(tr("Share link"), central);
   auto* link_layout = new QVBoxLayout(link_group);
@@ -227,6 +230,7 @@ void MainWindow::RefreshShare() {
                  "play. Check the log."));
     link_edit_->clear();
     sound_label_->clear();
+    signal_label_->clear();
     time_left_label_->clear();
     extend_button_->setEnabled(false);
     return;
@@ -236,6 +240,7 @@ void MainWindow::RefreshShare() {
                              .arg(sharing.viewer_count())
                              .arg(RateText(sharing.uplink_kbps())));
   link_edit_->setText(Q(sharing.link()));
+  RefreshSignal();
   const std::int64_t seconds_left = sharing.seconds_left();
   if (seconds_left < 1) {
     time_left_label_->clear();
@@ -250,6 +255,22 @@ void MainWindow::RefreshShare() {
     sound_label_->setText(tr("Sound: everything this computer plays, voice chat included."));
   } else {
     sound_label_->setText(tr("Sound: just this application."));
+  }
+}
+
+void MainWindow::RefreshSignal() {
+  const session::Sharing& sharing = host_->sharing();
+  const session::SignalState state = sharing.signal_state();
+  const QString server = ServerName(host_->config().signal_url);
+  const std::string reason = sharing.refusal();
+  signal_label_->setText(SignalStateText(state, server, reason));
+  // Once per share: a refusal is no passing state, and the person may be looking elsewhere.
+  const std::string token = sharing.token();
+  if (state != session::SignalState::kRefused || refusal_told_for_ == token) return;
+  refusal_told_for_ = token;
+  if (tray_ && tray_->isVisible()) {
+    tray_->showMessage(tr("Nobody can join your share"), SignalStateText(state, server, reason),
+                       QSystemTrayIcon::Warning, 8000);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <QPointer>
 #include <QString>
 #include <map>
+#include <string>
 #include <cstdint>
 
 #include "mirell/daemon/vrchat_settings.h"
@@ -65,6 +66,8 @@ class MainWindow : public QMainWindow {
   void CheckUntrustedUrls();
   void RefreshShare();
   void RefreshIdentity();
+  // The line about the signal server, and the tray's word once when it refused the share.
+  void RefreshSignal();
   void ShowFromTray();
   // Carries out the person's answer about one waiting viewer.
   void Answer(const QString& connection_id, const QString& user_id, const QString& display_name,
@@ -74,6 +77,8 @@ class MainWindow : public QMainWindow {
   QLabel* untrusted_banner_ = nullptr;
   QLabel* status_label_ = nullptr;
   QLabel* sound_label_ = nullptr;
+  QLabel* signal_label_ = nullptr;
+  std::string refusal_told_for_;  // The token whose refusal the tray has told of.
   QLineEdit* link_edit_ = nullptr;
   QPushButton* copy_button_ = nullptr;
   QPushButton* new_link_button_ = nullptr;

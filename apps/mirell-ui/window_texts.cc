@@ -39,6 +39,30 @@ QString PeerStateText(transport::PeerState state) {
   return Tr("unknown");
 }
 
+QString ServerName(const std::string& signal_url) {
+  const auto scheme_end = signal_url.find("://");
+  if (scheme_end == std::string::npos) return Q(signal_url);
+  const std::string rest = signal_url.substr(scheme_end + 3);
+  return Q(rest.substr(0, rest.find('/')));
+}
+
+QString SignalStateText(session::SignalState state, const QString& server, const std::string& reason) {
+  switch (state) {
+    case session::SignalState::kOff:
+      return Tr("No signal server is set: the share plays on this computer only.");
+    case session::SignalState::kConnecting:
+      return Tr("Reaching %1...").arg(server);
+    case session::SignalState::kConnected:
+      return Tr("Meeting at %1.").arg(server);
+    case session::SignalState::kLost:
+      return Tr("Can't reach %1 - retrying. Nobody new can join until it answers.").arg(server);
+    case session::SignalState::kRefused:
+      return Tr("%1 refused this share: %2. Nobody can join it; share again for a new link.")
+          .arg(server, Q(reason));
+  }
+  return {};
+}
+
 ViewerCell ViewerCellFor(const session::ViewerInfo& viewer) {
   const QString id = Q(viewer.connection_id);
   if (!viewer.display_name.empty()) {

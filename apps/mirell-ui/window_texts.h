@@ -6,7 +6,10 @@
 #include <QString>
 #include <cstdint>
 
+#include <string>
+
 #include "mirell/session/share_session.h"
+#include "mirell/session/sharing.h"
 #include "mirell/transport/peer_link.h"
 
 namespace mirell::ui {
@@ -16,6 +19,13 @@ QString DurationText(std::int64_t seconds);
 // "-", "999 kbps", "1.0 Mbps".
 QString RateText(std::uint32_t kbps);
 QString PeerStateText(transport::PeerState state);
+
+// The host (and port) of a "ws://" or "wss://" URL, as a person knows the server; the URL itself
+// when it has no such form.
+QString ServerName(const std::string& signal_url);
+// Where a share stands with its signal server: "Meeting at ...", "Can't reach ... - retrying",
+// "... refused this share: <reason>".
+QString SignalStateText(session::SignalState state, const QString& server, const std::string& reason);
 
 // The first cell of a viewer's row: who they say they are, and what that means.
 struct ViewerCell {

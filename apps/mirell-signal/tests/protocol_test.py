@@ -155,6 +155,33 @@ async def wrong_secret(server):
     await owner.close()
 
 
+async def host_away_keeps_its_token(server):
+    owner = await host(server, "KEPT1", "right")
+    await receive(owner)
+    await owner.close()
+    await asyncio.sleep(GRACE_SECONDS + 1)  # Beyond the viewers' grace: the token is still held.
+    thief = await host(server, "KEPT1", "wrong")
+    check(await receive(thief) == {"type": "error", "reason": "token taken"}, "a stranger is refused")
+    back = await host(server, "KEPT1", "right")
+    check(await receive(back) == {"type": "hosting"}, "the host gets its token back")
+    await back.close()
+
+
+async def end_lets_the_token_go(server):
+    h = await host(server, "ENDED1", "right")
+    await receive(h)
+    v = await join(server, "ENDED1")
+    await receive(v)
+    await receive(h)
+    await h.send(json.dumps({"type": "end", "token": "ENDED1"}))
+    check(await receive(v) == {"type": "error", "reason": "the share has ended"}, "the viewer is told")
+    check(await closed(v), "and closed")
+    check(await closed(h), "the host's connection is closed once its share has ended")
+    other = await host(server, "ENDED1", "other")
+    check(await receive(other) == {"type": "hosting"}, "the token is free again")
+    await other.close()
+
+
 async def grace_expiry(server):
     v = await join(server, "GRACE1")
     started = time.monotonic()
@@ -271,7 +298,8 @@ def http_answers(server):
           {"version": "0.9.1", "url": "https://mirell.example/get"}, "latest")
 
 
-CASES = [whole_exchange, deny, reconnecting_host_takes_over, wrong_secret, grace_expiry,
+CASES = [whole_exchange, deny, reconnecting_host_takes_over, wrong_secret, host_away_keeps_its_token,
+         end_lets_the_token_go, grace_expiry,
          host_back_within_grace, message_size_limit, rate_limit, viewers_per_token_limit,
          tokens_per_connection_limit, idle_unregistered, malformed_json, total_connections_limit,
          http_answers]

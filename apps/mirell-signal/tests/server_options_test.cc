@@ -23,7 +23,9 @@ TEST(ServerOptions, DefaultsAndEveryOption) {
                               "--latest-version", "0.2", "--latest-url", "https://x/y",
                               "--max-connections", "10", "--max-message-bytes", "2048",
                               "--max-viewers-per-token", "3", "--max-tokens-per-connection", "2",
-                              "--messages-per-second", "5", "--idle-seconds", "4", "--grace-seconds", "2"});
+                              "--messages-per-second", "5", "--idle-seconds", "4", "--grace-seconds", "2",
+                              "--max-tokens", "7", "--reserve-hours", "3",
+                              "--max-connections-per-address", "5"});
   const auto& config = options.config;
   EXPECT_EQ(config.listen, "0.0.0.0:443");
   EXPECT_EQ(config.tls_cert, "c.pem");
@@ -40,6 +42,9 @@ TEST(ServerOptions, DefaultsAndEveryOption) {
   EXPECT_EQ(config.idle, std::chrono::seconds(4));
   EXPECT_EQ(config.hub.register_within, std::chrono::seconds(4));
   EXPECT_EQ(config.hub.grace, std::chrono::seconds(2));
+  EXPECT_EQ(config.hub.max_tokens, 7u);
+  EXPECT_EQ(config.max_connections_per_address, 5u);
+  EXPECT_EQ(config.hub.reserve, std::chrono::hours(3));
   EXPECT_TRUE(Parse({"--help"}).help);
 }
 

@@ -188,7 +188,84 @@ TEST_F(SignalHubTest, ViewersWaitForAHostThatRestartsWithinTheGrace) {
   hub().Sweep(now_);
   EXPECT_EQ(Only(viewer), Json::parse(R"({"type":"error","reason":"the host is not there"})"));
   EXPECT_TRUE(router_.Disconnected(viewer));
+  EXPECT_EQ(hub().statistics().tokens, 1u) << "the token stays its host's";
+  EXPECT_EQ(hub().statistics().viewers, 0u);
+}
+
+// A link is read by a whole world: while its host is away (a restart, a lost network), nobody
+// else may host its token, however long the host takes, up to a day.
+TEST_F(SignalHubTest, AHostAwayLongerThanTheGraceKeepsItsToken) {
+  const auto host = Host("TOKEN1", "s3cret");
+  router_.Take(host);
+  hub().Closed(host);
+  now_ += 10min;
+  hub().Sweep(now_);
+  const auto stranger = Host("TOKEN1", "another");
+  EXPECT_EQ(Only(stranger), Json::parse(R"({"type":"error","reason":"token taken"})"));
+  now_ += 23h;
+  hub().Sweep(now_);
+  const auto back = Host("TOKEN1", "s3cret");
+  EXPECT_EQ(Only(back), Json::parse(R"({"type":"hosting"})"));
+}
+
+TEST_F(SignalHubTest, AReservedTokenIsLetGoADayAfterItsHostLeft) {
+  const auto host = Host("TOKEN1", "s3cret");
+  router_.Take(host);
+  hub().Closed(host);
+  now_ += 24h - 1s;
+  hub().Sweep(now_);
+  EXPECT_EQ(hub().statistics().tokens, 1u);
+  now_ += 1s;
+  hub().Sweep(now_);
   EXPECT_EQ(hub().statistics().tokens, 0u);
+  EXPECT_EQ(Only(Host("TOKEN1", "another")), Json::parse(R"({"type":"hosting"})"));
+}
+
+// A viewer who comes while the host is away waits the grace from its own arrival.
+TEST_F(SignalHubTest, AViewerOfAReservedTokenWaitsTheGraceFromItsJoin) {
+  const auto host = Host();
+  router_.Take(host);
+  hub().Closed(host);
+  now_ += 1h;
+  hub().Sweep(now_);
+  const auto viewer = Join();
+  now_ += 29s;
+  hub().Sweep(now_);
+  EXPECT_FALSE(router_.Disconnected(viewer));
+  now_ += 1s;
+  hub().Sweep(now_);
+  EXPECT_EQ(Only(viewer), Json::parse(R"({"type":"error","reason":"the host is not there"})"));
+  EXPECT_EQ(hub().statistics().tokens, 1u);
+}
+
+TEST_F(SignalHubTest, EndSendsTheViewersAwayAndLetsTheTokenGo) {
+  const auto host = Host("TOKEN1", "s3cret");
+  router_.Take(host);
+  const auto viewer = Join();
+  router_.Take(viewer);
+  router_.Take(host);
+  const auto stranger = Host("TOKEN2", "other");
+  router_.Take(stranger);
+  Say(stranger, {{"type", "end"}, {"token", "TOKEN1"}});  // Not its token: nothing.
+  EXPECT_FALSE(router_.Disconnected(viewer));
+  EXPECT_FALSE(router_.Disconnected(stranger));
+
+  Say(host, {{"type", "end"}, {"token", "TOKEN1"}});
+  EXPECT_EQ(Only(viewer), Json::parse(R"({"type":"error","reason":"the share has ended"})"));
+  EXPECT_TRUE(router_.Disconnected(viewer));
+  EXPECT_TRUE(router_.Disconnected(host)) << "the host hears that its end arrived";
+  EXPECT_EQ(hub().statistics().tokens, 1u) << "TOKEN2 only";
+  EXPECT_EQ(hub().statistics().viewers, 0u);
+}
+
+TEST_F(SignalHubTest, NewTokensBeyondTheServersLimitAreRefused) {
+  limits_.max_tokens = 2;
+  router_.Take(Host("TOKEN1", "a"));
+  const auto second = Host("TOKEN2", "b");
+  router_.Take(second);
+  EXPECT_EQ(Only(Host("TOKEN3", "c")), Json::parse(R"({"type":"error","reason":"server full"})"));
+  hub().Closed(second);
+  EXPECT_EQ(Only(Host("TOKEN2", "b")), Json::parse(R"({"type":"hosting"})")) << "a held token comes back";
 }
 
 TEST_F(SignalHubTest, DenyEndsThatViewerOnly) {

@@ -4,7 +4,13 @@
 #include "signal_server.h"
 
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <stdlib.h>
 
 #include <condition_variable>
@@ -203,6 +209,85 @@ TEST(SignalServer, ConnectionsBeyondTheLimitAreClosedAtOnce) {
   }
   EXPECT_NE(testsupport::ExchangeOnce(server.port(), "GET /s/A HTTP/1.1\r\nHost: x\r\n\r\n").find("200 OK"),
             std::string::npos);
+}
+
+// This machine's first IPv4 address that is not loopback, as text; empty when it has none.
+std::string NonLoopbackAddress() {
+  ifaddrs* list = nullptr;
+  if (getifaddrs(&list) != 0) return {};
+  std::string found;
+  for (ifaddrs* entry = list; entry != nullptr && found.empty(); entry = entry->ifa_next) {
+    if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) continue;
+    const auto* address = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
+    if ((ntohl(address->sin_addr.s_addr) >> 24) == 127) continue;
+    char text[INET_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET, &address->sin_addr, text, sizeof(text));
+    found = text;
+  }
+  freeifaddrs(list);
+  return found;
+}
+
+// A connection to address:port that sends `request`; returns whether the server closed it
+// without a byte within `limit`.
+bool ClosedUnanswered(const std::string& address, std::uint16_t port, const std::string& request,
+                      std::chrono::milliseconds limit, int* kept = nullptr) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in target{};
+  target.sin_family = AF_INET;
+  target.sin_port = htons(port);
+  inet_pton(AF_INET, address.c_str(), &target.sin_addr);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&target), sizeof(target)) != 0) {
+    close(fd);
+    return false;
+  }
+  if (!request.empty()) (void)send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+  pollfd readable{fd, POLLIN, 0};
+  char byte = 0;
+  // A close with our request unread arrives as a reset rather than an end of stream.
+  const bool closed = poll(&readable, 1, static_cast<int>(limit.count())) == 1 && recv(fd, &byte, 1, 0) <= 0;
+  if (kept != nullptr && !closed) {
+    *kept = fd;
+  } else {
+    close(fd);
+  }
+  return closed;
+}
+
+// One client may not take every place: beyond its share an address's connections are closed at
+// once, while others (and this machine, where a reverse proxy brings everybody) are served.
+TEST(SignalServer, ConnectionsFromOneAddressBeyondItsShareAreClosedAtOnce) {
+  const std::string address = NonLoopbackAddress();
+  if (address.empty()) GTEST_SKIP() << "this machine has no address but loopback";
+  ServerConfig config;
+  config.listen = "0.0.0.0:0";
+  config.max_connections_per_address = 2;
+  SignalServer server(config);
+  server.Start();
+  std::vector<int> held;
+  for (int i = 0; i < 2; ++i) {
+    int fd = -1;
+    EXPECT_FALSE(ClosedUnanswered(address, server.port(), "", 200ms, &fd));
+    held.push_back(fd);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while (server.open_connections() < 2 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(10ms);
+  }
+  ASSERT_EQ(server.open_connections(), 2u);
+  EXPECT_TRUE(ClosedUnanswered(address, server.port(), "GET /s/A HTTP/1.1\r\nHost: x\r\n\r\n", 5s));
+  // Loopback is not counted.
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_NE(testsupport::ExchangeOnce(server.port(), "GET /s/A HTTP/1.1\r\nHost: x\r\n\r\n").find("200 OK"),
+              std::string::npos);
+  }
+  for (const int fd : held) close(fd);
+  while (server.open_connections() > 0 && std::chrono::steady_clock::now() < deadline + 5s) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(server.open_connections(), 0u);
+  EXPECT_FALSE(ClosedUnanswered(address, server.port(), "GET /s/A HTTP/1.1\r\nHost: x\r\n\r\n", 5s))
+      << "a place that freed up is served again";
 }
 
 class SignalServerTls : public ::testing::Test {

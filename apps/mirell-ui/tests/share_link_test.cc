@@ -129,6 +129,26 @@ TEST(DaemonHostResolve, AShareLinkGetsAWatchAndAnOwnShareIsServedFromItsOwnStrea
   EXPECT_EQ(host.registry().Find("MYSHARE12345"), own) << "not the viewing side's to withdraw";
 }
 
+// Beyond the watches it keeps at once, a link is answered with the reason, never left hanging.
+TEST(DaemonHostResolve, ALinkBeyondTheMostWatchedAtOnceIsAnsweredWithTheReason) {
+  DaemonConfig config;
+  config.rtsp_port = testsupport::FreeLoopbackPort();
+  config.pipe_name = "127.0.0.1:0";
+  config.install_stub = false;
+  config.signal_url = "ws://127.0.0.1:9/signal";  // Nobody listens: each watch plays the card.
+  DaemonHost host(config);
+  host.Start();
+  for (std::size_t i = 0; i < session::Viewing::kMaxWatches; ++i) {
+    ASSERT_EQ(host.Resolve(fmt::format("https://mirell.example/s/ABCDEFGHJK{:02}", i)).status,
+              daemon::ResolveStatus::kResolved);
+  }
+  const auto refused = host.Resolve("https://mirell.example/s/ABCDEFGHJKZZ");
+  EXPECT_EQ(refused.status, daemon::ResolveStatus::kFailed);
+  EXPECT_EQ(refused.reason, "too many share links are playing at once");
+  EXPECT_EQ(host.registry().Find("ABCDEFGHJKZZ"), nullptr);
+  host.Stop();
+}
+
 TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {
   DaemonConfig config;
   config.pipe_name = "127.0.0.1:0";

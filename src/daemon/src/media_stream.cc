@@ -19,8 +19,18 @@ void MediaStream::SetVideoParameters(int fps, unsigned bitrate_kbps) {
 }
 
 void MediaStream::SetSequenceHeader(std::span<const std::uint8_t> annex_b) {
-  std::lock_guard lock(mutex_);
-  sequence_header_.assign(annex_b.begin(), annex_b.end());
+  {
+    std::lock_guard lock(mutex_);
+    sequence_header_.assign(annex_b.begin(), annex_b.end());
+  }
+  described_changed_.notify_all();
+}
+
+bool MediaStream::WaitSequenceHeader(int ms) {
+  std::unique_lock lock(mutex_);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  described_changed_.wait_until(lock, deadline, [this] { return !sequence_header_.empty(); });
+  return !sequence_header_.empty();
 }
 
 std::vector<std::uint8_t> MediaStream::SequenceHeader() const {

@@ -26,6 +26,7 @@ constexpr std::uint64_t kAudioQueue = 32;
 constexpr auto kReportInterval = std::chrono::seconds(1);
 constexpr auto kStatisticsInterval = std::chrono::seconds(2);
 constexpr double kKeyframeRateFps = 20.0;
+constexpr int kSequenceHeaderWaitMs = 3000;  // Longer than the card takes to build at start.
 
 // value x numerator / denominator, rounded half away from zero.
 std::int64_t ScaleRounded(std::int64_t value, std::int64_t numerator, std::int64_t denominator) {
@@ -179,11 +180,14 @@ void RtspConnection::Describe(const RtspRequest& request) {
     audio_rate_ = audio->sample_rate;
     has_audio_ = true;
   }
-  const auto sequence_header = stream_->SequenceHeader();
-  if (sequence_header.empty()) {
+  // A stream whose first picture is still being made (the holding card at start-up) is waited
+  // for, within a bound; an answer of 503 ends most players for good.
+  if (!stream_->WaitSequenceHeader(kSequenceHeaderWaitMs)) {
+    LOG_INFO("client={} uri={} no sequence header within {} ms", client_, request.uri, kSequenceHeaderWaitMs);
     Respond("503 Service Unavailable", request.cseq, "Retry-After: 1\r\n");
     return;
   }
+  const auto sequence_header = stream_->SequenceHeader();
   const std::string sdp = BuildSdp(sequence_header, stream_->bitrate_kbps(), audio);
   Respond("200 OK", request.cseq,
           fmt::format("Content-Type: application/sdp\r\nContent-Base: rtsp://{}:{}{}/\r\n"

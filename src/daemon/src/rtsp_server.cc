@@ -91,6 +91,17 @@ void RtspServer::AcceptLoop() {
     const std::uint64_t client = next_client_.fetch_add(1) + 1;
     auto finished = std::make_shared<std::atomic<bool>>(false);
     std::lock_guard lock(clients_mutex_);
+    std::size_t live = 0;
+    for (const Client& existing : client_threads_) live += existing.finished->load() ? 0u : 1u;
+    if (live >= max_clients_) {
+      CloseSocket(socket);
+      // The first and every hundredth: a flood must not flood the log too.
+      const std::uint64_t refused = refused_.fetch_add(1) + 1;
+      if (refused == 1 || refused % 100 == 0) {
+        LOG_WARN("refused connection {} beyond the {} served at once", refused, max_clients_);
+      }
+      continue;
+    }
     client_threads_.push_back(
         {std::thread([this, socket, client, finished] {
            NameThisThread("rtsp-client");

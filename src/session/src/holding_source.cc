@@ -11,7 +11,8 @@
 #include "mirell/session/holding_card.h"
 
 namespace mirell::session {
-HoldingClip::HoldingClip(HoldingClipConfig config) : config_(std::move(config)) {
+HoldingClip::HoldingClip(HoldingClipConfig config, std::function<void()> on_ready)
+    : config_(std::move(config)), on_ready_(std::move(on_ready)) {
   builder_ = std::thread([this] {
     NameThisThread("card-build");
     Build();
@@ -61,6 +62,7 @@ void HoldingClip::Build() {
     LOG_ERROR("could not build the holding card: {}; viewers wait without it", error.what());
   }
   MarkReady();
+  if (on_ready_ && !abandoned_.load()) on_ready_();
 }
 
 void HoldingClip::BuildClip() {

@@ -49,6 +49,13 @@ struct Sharing::State {
   bool whole_mix = false;
   bool audio_whole_mix = false;
   bool audio_open = false;
+  // The signal server's refusal of this share, written on the signal client's thread; shared with
+  // that thread's handler, which must not take the share's lock.
+  struct Refusal {
+    std::mutex mutex;
+    std::string reason;
+  };
+  std::shared_ptr<Refusal> refusal = std::make_shared<Refusal>();
 
   // Destroys the parts in the order the share was built against: the door before its client,
   // the sources before the encoder they feed, the stream last.
@@ -238,7 +245,20 @@ void Sharing::StartPeering(State& state) {
   encode::H264Encoder* encoder = state.encoder.get();
   state.session->SetKeyframeHandler([encoder] { encoder->RequestKeyframe(); });
   state.session->Start();
-  state.signal->OnRefused([](const std::string& reason) { LOG_WARN("signal refused: {}", reason); });
+  state.refusal = std::make_shared<State::Refusal>();
+  state.signal->OnRefused([this, refusal = state.refusal](const std::string& reason) {
+    LOG_WARN("signal refused: {}", reason);
+    {
+      std::lock_guard lock(refusal->mutex);
+      refusal->reason = reason.empty() ? std::string("no reason given") : reason;
+    }
+    std::function<void(const std::string&)> handler;
+    {
+      std::lock_guard lock(handler_mutex_);
+      handler = on_refused_;
+    }
+    if (handler) handler(reason);
+  });
   state.signal->Start();
 }
 
@@ -294,7 +314,8 @@ void Sharing::Revoke() {
   // session's senders) end, and new ones play from the same encoders.
   registry_.Move(old_token, credentials.token);
   if (old_session) old_session->Stop();
-  if (old_signal) old_signal->Stop();
+  // The old token is let go on the server too: its viewers are sent away, and it is nobody's.
+  if (old_signal) old_signal->End();
   {
     std::lock_guard lock(mutex_);
     if (state_ && state_->token == credentials.token) {
@@ -315,7 +336,9 @@ void Sharing::Stop() {
   if (!state) return;
   registry_.Withdraw(state->token);
   if (state->session) state->session->Stop();
-  if (state->signal) state->signal->Stop();
+  // Said to the server, so that waiting viewers hear at once that the share is over, and the
+  // token is let go rather than kept for a host that will not come back.
+  if (state->signal) state->signal->End();
   if (state->audio) state->audio->Stop();
   state->capture->Stop();
   LOG_INFO("target={} stopped", state->label);
@@ -359,6 +382,29 @@ void Sharing::OnViewerPending(PendingHandler handler) {
 void Sharing::OnViewerPendingGone(std::function<void(const std::string&)> handler) {
   std::lock_guard lock(handler_mutex_);
   on_viewer_pending_gone_ = std::move(handler);
+}
+
+void Sharing::OnRefused(std::function<void(const std::string&)> handler) {
+  std::lock_guard lock(handler_mutex_);
+  on_refused_ = std::move(handler);
+}
+
+SignalState Sharing::signal_state() const {
+  std::lock_guard lock(mutex_);
+  if (!state_ || !state_->signal) return SignalState::kOff;
+  {
+    std::lock_guard refusal_lock(state_->refusal->mutex);
+    if (!state_->refusal->reason.empty()) return SignalState::kRefused;
+  }
+  if (state_->signal->connected()) return SignalState::kConnected;
+  return state_->signal->reconnects() > 0 ? SignalState::kLost : SignalState::kConnecting;
+}
+
+std::string Sharing::refusal() const {
+  std::lock_guard lock(mutex_);
+  if (!state_) return {};
+  std::lock_guard refusal_lock(state_->refusal->mutex);
+  return state_->refusal->reason;
 }
 
 void Sharing::SetAllowlist(std::map<std::string, std::string> allowlist) {

@@ -45,7 +45,12 @@ struct Viewing::Watch {
   std::shared_ptr<transport::PeerLink> link;
   std::unique_ptr<PeerReceiver> receiver;
   std::unique_ptr<transport::SignalClient> signal;
-  std::unique_ptr<HoldingSource> holding;
+  // The card and the host's first picture meet here: the card may start late (it was still
+  // being built when the watch was made) on the card's builder thread, and must never start
+  // once the host's picture has taken the timeline over on a link thread.
+  std::mutex card_mutex;
+  std::unique_ptr<HoldingSource> holding;  // Under card_mutex.
+  bool host_picture = false;               // Under card_mutex.
   std::atomic<bool> done{false};
   IdleState idle;
 };
@@ -62,10 +67,31 @@ Viewing::Viewing(daemon::StreamRegistry& registry, Config config)
       video_kbps_(config.video_kbps),
       audio_kbps_(config.audio_kbps),
       idle_grace_s_(config.idle_grace_s) {
-  if (holding_card_) clip_ = std::make_unique<HoldingClip>(CardConfig(fps_));
+  if (holding_card_) clip_ = std::make_unique<HoldingClip>(CardConfig(fps_), [this] { StartWaitingCards(); });
 }
 
-Viewing::~Viewing() { Stop(); }
+Viewing::~Viewing() {
+  // First: its builder may still run the ready callback, which takes the watch list's lock.
+  clip_.reset();
+  Stop();
+}
+
+void Viewing::StartCard(Watch& watch, const HoldingClip& clip) {
+  std::lock_guard lock(watch.card_mutex);
+  if (watch.holding || watch.host_picture) return;
+  const std::vector<std::uint8_t> header = clip.SequenceHeader();
+  if (header.empty()) return;  // The card could not be made; the watch waits without it.
+  watch.stream->SetSequenceHeader(header);
+  watch.holding = std::make_unique<HoldingSource>(watch.stream->frames(), watch.stream->audio(), clip);
+  watch.holding->Start();
+}
+
+void Viewing::StartWaitingCards() {
+  std::lock_guard lock(mutex_);
+  for (const auto& watch : watches_) {
+    if (!watch->done.load()) StartCard(*watch, *clip_);
+  }
+}
 
 void Viewing::ApplyMedia(daemon::MediaStream& stream, const transport::StreamMedia& media) {
   daemon::AudioConfig audio;
@@ -90,26 +116,33 @@ bool Viewing::IdleDrop(IdleState& state, std::size_t players, std::int64_t now,
     state.idle_since = 0;
     return false;
   }
-  // A player may take long to come: a watch that never had one is not dropped by this rule.
-  if (!state.had_players) return false;
   if (state.idle_since == 0) {
     state.idle_since = now;
     return false;
   }
-  return now - state.idle_since >= grace_s * 1'000'000'000;
+  // A player may take long to come after the resolve (VRChat's opens it when the video starts):
+  // a watch that never had one gets longer.
+  const std::int64_t limit_s = state.had_players ? grace_s : std::max(grace_s, kNeverPlayedGraceS);
+  return now - state.idle_since >= limit_s * 1'000'000'000;
 }
 
-void Viewing::Ensure(const std::string& token) {
-  if (token.empty()) return;
+Viewing::EnsureResult Viewing::Ensure(const std::string& token) {
+  if (token.empty()) return EnsureResult::kFailed;
   // The host's own stream when this program shares the token: no peer connection is made.
-  if (registry_.Find(token)) return;
+  if (registry_.Find(token)) return EnsureResult::kReady;
 
   transport::PeerConfig peer_config;
   transport::SignalConfig signal_config;
   {
     std::lock_guard lock(mutex_);
+    std::size_t live = 0;
     for (const auto& watch : watches_) {
-      if (watch->token == token) return;
+      if (watch->token == token) return EnsureResult::kReady;
+      live += watch->done.load() ? 0u : 1u;
+    }
+    if (live >= kMaxWatches) {
+      LOG_WARN("token={} not watched: {} links are watched already", token, live);
+      return EnsureResult::kTooMany;
     }
     peer_config.ice_servers = ice_servers_;
     peer_config.ice_policy = ice_policy_;
@@ -141,7 +174,7 @@ void Viewing::Ensure(const std::string& token) {
     watch->link = transport::CreateAnswerer(peer_config);
   } catch (const std::exception& error) {
     LOG_WARN("token={} CreateAnswerer failed: {}", token, error.what());
-    return;
+    return EnsureResult::kFailed;
   }
   transport::PeerLink* const link = watch->link.get();
   watch->receiver =
@@ -150,6 +183,8 @@ void Viewing::Ensure(const std::string& token) {
   watch->receiver->SetSequenceHeaderHandler(
       [raw](PeerReceiver::ByteSpan bytes) { raw->stream->SetSequenceHeader(bytes); });
   watch->receiver->SetFirstVideoHandler([raw]() -> std::int64_t {
+    std::lock_guard lock(raw->card_mutex);
+    raw->host_picture = true;
     if (!raw->holding) return 0;
     raw->holding->Stop();
     const std::uint64_t played = raw->holding->frames_played();
@@ -159,18 +194,9 @@ void Viewing::Ensure(const std::string& token) {
   });
   watch->receiver->Start();
 
-  if (clip_) {
-    if (clip_->WaitReady(kCardWaitMs)) {
-      const std::vector<std::uint8_t> header = clip_->SequenceHeader();
-      if (!header.empty()) {
-        stream.SetSequenceHeader(header);
-        watch->holding = std::make_unique<HoldingSource>(stream.frames(), stream.audio(), *clip_);
-        watch->holding->Start();
-      }
-    } else {
-      LOG_DEBUG("card not ready");
-    }
-  }
+  // A card still being built starts in this watch once it is ready (StartWaitingCards); the
+  // players that come meanwhile wait for its first picture.
+  if (clip_ && clip_->WaitReady(kCardWaitMs)) StartCard(*watch, *clip_);
 
   stream.SetKeyframeRequester([weak = std::weak_ptr<transport::PeerLink>(watch->link)] {
     if (const auto alive = weak.lock()) alive->RequestKeyframe();
@@ -194,7 +220,9 @@ void Viewing::Ensure(const std::string& token) {
     registry_.Publish(token, watch->stream);
     std::lock_guard lock(mutex_);
     watches_.push_back(std::move(watch));
-    return;
+    // The card may have become ready after the wait above and before the watch was listed.
+    if (clip_ && clip_->WaitReady(0)) StartCard(*raw, *clip_);
+    return EnsureResult::kReady;
   }
 
   watch->signal = transport::CreateViewerSignalClient(signal_config);
@@ -242,8 +270,10 @@ void Viewing::Ensure(const std::string& token) {
   {
     std::lock_guard lock(mutex_);
     watches_.push_back(std::move(watch));
+    if (clip_ && clip_->WaitReady(0)) StartCard(*raw, *clip_);
   }
   LOG_INFO("token={} fetching", token);
+  return EnsureResult::kReady;
 }
 
 void Viewing::End(daemon::StreamRegistry& registry, Watch& watch) {

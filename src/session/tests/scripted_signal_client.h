@@ -49,6 +49,8 @@ class ScriptedSignalClient : public transport::SignalClient {
   bool SendAnswer(const std::string& sdp) override { return Record({"answer", {}, sdp}); }
   void Start() override {}
   void Stop() override {}
+  void End(std::chrono::milliseconds) override { ++ends_; }
+  int ends() const { return ends_; }
   bool connected() const override { return true; }
   std::uint64_t reconnects() const override { return 0; }
 
@@ -90,6 +92,7 @@ class ScriptedSignalClient : public transport::SignalClient {
   std::function<void(const std::string&, const transport::PeerIdentity&)> on_peer_;
   std::function<void(const std::string&)> on_peer_gone_;
   int peer_handler_sets_ = 0;
+  int ends_ = 0;
   std::function<void(const std::string&, const std::string&)> on_answer_;
   std::function<void(const transport::StreamMedia&)> on_media_;
   std::function<void(const std::string&)> on_offer_;

@@ -336,6 +336,47 @@ TEST_F(SharingTest, RevokeTwiceMakesTwoNewTokensAndEachOldOneStopsAtOnce) {
   EXPECT_TRUE(sharing.capture_running());
 }
 
+// Where the share stands with its signal server, for the window's line and the command line's
+// exit: reaching, meeting, lost and retrying, refused with the server's reason.
+TEST_F(SharingTest, TheSignalServersAnswersAreKeptAsTheShareState) {
+  auto window = OpenWindow("Signal state", "00FF00");
+  auto config = SmallConfig();
+  config.audio_enabled = false;
+  Sharing sharing(registry_, config);
+  EXPECT_EQ(sharing.signal_state(), SignalState::kOff);
+  sharing.Start(WindowTarget(*window, "local only"));
+  EXPECT_EQ(sharing.signal_state(), SignalState::kOff) << "no signal server: this computer only";
+  sharing.Stop();
+
+  config.signal_url = signal_.url();
+  Sharing peered(registry_, config);
+  std::atomic<int> refusals{0};
+  std::string told;
+  peered.OnRefused([&](const std::string& reason) {
+    told = reason;
+    ++refusals;
+  });
+  peered.Start(WindowTarget(*window, "peered"));
+  ASSERT_TRUE(NextHost().has_value());
+  EXPECT_EQ(peered.signal_state(), SignalState::kConnecting);
+  signal_.Send(R"({"type":"hosting"})");
+  EXPECT_TRUE(Eventually([&] { return peered.signal_state() == SignalState::kConnected; }));
+  signal_.Drop();
+  EXPECT_TRUE(Eventually([&] { return peered.signal_state() != SignalState::kConnected; }));
+  ASSERT_TRUE(NextHost().has_value()) << "it registers again";
+  EXPECT_EQ(peered.signal_state(), SignalState::kLost);
+  signal_.Send(R"({"type":"error","reason":"token taken"})");
+  EXPECT_TRUE(Eventually([&] { return peered.signal_state() == SignalState::kRefused; }));
+  EXPECT_EQ(peered.refusal(), "token taken");
+  // The handler runs after the state is kept; `told` is written before the count goes up.
+  ASSERT_TRUE(Eventually([&] { return refusals.load() == 1; }));
+  EXPECT_EQ(told, "token taken");
+  // A new link is a new registration: the refusal was the old one's.
+  peered.Revoke();
+  EXPECT_EQ(peered.refusal(), "");
+  EXPECT_NE(peered.signal_state(), SignalState::kRefused);
+}
+
 TEST_F(SharingTest, RetargetFromAWindowToAMonitorMovesTheSoundToTheWholeMix) {
   auto window = OpenWindow("Window with sound", "FF0000", 440);
   auto config = SmallConfig();

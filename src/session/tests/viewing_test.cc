@@ -2,6 +2,7 @@
 // refusal, the idle rule and Poll, against a scripted signal server on loopback.
 #include "mirell/session/viewing.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -199,11 +200,20 @@ TEST_F(ViewingTest, WithoutASignalUrlTheStreamPlaysOnlyTheCard) {
   EXPECT_TRUE(reader->Pop(5000) != nullptr);
 }
 
-TEST_F(ViewingTest, ACardThatIsNotReadyInTimeIsLeftOut) {
+// A link resolved right after start-up: the card is still being built. The watch gets it as soon
+// as it is ready, and its players with it (before, the watch stayed without a card, and every
+// player of it was answered 503 until the host let the viewer in).
+TEST_F(ViewingTest, ACardThatIsNotReadyInTimeStartsOnceItIs) {
   Viewing viewing(registry_, Config(true));
   viewing.Ensure("TOKEN0000001");  // The clip takes far longer than 120 ms to build.
-  EXPECT_TRUE(Logged("card not ready"));
-  EXPECT_TRUE(registry_.Find("TOKEN0000001")->SequenceHeader().empty());
+  const auto stream = registry_.Find("TOKEN0000001");
+  ASSERT_NE(stream, nullptr);
+  ASSERT_FALSE(viewing.WaitCardReady(0)) << "the card was ready before the watch: nothing came late";
+  EXPECT_TRUE(stream->SequenceHeader().empty());
+  auto reader = stream->frames().Subscribe(64, 0);
+  ASSERT_TRUE(viewing.WaitCardReady(120'000));  // About 2 s; far longer under the sanitizers.
+  EXPECT_TRUE(stream->WaitSequenceHeader(5000));
+  EXPECT_TRUE(reader->Pop(5000) != nullptr) << "the card plays into the watch made before it";
 }
 
 TEST_F(ViewingTest, AnOfferIsAnsweredAndADifferentAudioFormatIsOnlyWarnedAbout) {
@@ -266,6 +276,22 @@ TEST_F(ViewingTest, StopEndsEveryWatch) {
   EXPECT_TRUE(reader->Closed());
 }
 
+// Any local program can ask the resolver: each watch is a peer and a signal connection, so only
+// so many are made; a token already watched, or a place that frees up, is served.
+TEST_F(ViewingTest, NoMoreThanTheMostWatchesAreMade) {
+  Viewing viewing(registry_, Config());
+  for (std::size_t i = 0; i < Viewing::kMaxWatches; ++i) {
+    EXPECT_EQ(viewing.Ensure(fmt::format("TOKEN{:07}", i)), Viewing::EnsureResult::kReady);
+  }
+  EXPECT_EQ(viewing.Ensure("TOKENXXXXXXX"), Viewing::EnsureResult::kTooMany);
+  EXPECT_EQ(registry_.Find("TOKENXXXXXXX"), nullptr);
+  EXPECT_EQ(viewing.Ensure("TOKEN0000000"), Viewing::EnsureResult::kReady) << "already watched";
+  viewing.Drop("TOKEN0000000");
+  viewing.Poll();
+  EXPECT_EQ(viewing.Ensure("TOKENXXXXXXX"), Viewing::EnsureResult::kReady);
+  EXPECT_EQ(viewing.WatchCount(), Viewing::kMaxWatches);
+}
+
 TEST_F(ViewingTest, AWatchWhosePlayerNeverCameStays) {
   Viewing::Config config = Config();
   config.idle_grace_s = 0;
@@ -306,11 +332,24 @@ TEST(ViewingIdleRuleTest, APlayerWhoComesBackWithinTheGraceResetsTheCount) {
   EXPECT_TRUE(Viewing::IdleDrop(state, 0, 15 * kSecond, 6));
 }
 
-TEST(ViewingIdleRuleTest, NeverHavingHadAPlayerIsNoReasonToDrop) {
+// A link resolved by something that never plays it (or a flood of resolves) must not keep a peer
+// connection for ever; a player that is slow to come gets half a minute.
+TEST(ViewingIdleRuleTest, AWatchThatNeverHadAPlayerIsDroppedAfterHalfAMinute) {
   Viewing::IdleState state;
   EXPECT_FALSE(Viewing::IdleDrop(state, 0, 1 * kSecond, 6));
-  EXPECT_FALSE(Viewing::IdleDrop(state, 0, 1000 * kSecond, 6));
+  EXPECT_FALSE(Viewing::IdleDrop(state, 0, 30 * kSecond, 6));
+  EXPECT_TRUE(Viewing::IdleDrop(state, 0, 31 * kSecond, 6));
   EXPECT_FALSE(state.had_players);
+
+  Viewing::IdleState long_grace;
+  EXPECT_FALSE(Viewing::IdleDrop(long_grace, 0, 1 * kSecond, 60));
+  EXPECT_FALSE(Viewing::IdleDrop(long_grace, 0, 60 * kSecond, 60));
+  EXPECT_TRUE(Viewing::IdleDrop(long_grace, 0, 61 * kSecond, 60)) << "the longer of the two";
+
+  Viewing::IdleState late_player;
+  EXPECT_FALSE(Viewing::IdleDrop(late_player, 0, 1 * kSecond, 6));
+  EXPECT_FALSE(Viewing::IdleDrop(late_player, 1, 20 * kSecond, 6)) << "a player came in time";
+  EXPECT_EQ(late_player.idle_since, 0);
 }
 
 }  // namespace

@@ -65,6 +65,24 @@ class Client final : public SignalClient {
     });
   }
 
+  void End(std::chrono::milliseconds limit) override {
+    std::shared_ptr<Attempt> attempt;
+    {
+      std::lock_guard lock(socket_lock_);
+      attempt = attempt_;
+    }
+    if (host_ && connected_.load() && attempt) {
+      ending_.store(true);  // The server's close that follows is no reason to reconnect.
+      if (Send([&] { return MakeEndMessage(config_.token); })) {
+        std::unique_lock lock(attempt->mutex);
+        if (!attempt->changed.wait_for(lock, limit, [&] { return attempt->done; })) {
+          LOG_INFO("the server did not close within {} ms of the end", limit.count());
+        }
+      }
+    }
+    Stop();
+  }
+
   void Stop() override {
     if (!running_.exchange(false)) return;
     {
@@ -119,7 +137,7 @@ class Client final : public SignalClient {
         if (wake_.wait_until(lock, until, [this] { return !running_.load(); })) return;
       }
       const bool registered = OpenAndServe();
-      if (!running_.load() || refused_.load()) return;
+      if (!running_.load() || refused_.load() || ending_.load()) return;
       delay_ms = NextReconnectDelayMs(delay_ms, registered);
       reconnects_.fetch_add(1);
     }
@@ -127,6 +145,7 @@ class Client final : public SignalClient {
 
   bool OpenAndServe() {
     std::shared_ptr<WebSocket> socket = CreateWebSocket();
+    socket->SetIdleLimit(config_.idle_limit);
     auto attempt = std::make_shared<Attempt>();
     // The socket's handlers never outlive it (its destructor clears them), so a plain pointer
     // to it does not keep it alive in a cycle.
@@ -171,7 +190,7 @@ class Client final : public SignalClient {
     }
     socket->ForceClose();
     socket.reset();
-    if (running_.load() && !refused_.load()) LOG_INFO("socket closed, reconnecting");
+    if (running_.load() && !refused_.load() && !ending_.load()) LOG_INFO("socket closed, reconnecting");
     return attempt->registered.load();
   }
 
@@ -258,6 +277,7 @@ class Client final : public SignalClient {
   std::atomic<bool> connected_{false};
   std::atomic<std::uint64_t> reconnects_{0};
   std::atomic<bool> refused_{false};  // Written on the socket's thread, never reset.
+  std::atomic<bool> ending_{false};   // End was called; never reset.
   std::thread thread_;
 };
 

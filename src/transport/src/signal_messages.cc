@@ -87,6 +87,8 @@ std::string MakeDenyMessage(const std::string& peer) {
   return Dump({{"type", "deny"}, {"peer", peer}});
 }
 
+std::string MakeEndMessage(const std::string& token) { return Dump({{"type", "end"}, {"token", token}}); }
+
 ServerMessage ParseServerMessage(std::string_view text) {
   ServerMessage message;
   const Json root = Json::parse(text, nullptr, false);

@@ -18,6 +18,8 @@ std::string MakeJoinMessage(const SignalConfig& config);
 std::string MakeOfferMessage(const std::string& peer, const std::string& sdp);
 std::string MakeAnswerMessage(const std::string& sdp);
 std::string MakeDenyMessage(const std::string& peer);
+// "end" with token: the host is done with the share.
+std::string MakeEndMessage(const std::string& token);
 
 struct ServerMessage {
   enum class Kind { kUnparseable, kHosting, kJoined, kPeer, kPeerGone, kOffer, kAnswer, kError, kOther };
@@ -36,7 +38,8 @@ struct ServerMessage {
 // strings, "unknown" for an error's reason; a name without an identity is dropped.
 ServerMessage ParseServerMessage(std::string_view text);
 
-// The media object's numbers: a non-negative integer is taken modulo 2^32, anything else is 0.
+// The media object's fields: each number within its range (see the .cc), the AudioSpecificConfig
+// as a short run of hexadecimal digits; anything else is 0 or empty, "not said".
 StreamMedia ReadStreamMedia(std::string_view media_json);
 
 // The wait before the next connection attempt: none after a registered socket, else 500 ms more

@@ -64,6 +64,8 @@ class Core : public std::enable_shared_from_this<Core> {
   }
 
   void Run() { io_.run(); }
+  // Before Open, from the owner's thread: read by the I/O thread only after it starts.
+  void SetIdleLimit(std::chrono::milliseconds limit) { idle_limit_ = limit; }
 
   bool Send(const std::string& text) {
     if (!open_.load()) return false;
@@ -140,8 +142,15 @@ class Core : public std::enable_shared_from_this<Core> {
       beast::get_lowest_layer(ws).expires_never();
       websocket::stream_base::timeout timeout{};
       timeout.handshake_timeout = kHandshakeLimit;
-      timeout.idle_timeout = websocket::stream_base::none();
-      timeout.keep_alive_pings = false;
+      // Beast pings after half the idle time without a frame, and ends the connection after the
+      // whole of it.
+      if (idle_limit_.count() > 0) {
+        timeout.idle_timeout = idle_limit_;
+        timeout.keep_alive_pings = true;
+      } else {
+        timeout.idle_timeout = websocket::stream_base::none();
+        timeout.keep_alive_pings = false;
+      }
       ws.set_option(timeout);
       ws.read_message_max(kMaxMessageBytes);
       ws.set_option(websocket::stream_base::decorator([](websocket::request_type& request) {
@@ -235,6 +244,13 @@ class Core : public std::enable_shared_from_this<Core> {
       Call(&WebSocket::Handlers::on_error, reason.empty() ? error.message() : reason);
     }
     Call(&WebSocket::Handlers::on_closed);
+    // Beast leaves its idle timer waiting after a failed or closed connection; the stream's end
+    // frees it, so that the loop runs out now rather than at the next ping. Posted: this may run
+    // inside one of the stream's own completions.
+    net::post(io_, [self = shared_from_this()] {
+      self->plain_.reset();
+      self->secure_.reset();
+    });
   }
 
   template <typename Member, typename... Arguments>
@@ -262,6 +278,7 @@ class Core : public std::enable_shared_from_this<Core> {
   std::size_t queued_bytes_ = 0;
   bool writing_ = false;
   bool finished_ = false;
+  std::chrono::milliseconds idle_limit_{0};
 };
 
 class BeastWebSocket final : public WebSocket {
@@ -289,6 +306,10 @@ class BeastWebSocket final : public WebSocket {
     });
   }
 
+  void SetIdleLimit(std::chrono::milliseconds limit) override {
+    MIRELL_CHECK(!thread_.joinable(), "the idle limit is set before Open");
+    core_->SetIdleLimit(limit);
+  }
   bool Send(const std::string& text) override { return core_->Send(text); }
   bool IsOpen() const override { return core_->IsOpen(); }
   void ForceClose() override { core_->ForceClose(); }

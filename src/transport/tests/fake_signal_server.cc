@@ -38,6 +38,7 @@ struct FakeSignalServer::State : std::enable_shared_from_this<FakeSignalServer::
   int accepted = 0;
   std::shared_ptr<Connection> newest;  // I/O thread only.
   std::vector<std::weak_ptr<Connection>> all;  // I/O thread only.
+  std::vector<std::shared_ptr<Connection>> frozen;  // Kept open, never read; I/O thread only.
 
   static void Close(Connection& connection) {
     beast::error_code ignored;
@@ -115,6 +116,7 @@ FakeSignalServer::~FakeSignalServer() {
       if (auto connection = weak.lock()) State::Close(*connection);
     }
     state->newest.reset();
+    state->frozen.clear();
   });
   state_->thread.join();
 }
@@ -148,6 +150,16 @@ int FakeSignalServer::connections() const {
 void FakeSignalServer::Send(const std::string& text) { state_->Post(text, false); }
 
 void FakeSignalServer::SendBinary(const std::string& bytes) { state_->Post(bytes, true); }
+
+void FakeSignalServer::Freeze() {
+  net::post(state_->io, [state = state_] {
+    if (!state->newest) return;
+    // The pending read ends aborted and no other is started; the socket stays open.
+    beast::error_code ignored;
+    beast::get_lowest_layer(state->newest->ws).socket().cancel(ignored);
+    state->frozen.push_back(std::move(state->newest));
+  });
+}
 
 void FakeSignalServer::Drop() {
   net::post(state_->io, [state = state_] {

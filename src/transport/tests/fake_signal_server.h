@@ -33,6 +33,9 @@ class FakeSignalServer {
   void SendBinary(const std::string& bytes);
   // Ends the newest connection's TCP connection without a closing handshake.
   void Drop();
+  // The newest connection goes silent as a half-open one does: its TCP connection stays, but
+  // nothing more is read from it or answered (pings included).
+  void Freeze();
 
  private:
   struct State;

@@ -16,6 +16,7 @@
 #include "fake_signal_server.h"
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
 
@@ -224,6 +225,69 @@ TEST_F(SignalClientTest, ARegisteredSocketThatFallsIsReopenedAtOnceAndRegistersA
   EXPECT_EQ(events_.Count("ready"), 2);
   EXPECT_EQ(client->reconnects(), 1u);
   EXPECT_NE(log().find("socket closed, reconnecting"), std::string::npos);
+}
+
+// A NAT that forgot the connection, or a machine that slept: the TCP connection looks open and
+// nothing comes. The client pings at half the idle limit and, unanswered, reconnects at the limit.
+TEST_F(SignalClientTest, AServerThatFallsSilentIsTakenAsGoneAndTheClientReconnects) {
+  auto config = HostConfig();
+  config.idle_limit = 1s;
+  auto client = CreateHostSignalClient(config);
+  Watch(*client);
+  client->Start();
+  EXPECT_EQ(NextJson()["type"], "host");
+  server_.Send(R"({"type":"hosting"})");
+  ASSERT_TRUE(events_.WaitFor("ready"));
+  // Answered pings keep a quiet connection open through several idle limits.
+  EXPECT_FALSE(server_.WaitForConnections(2, 2500ms));
+  EXPECT_EQ(client->reconnects(), 0u);
+  EXPECT_TRUE(client->connected());
+
+  server_.Freeze();
+  ASSERT_TRUE(server_.WaitForConnections(2, 5s)) << log();
+  EXPECT_EQ(client->reconnects(), 1u);
+  EXPECT_EQ(NextJson()["type"], "host") << "it registers again";
+  client->Stop();
+}
+
+TEST_F(SignalClientTest, EndTellsTheServerAndReturnsWhenItCloses) {
+  auto client = CreateHostSignalClient(HostConfig());
+  Watch(*client);
+  client->Start();
+  EXPECT_EQ(NextJson()["type"], "host");
+  server_.Send(R"({"type":"hosting"})");
+  ASSERT_TRUE(events_.WaitFor("ready"));
+  std::atomic<bool> ended{false};
+  std::thread ender([&] {
+    client->End(60s);
+    ended = true;
+  });
+  const Json end = NextJson();
+  EXPECT_EQ(end, Json::parse(R"({"type":"end","token":"ABCDEFGHJKMN"})"));
+  EXPECT_FALSE(ended.load()) << "End waits for the server's close";
+  const auto closed = std::chrono::steady_clock::now();
+  server_.Drop();
+  ender.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - closed, 30s) << "not the whole limit";
+  EXPECT_FALSE(server_.WaitForConnections(2, 700ms)) << "an ended share does not reconnect";
+  EXPECT_EQ(log().find("socket closed, reconnecting"), std::string::npos);
+}
+
+TEST_F(SignalClientTest, EndWithoutAConnectionOnlyStopsAndAViewerSendsNoEnd) {
+  auto config = HostConfig();
+  config.url = "ws://127.0.0.1:" + std::to_string(testsupport::FreeLoopbackPort()) + "/signal";
+  auto host = CreateHostSignalClient(config);
+  host->Start();
+  host->End(60s);
+  EXPECT_FALSE(host->connected());
+
+  auto viewer = CreateViewerSignalClient(ViewerConfig());
+  viewer->Start();
+  EXPECT_EQ(NextJson()["type"], "join");
+  server_.Send(R"({"type":"joined"})");
+  ASSERT_TRUE(testsupport::Eventually([&] { return viewer->connected(); }));
+  viewer->End(60s);
+  EXPECT_FALSE(server_.NextMessage(300ms).has_value()) << "only a host ends a share";
 }
 
 TEST_F(SignalClientTest, SendBeforeTheSocketIsOpenFailsAndNothingIsSentLater) {

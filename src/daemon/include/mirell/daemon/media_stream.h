@@ -42,6 +42,9 @@ class MediaStream {
 
   void SetSequenceHeader(std::span<const std::uint8_t> annex_b);
   std::vector<std::uint8_t> SequenceHeader() const;
+  // Waits up to `ms` from the call for a sequence header (the card's, or the host's); returns
+  // whether there is one.
+  bool WaitSequenceHeader(int ms);
 
   void SetAudio(AudioConfig config);
   std::optional<AudioConfig> Audio() const;

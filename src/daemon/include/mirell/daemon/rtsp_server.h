@@ -34,6 +34,13 @@ class RtspServer {
   std::uint16_t port() const { return port_; }
   // When set, each PLAY draws a random start for the RTP time stamps (off by default).
   void SetRandomizeRtpBase(bool randomize) { randomize_rtp_base_ = randomize; }
+  // Connections served at once (a thread each); one more is closed as soon as it is accepted, so
+  // that a local program cannot make the server spend a thread per connection without bound.
+  // Before Start. Default kDefaultMaxClients.
+  static constexpr std::size_t kDefaultMaxClients = 32;
+  void SetMaxClients(std::size_t limit) { max_clients_ = limit; }
+  // Connections closed for being beyond the limit, since Start.
+  std::uint64_t refused_connections() const { return refused_.load(); }
 
  private:
   struct Client {
@@ -56,6 +63,8 @@ class RtspServer {
   std::vector<Client> client_threads_;
   std::atomic<bool> running_{false};
   std::atomic<std::uint64_t> next_client_{0};
+  std::atomic<std::uint64_t> refused_{0};
+  std::size_t max_clients_ = kDefaultMaxClients;
   std::uint16_t port_ = 0;
 };
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -32,8 +33,9 @@ struct HoldingClipConfig {
 
 class HoldingClip {
  public:
-  // Starts building on a thread of its own and returns at once.
-  explicit HoldingClip(HoldingClipConfig config);
+  // Starts building on a thread of its own and returns at once. `on_ready`, if given, runs on that
+  // thread once the build has ended (for better or worse), unless the clip is being destroyed.
+  explicit HoldingClip(HoldingClipConfig config, std::function<void()> on_ready = {});
   ~HoldingClip();
   HoldingClip(const HoldingClip&) = delete;
   HoldingClip& operator=(const HoldingClip&) = delete;
@@ -53,6 +55,7 @@ class HoldingClip {
   void MarkReady();
 
   const HoldingClipConfig config_;
+  const std::function<void()> on_ready_;
   mutable std::mutex mutex_;
   std::vector<std::uint8_t> sequence_header_;
   std::vector<encode::EncodedFrame> frames_;

@@ -59,6 +59,15 @@ struct CaptureFactories {
       capture::CreateDeviceLoopbackCapturer;
 };
 
+// How the share stands with its signal server, the only way viewers reach it.
+enum class SignalState {
+  kOff,         // No share, or no signal server: it plays on this computer only.
+  kConnecting,  // Not registered yet.
+  kConnected,   // Registered: viewers can reach it.
+  kLost,        // Was registered or tried, and is trying again.
+  kRefused,     // The server said no (refusal() says why); no more tries.
+};
+
 class Sharing {
  public:
   struct Config {
@@ -106,6 +115,8 @@ class Sharing {
 
   // Read at each call, so that it applies to a running share too.
   void OnViewerPending(PendingHandler handler);
+  // The signal server refused the running share (on the signal client's thread; copy and post).
+  void OnRefused(std::function<void(const std::string& reason)> handler);
   // A waiting viewer left before the user decided (on the signal client's thread; copy and post).
   void OnViewerPendingGone(std::function<void(const std::string& connection_id)> handler);
   // Also handed to the running share's door.
@@ -129,6 +140,9 @@ class Sharing {
   std::int64_t seconds_left() const;
   std::string label() const;
   std::string token() const;
+  SignalState signal_state() const;
+  // Why the server refused the running share; empty when it did not.
+  std::string refusal() const;
   // "https://" + share prefix + token; empty without a share.
   std::string link() const;
   std::size_t viewer_count() const;
@@ -156,6 +170,7 @@ class Sharing {
   std::mutex handler_mutex_;
   PendingHandler on_viewer_pending_;
   std::function<void(const std::string&)> on_viewer_pending_gone_;
+  std::function<void(const std::string&)> on_refused_;
   mutable std::mutex mutex_;
   std::unique_ptr<State> state_;
 };

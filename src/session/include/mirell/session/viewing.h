@@ -46,10 +46,18 @@ class Viewing {
   Viewing(const Viewing&) = delete;
   Viewing& operator=(const Viewing&) = delete;
 
+  enum class EnsureResult {
+    kReady,    // A stream is published under the token.
+    kTooMany,  // kMaxWatches are being watched: nothing new is made.
+    kFailed,   // The link could not be made; nothing is published.
+  };
+  // Links watched at once: each costs a peer connection and a signal connection, and a local
+  // program may resolve any number of them.
+  static constexpr std::size_t kMaxWatches = 8;
   // Makes sure a stream is published under the token: the host's own when this program shares
   // it, else a new watch that plays the card at once and fetches the host's media. Waits for
-  // nothing but the card, at most 120 ms. A link that cannot be made leaves nothing published.
-  void Ensure(const std::string& token);
+  // nothing but the card, at most 120 ms.
+  EnsureResult Ensure(const std::string& token);
   // Drops the watches that are done or have had no player for the grace period.
   void Poll();
   // Ends every watch.
@@ -70,6 +78,9 @@ class Viewing {
   // defaults (48 kHz, stereo, 128 kb/s) and a missing or bad config is derived from them.
   static void ApplyMedia(daemon::MediaStream& stream, const transport::StreamMedia& media);
 
+  // A watch that no player ever read is dropped after this long (or the grace, if longer): a
+  // link resolved by something that never plays it must not keep a peer connection for ever.
+  static constexpr std::int64_t kNeverPlayedGraceS = 30;
   // The idle rule: whether a watch with `players` readers is to be dropped at `now`. Updates the
   // two fields it keeps.
   struct IdleState {
@@ -83,6 +94,10 @@ class Viewing {
   struct Watch;
 
   static void End(daemon::StreamRegistry& registry, Watch& watch);
+  // Starts the card in a watch that has none, unless the host's picture has come; any thread.
+  static void StartCard(Watch& watch, const HoldingClip& clip);
+  // The card's builder thread, once the card is ready: every watch made before it gets it.
+  void StartWaitingCards();
 
   daemon::StreamRegistry& registry_;
   std::string signal_url_;

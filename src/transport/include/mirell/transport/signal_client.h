@@ -15,6 +15,7 @@
 #pragma once
 
 #include <cstdint>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -52,6 +53,9 @@ struct SignalConfig {
   std::string identity;      // Viewer only; may be empty.
   std::string display_name;  // Viewer only; sent only with an identity.
   std::optional<StreamMedia> media;  // Host only.
+  // A server silent this long (a ping goes out at half of it) is taken as gone, and the client
+  // reconnects. Zero: never.
+  std::chrono::milliseconds idle_limit{30'000};
 };
 
 // Handlers run on the socket's I/O thread, with no lock of the client held, so they may call the
@@ -86,8 +90,13 @@ class SignalClient {
 
   // Starts the client's thread; a second call does nothing.
   virtual void Start() = 0;
-  // Ends the thread and closes the socket; a second call does nothing. Never from a handler.
+  // Ends the thread and closes the socket; a second call does nothing. Never from a handler. The
+  // server keeps a host's token for it (a reconnect gets it back) until End or a day has passed.
   virtual void Stop() = 0;
+  // Host: tells the server that the share is over, so that it lets the token go and sends the
+  // waiting viewers away, waits at most `limit` for the server to close the connection, then
+  // stops as Stop does. Not connected: only stops. Never from a handler.
+  virtual void End(std::chrono::milliseconds limit = std::chrono::milliseconds(1000)) = 0;
   // True from "hosting"/"joined" until that socket ends.
   virtual bool connected() const = 0;
   // How many connection attempts have ended.

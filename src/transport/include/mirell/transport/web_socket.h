@@ -3,6 +3,7 @@
 // stands on Boost.Beast with OpenSSL; nothing of those shows here.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -24,6 +25,11 @@ class WebSocket {
   // Closes by force if still open and joins the I/O thread. Never from a callback.
   virtual ~WebSocket() = default;
 
+  // Before Open: a connection that hears nothing from the server for `limit` is ended as dead
+  // (on_error, then on_closed), and a ping goes out after half of it, so that a live server is
+  // never silent that long. Zero: never (the default). A half-open TCP connection (a NAT that
+  // forgot it, a machine that slept) is otherwise never noticed.
+  virtual void SetIdleLimit(std::chrono::milliseconds limit) = 0;
   // Starts connecting to a "ws://" or "wss://" URL and returns at once; the outcome arrives
   // through the handlers. Throws Error for a URL that is not of that form. Call once.
   virtual void Open(const std::string& url, Handlers handlers) = 0;
