@@ -94,9 +94,10 @@ void RtspServer::AcceptLoop() {
     std::size_t live = 0;
     for (const Client& existing : client_threads_) live += existing.finished->load() ? 0u : 1u;
     if (live >= max_clients_) {
+      // Counted before the close, which the client may see at once.
+      const std::uint64_t refused = refused_.fetch_add(1) + 1;
       CloseSocket(socket);
       // The first and every hundredth: a flood must not flood the log too.
-      const std::uint64_t refused = refused_.fetch_add(1) + 1;
       if (refused == 1 || refused % 100 == 0) {
         LOG_WARN("refused connection {} beyond the {} served at once", refused, max_clients_);
       }

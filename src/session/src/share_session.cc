@@ -182,6 +182,7 @@ void ShareSession::OnAnswer(const std::string& id, const std::string& sdp) {
 }
 
 void ShareSession::Approve(const std::string& id) {
+  if (!running_.load()) return;
   transport::PeerIdentity identity;
   {
     std::lock_guard lock(mutex_);
@@ -190,7 +191,11 @@ void ShareSession::Approve(const std::string& id) {
     identity = std::move(found->second);
     pending_.erase(found);
   }
-  Admit(id, identity, false, TakePrepared(id));
+  // The link is taken or made on the admissions thread: making one can wait on webrtcbin and a
+  // name lookup, and the person's click must not hold the window.
+  if (!admissions_.Post([this, id, identity] { Admit(id, identity, false, TakePrepared(id)); })) {
+    LOG_WARN("peer={} not let in: too many admissions at once", id);
+  }
 }
 
 void ShareSession::Admit(const std::string& id, const transport::PeerIdentity& identity,
@@ -262,7 +267,7 @@ void ShareSession::Deny(const std::string& id) {
   }
   // A late answer to a prompt about someone already handled sends nothing.
   if (!erased) return;
-  if (auto unused = TakePrepared(id)) unused->Close();
+  CloseUnused(id);
   LOG_INFO("peer={} denied", id);
   signal_->SendDeny(id);
 }
@@ -279,17 +284,27 @@ void ShareSession::Disconnect(const std::string& id) {
     }
   }
   if (!known) return;
-  if (auto unused = TakePrepared(id)) unused->Close();
+  CloseUnused(id);
   LOG_INFO("peer={} removed", id);
   signal_->SendDeny(id);
 }
 
 void ShareSession::Sweep() {
   std::vector<std::shared_ptr<Peer>> gone;
+  const std::int64_t now = SteadyNowNs();
   {
     std::lock_guard lock(mutex_);
     for (auto it = peers_.begin(); it != peers_.end();) {
-      if (!it->second->gone.load()) {
+      Peer& peer = *it->second;
+      // A viewer whose link has not connected within the bound will not: its answer was lost,
+      // or no path between the two was found. Its place and its link go.
+      if (!peer.gone.load() && peer.link && peer.link->state() == PeerState::kConnecting &&
+          now - peer.admitted_at >= connect_limit_ns_) {
+        LOG_WARN("peer={} not connected within {} s, closed", it->first, connect_limit_ns_ / 1'000'000'000);
+        peer.gone = true;
+        ++failed_;
+      }
+      if (!peer.gone.load()) {
         ++it;
         continue;
       }
@@ -299,10 +314,15 @@ void ShareSession::Sweep() {
     }
   }
   UpdateRates();
-  // Outside the lock, so that the list stays readable while senders are joined.
-  for (const std::shared_ptr<Peer>& peer : gone) {
-    End(*peer);
-    ++departed_;
+  if (gone.empty()) return;
+  departed_ += gone.size();
+  // Closing joins the senders' and links' threads: on the admissions thread, not the window's.
+  // A full queue (a flood of departures) closes them here rather than not at all.
+  auto ending = std::make_shared<std::vector<std::shared_ptr<Peer>>>(std::move(gone));
+  if (!admissions_.Post([ending] {
+        for (const std::shared_ptr<Peer>& peer : *ending) End(*peer);
+      })) {
+    for (const std::shared_ptr<Peer>& peer : *ending) End(*peer);
   }
 }
 
@@ -329,6 +349,21 @@ void ShareSession::UpdateRates() {
   }
 }
 
+void ShareSession::CloseUnused(const std::string& id) {
+  std::shared_ptr<transport::PeerLink> unused;
+  {
+    // Taken out now, so that its place among the prepared links is free at once.
+    std::lock_guard lock(mutex_);
+    const auto found = prepared_.find(id);
+    if (found == prepared_.end()) return;
+    unused = std::move(found->second.link);
+    prepared_.erase(found);
+  }
+  // Closing joins the link's threads: not on the caller's (the interface) thread. A full queue
+  // closes it here rather than not at all.
+  if (!admissions_.Post([unused] { unused->Close(); })) unused->Close();
+}
+
 void ShareSession::End(Peer& peer) {
   if (peer.sender) peer.sender->Stop();
   if (peer.link) peer.link->Close();
@@ -336,6 +371,9 @@ void ShareSession::End(Peer& peer) {
 
 void ShareSession::Stop() {
   if (!running_.exchange(false)) return;
+  // An admission under way finishes first (it adds its viewer, who is then ended with the rest);
+  // those that wait are dropped.
+  admissions_.Stop();
   std::map<std::string, std::shared_ptr<Peer>> ended;
   std::map<std::string, Prepared> unused;
   {

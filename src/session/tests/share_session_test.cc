@@ -11,6 +11,7 @@
 #include "mirell/base/clock.h"
 #include "mirell/base/logging.h"
 #include "mirell/session/peer_receiver.h"
+#include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "interop_support.h"
@@ -130,6 +131,7 @@ TEST_F(ShareSessionTest, AnUnlistedViewerWaitsForTheUser) {
 
   session_.Approve("c1");
   EXPECT_TRUE(session_.PendingViewers().empty());
+  ASSERT_TRUE(Eventually([&] { return session_.ViewerCount() == 1u; })) << "made on the admissions thread";
   const auto viewers = session_.Viewers();
   ASSERT_EQ(viewers.size(), 1u);
   EXPECT_FALSE(viewers[0].allowlisted);
@@ -341,6 +343,27 @@ TEST_F(ShareSessionTest, NobodyIsLetInAfterStop) {
   session_.Approve("c1");
   EXPECT_EQ(session_.ViewerCount(), 0u);
   EXPECT_NE(Log().find("admitted=0 departed=0"), std::string::npos);
+}
+
+// An offer that is never answered (the answer was lost, or no path was found) must not keep a
+// viewer's place and link for ever.
+TEST_F(ShareSessionTest, AViewerWhoseLinkDoesNotConnectWithinTheLimitIsClosed) {
+  session_.SetAdmissionRequired(false);
+  session_.SetConnectLimit(std::chrono::milliseconds(500));
+  session_.Start();
+  signal_.Peer("c1", {});
+  ASSERT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
+  session_.Sweep();
+  // Under a sanitizer gathering alone may take longer than the limit.
+  if (!testsupport::kSanitizedBuild) {
+    EXPECT_EQ(session_.ViewerCount(), 1u) << "within the limit";
+  }
+  EXPECT_TRUE(Eventually([&] {
+    session_.Sweep();
+    return session_.ViewerCount() == 0u;
+  }));
+  EXPECT_EQ(session_.failed(), 1u);
+  EXPECT_EQ(session_.departed(), 1u);
 }
 
 TEST_F(ShareSessionTest, StopEndsEveryViewerWithoutCountingThemDeparted) {

@@ -4,6 +4,8 @@
 // connects: the link looks the name up first and leaves out a server whose name fails.
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -11,8 +13,15 @@ namespace mirell::transport {
 
 // An IPv4 or IPv6 address as text (without brackets): the host itself when it is one already,
 // else the first address its name resolves to, IPv4 preferred. nullopt when it does not
-// resolve. Answers are kept for a while, so that only the first link after a while waits for
-// the resolver. Blocks for as long as the resolver takes; safe from any thread.
-std::optional<std::string> NumericIceHost(const std::string& host);
+// resolve, or not within `limit`: the system's resolver has no deadline of its own, so it runs
+// on a thread of its own, which finishes by itself and keeps its answer for the next caller.
+// Answers are kept for a while, so that only the first link after a while waits for the
+// resolver. Safe from any thread.
+std::optional<std::string> NumericIceHost(const std::string& host,
+                                          std::chrono::milliseconds limit = std::chrono::seconds(2));
+
+// Tests: names are looked up with `resolver` (empty: the system's), and what was kept is
+// forgotten.
+void SetIceHostResolverForTesting(std::function<std::optional<std::string>(const std::string&)> resolver);
 
 }  // namespace mirell::transport

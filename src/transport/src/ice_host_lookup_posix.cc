@@ -5,9 +5,16 @@
 #include <arpa/inet.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <thread>
+
+#include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 
 namespace mirell::transport {
 namespace {
@@ -56,23 +63,75 @@ std::optional<std::string> Resolve(const std::string& host, bool numeric_only) {
   return result;
 }
 
+// One lookup on a thread of its own, which the callers wait for within the bound and which
+// finishes (and fills the cache) even when nobody waits any more.
+struct Lookup {
+  std::mutex mutex;
+  std::condition_variable done_changed;
+  bool done = false;
+  std::optional<std::string> address;
+};
+
+// Never destroyed: a lookup thread may outlive main's return.
+struct Cache {
+  std::mutex lock;
+  std::map<std::string, Known> known;
+  std::map<std::string, std::shared_ptr<Lookup>> running;
+  std::function<std::optional<std::string>(const std::string&)> resolver;  // Tests only.
+};
+
+Cache& TheCache() {
+  static Cache* cache = new Cache;
+  return *cache;
+}
+
 }  // namespace
 
-std::optional<std::string> NumericIceHost(const std::string& host) {
+std::optional<std::string> NumericIceHost(const std::string& host, std::chrono::milliseconds limit) {
   if (auto literal = Resolve(host, true)) return literal;
 
-  static std::mutex lock;
-  static std::map<std::string, Known> known;
+  Cache& cache = TheCache();
+  std::shared_ptr<Lookup> lookup;
   {
-    std::lock_guard hold(lock);
-    auto entry = known.find(host);
-    if (entry != known.end() && entry->second.until > Clock::now()) return entry->second.address;
+    std::lock_guard hold(cache.lock);
+    auto entry = cache.known.find(host);
+    if (entry != cache.known.end() && entry->second.until > Clock::now()) return entry->second.address;
+    auto& running = cache.running[host];
+    if (!running) {
+      running = std::make_shared<Lookup>();
+      auto resolver = cache.resolver;
+      std::thread([host, lookup = running, resolver] {
+        NameThisThread("ice-lookup");
+        std::optional<std::string> address = resolver ? resolver(host) : Resolve(host, false);
+        Cache& shared = TheCache();
+        {
+          std::lock_guard done(shared.lock);
+          shared.known[host] = Known{address, Clock::now() + (address ? kKeepAnswer : kKeepFailure)};
+          shared.running.erase(host);
+        }
+        {
+          std::lock_guard done(lookup->mutex);
+          lookup->address = std::move(address);
+          lookup->done = true;
+        }
+        lookup->done_changed.notify_all();
+      }).detach();
+    }
+    lookup = running;
   }
-  // Not under the lock: a slow resolver must not hold up links asking for other names.
-  std::optional<std::string> address = Resolve(host, false);
-  std::lock_guard hold(lock);
-  known[host] = Known{address, Clock::now() + (address ? kKeepAnswer : kKeepFailure)};
-  return address;
+  std::unique_lock wait(lookup->mutex);
+  if (!lookup->done_changed.wait_for(wait, limit, [&] { return lookup->done; })) {
+    LOG_WARN("the name {} did not resolve within {} ms", host, limit.count());
+    return std::nullopt;
+  }
+  return lookup->address;
+}
+
+void SetIceHostResolverForTesting(std::function<std::optional<std::string>(const std::string&)> resolver) {
+  Cache& cache = TheCache();
+  std::lock_guard hold(cache.lock);
+  cache.resolver = std::move(resolver);
+  cache.known.clear();
 }
 
 }  // namespace mirell::transport

@@ -26,6 +26,7 @@
 #include <thread>
 #include <utility>
 
+#include "gst_promise_reply.h"
 #include "gst_runtime.h"
 #include "ice_host_lookup.h"
 #include "mirell/base/logging.h"
@@ -55,34 +56,6 @@ std::int64_t NowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
       .count();
 }
-
-// A reply of a promise, kept with its promise; throws with the reply's error text.
-class PromiseReply {
- public:
-  explicit PromiseReply(GstPromise* promise, const char* what) : promise_(promise) {
-    if (gst_promise_wait(promise_) != GST_PROMISE_RESULT_REPLIED) {
-      gst_promise_unref(promise_);
-      throw std::runtime_error(std::string(what) + ": no reply from webrtcbin");
-    }
-    const GstStructure* reply = gst_promise_get_reply(promise_);
-    if (reply != nullptr && gst_structure_has_field(reply, "error")) {
-      GError* error = nullptr;
-      gst_structure_get(reply, "error", G_TYPE_ERROR, &error, nullptr);
-      std::string text = std::string(what) + ": " + (error ? error->message : "failed");
-      if (error) g_error_free(error);
-      gst_promise_unref(promise_);
-      throw std::runtime_error(text);
-    }
-  }
-  ~PromiseReply() { gst_promise_unref(promise_); }
-  PromiseReply(const PromiseReply&) = delete;
-  PromiseReply& operator=(const PromiseReply&) = delete;
-
-  const GstStructure* get() const { return gst_promise_get_reply(promise_); }
-
- private:
-  GstPromise* promise_;
-};
 
 std::string DescriptionText(const GstWebRTCSessionDescription* description) {
   gchar* text = gst_sdp_message_as_text(description->sdp);
@@ -411,13 +384,12 @@ void Link::AddTracksAndOffer(const OfferMedia& media) {
 }
 
 GstWebRTCSessionDescription* Link::CreateDescription(const char* action, const char* field) {
-  GstPromise* promise = gst_promise_new();
-  g_signal_emit_by_name(webrtc_, action, nullptr, promise);
-  PromiseReply reply(promise, action);
+  GstPromiseReply reply;
+  g_signal_emit_by_name(webrtc_, action, nullptr, reply.promise());
+  const GstStructure* answer = reply.Wait(action);
   GstWebRTCSessionDescription* description = nullptr;
-  if (reply.get() == nullptr ||
-      !gst_structure_get(reply.get(), field, GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &description,
-                         nullptr)) {
+  if (answer == nullptr ||
+      !gst_structure_get(answer, field, GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &description, nullptr)) {
     throw std::runtime_error(std::string(action) + ": no " + field + " in the reply");
   }
   return description;
@@ -445,10 +417,10 @@ void Link::ApplyStunServer() {
 }
 
 void Link::SetLocalDescription(GstWebRTCSessionDescription* description) {
-  GstPromise* promise = gst_promise_new();
-  g_signal_emit_by_name(webrtc_, "set-local-description", description, promise);
+  GstPromiseReply reply;
+  g_signal_emit_by_name(webrtc_, "set-local-description", description, reply.promise());
   gst_webrtc_session_description_free(description);
-  PromiseReply reply(promise, "set-local-description");
+  reply.Wait("set-local-description");
 }
 
 void Link::OnLocalDescription(std::function<void(const std::string&)> handler) {
@@ -507,10 +479,10 @@ void Link::SetRemoteDescription(const std::string& sdp) {
       offerer_ ? GST_WEBRTC_SDP_TYPE_ANSWER : GST_WEBRTC_SDP_TYPE_OFFER, message);
 
   {
-    GstPromise* promise = gst_promise_new();
-    g_signal_emit_by_name(webrtc_, "set-remote-description", description, promise);
+    GstPromiseReply reply;
+    g_signal_emit_by_name(webrtc_, "set-remote-description", description, reply.promise());
     gst_webrtc_session_description_free(description);
-    PromiseReply reply(promise, "set-remote-description");
+    reply.Wait("set-remote-description");
   }
   if (offerer_) return;
 

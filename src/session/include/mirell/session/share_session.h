@@ -4,13 +4,16 @@
 // link, keeps the list the window shows and works out each viewer's uplink rate.
 //
 // Threads: the signal client's thread runs the arrival, departure and answer handlers; the link's
-// threads run its state handler; everything else comes from the interface thread. The mutex guards
-// the three maps and is never held across a call into the network or the WebRTC stack: links are
-// made and senders stopped outside it. Handlers only set flags; Sweep, on the interface thread,
+// threads run its state handler; the session's admissions thread makes (or takes) the link of a
+// viewer the user let in and closes the links prepared for those turned away; everything else
+// comes from the interface thread, which never waits on the WebRTC stack. The mutex guards the
+// three maps and is never held across a call into the network or the WebRTC stack: links are made
+// and senders stopped outside it. Handlers only set flags; Sweep, on the interface thread,
 // removes what they marked.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -19,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "mirell/base/serial_worker.h"
 #include "mirell/daemon/audio_bus.h"
 #include "mirell/daemon/frame_bus.h"
 #include "mirell/session/peer_sender.h"
@@ -70,10 +74,16 @@ class ShareSession {
   void SetAllowlist(std::map<std::string, std::string> allowlist);
   // False lets every viewer in. Before Start.
   void SetAdmissionRequired(bool required) { admission_required_ = required; }
+  // How long an admitted viewer's link may take to connect before it is closed (default 15 s).
+  // Before Start.
+  void SetConnectLimit(std::chrono::milliseconds limit) {
+    connect_limit_ns_ = std::chrono::duration_cast<std::chrono::nanoseconds>(limit).count();
+  }
 
   // Takes the signal client's viewer handlers; a second call does nothing.
   void Start();
-  // The user's decisions. An unknown connection id does nothing.
+  // The user's decisions. An unknown connection id does nothing. Approve returns at once: the
+  // viewer's link is made (or the one prepared taken) on the session's admissions thread.
   void Approve(const std::string& connection_id);
   void Deny(const std::string& connection_id);
   void Disconnect(const std::string& connection_id);
@@ -87,6 +97,8 @@ class ShareSession {
   std::size_t ViewerCount() const;
   std::uint64_t admitted() const { return admitted_.load(); }
   std::uint64_t departed() const { return departed_.load(); }
+  // Admitted viewers whose link did not connect within the limit.
+  std::uint64_t failed() const { return failed_.load(); }
 
   // Kilobits per second: an exponential moving average with a time constant of five seconds,
   // whatever the interval of the samples. The first sample (old <= 0) is taken as it is.
@@ -107,6 +119,8 @@ class ShareSession {
   // The waiting viewer's prepared link, if one is there and still fresh.
   std::unique_ptr<transport::PeerLink> TakePrepared(const std::string& connection_id);
   void OnPeerState(Peer* peer, const std::string& connection_id, transport::PeerState state);
+  // Closes the link prepared for a viewer who will not need it, on the admissions thread.
+  void CloseUnused(const std::string& connection_id);
   void UpdateRates();
   static void End(Peer& peer);
 
@@ -134,6 +148,10 @@ class ShareSession {
   std::atomic<bool> running_{false};
   std::atomic<std::uint64_t> admitted_{0};
   std::atomic<std::uint64_t> departed_{0};
+  std::atomic<std::uint64_t> failed_{0};
+  std::int64_t connect_limit_ns_ = 15'000'000'000;
+  // Last: made after, and stopped (joined) before, everything its tasks touch.
+  SerialWorker admissions_{"admit", 64};
 };
 
 }  // namespace mirell::session
