@@ -12,6 +12,7 @@
 #include <sstream>
 #include <thread>
 
+#include "full_signal_server.h"
 #include "installed_ui.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
@@ -484,21 +485,9 @@ TEST_F(SharingAcrossProcesses, AShareThatCannotStartEndsTheProgramWithTheReason)
 // A share the signal server will not take (here it is full) cannot be joined by anyone: without
 // a window to say so, the run ends with the server's reason rather than sharing to nobody.
 TEST_F(SharingAcrossProcesses, AShareTheSignalServerRefusesEndsAHeadlessRunWithTheReason) {
-  signal_port_ = testsupport::FreeLoopbackPort();
-  signal_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-      MIRELL_SIGNAL_BINARY, "--listen", "127.0.0.1:" + std::to_string(signal_port_), "--max-tokens", "1"});
-  ASSERT_TRUE(Eventually([&] { return testsupport::LoopbackPortAccepts(signal_port_); }));
-  // Someone else's share takes the only place, and is kept for its host after it leaves.
-  const auto other = testsupport::RunProcess(
-      {"/usr/bin/python3", "-c",  // Debian's, with its websockets module.
-       "import asyncio, sys, websockets\n"
-       "async def main():\n"
-       "    async with websockets.connect(sys.argv[1]) as ws:\n"
-       "        await ws.send('{\"type\":\"host\",\"token\":\"ABCDEFGHJKMN\",\"secret\":\"s\"}')\n"
-       "        print(await ws.recv())\n"
-       "asyncio.run(main())\n",
-       SignalUrl()});
-  ASSERT_NE(other.out.find("hosting"), std::string::npos) << other.err;
+  const FullSignalServer full;
+  ASSERT_TRUE(full.filled) << full.error;
+  signal_port_ = full.port;
 
   StartDisplay(640, 360);
   auto window = OpenWindow({"--title", "Refused", "--size", "200x150"}, 0);

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "full_signal_server.h"
 #include "installed_ui.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
@@ -208,32 +209,6 @@ TEST_F(UiSharingOnADesktop, AShareThatHitsItsTimeLimitStopsAndSaysSoBesideTheTra
   EXPECT_TRUE(ui_process_->Running()) << "the program goes on without the share";
 }
 
-// Our signal server with room for one share, taken by somebody else's before the test starts.
-struct FullSignalServer {
-  FullSignalServer()
-      : port(testsupport::FreeLoopbackPort()),
-        process(std::vector<std::string>{MIRELL_SIGNAL_BINARY, "--listen", "127.0.0.1:" + std::to_string(port),
-                                         "--max-tokens", "1"}) {
-    for (int i = 0; i < 200 && !testsupport::LoopbackPortAccepts(port); ++i) {
-      std::this_thread::sleep_for(25ms);
-    }
-    filled = testsupport::RunProcess(
-                 {"/usr/bin/python3", "-c",  // Debian's, with its websockets module.
-                  "import asyncio, sys, websockets\n"
-                  "async def main():\n"
-                  "    async with websockets.connect(sys.argv[1]) as ws:\n"
-                  "        await ws.send('{\"type\":\"host\",\"token\":\"ABCDEFGHJKMN\",\"secret\":\"s\"}')\n"
-                  "        print(await ws.recv())\n"
-                  "asyncio.run(main())\n",
-                  url()})
-                 .out.find("hosting") != std::string::npos;
-  }
-  std::string url() const { return "ws://127.0.0.1:" + std::to_string(port) + "/signal"; }
-  std::uint16_t port;
-  ChildProcess process;
-  bool filled = false;
-};
-
 // A share the signal server refuses, with the window on screen: the program goes on, and the
 // tray says once that nobody can join.
 class UiRefusedOnADesktop : public UiOnADesktop {
@@ -245,7 +220,7 @@ class UiRefusedOnADesktop : public UiOnADesktop {
 };
 
 TEST_F(UiRefusedOnADesktop, ARefusedShareIsToldBesideTheTrayOnceAndTheProgramGoesOn) {
-  ASSERT_TRUE(server_.filled);
+  ASSERT_TRUE(server_.filled) << server_.error;
   ASSERT_TRUE(WaitFor([&] { return Log().find("signal refused: server full") != std::string::npos; })) << Log();
   const std::size_t before = VisibleMenus();
   EXPECT_TRUE(WaitFor([&] { return VisibleMenus() > before; }, 5s)) << "no balloon";
