@@ -93,11 +93,16 @@ ServerOptions ParseServerOptions(std::span<const char* const> arguments) {
       config.idle = std::chrono::seconds(Count(option, value));
       config.hub.register_within = config.idle;
     } else if (option == "--grace-seconds") {
-      config.hub.grace = std::chrono::seconds(Count(option, value));
+      // Bounded so that the time arithmetic cannot overflow into a negative wait.
+      const std::size_t seconds = Count(option, value);
+      Require(seconds <= 86'400, "--grace-seconds is at most 86400 (a day), not {}", seconds);
+      config.hub.grace = std::chrono::seconds(seconds);
     } else if (option == "--max-tokens") {
       config.hub.max_tokens = Count(option, value);
     } else if (option == "--reserve-hours") {
-      config.hub.reserve = std::chrono::hours(Count(option, value));
+      const std::size_t hours = Count(option, value);
+      Require(hours <= 8'760, "--reserve-hours is at most 8760 (a year), not {}", hours);
+      config.hub.reserve = std::chrono::hours(hours);
     } else {
       Require(false, "unknown option '{}' (see --help)", option);
     }
@@ -131,9 +136,10 @@ Usage: mirell-signal [options]
   --messages-per-second N      sustained messages per connection (default 20, bursts of 3x)
   --idle-seconds N             a connection that has not registered, or a silent one that
                                does not answer a ping, is ended after N s (default 10 / 60)
-  --grace-seconds N            how long viewers wait for a host that went away (default 30)
+  --grace-seconds N            how long viewers wait for a host that went away (default 30,
+                               at most 86400)
   --reserve-hours N            how long a share's link stays its host's while the host is
-                               away, unless the host ends the share (default 24)
+                               away, unless the host ends the share (default 24, at most 8760)
   --max-tokens N               shares held at once, live or kept for a host that is away
                                (default 65536); a new one beyond is refused "server full"
   --help                       this text

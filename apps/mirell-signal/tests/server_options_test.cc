@@ -62,6 +62,12 @@ TEST(ServerOptions, MistakesAreNamed) {
   EXPECT_NE(message({"--max-connections", "ten"}).find("--max-connections wants a positive whole number, not 'ten'"),
             std::string::npos);
   EXPECT_NE(message({"--grace-seconds", "0"}).find("positive whole number"), std::string::npos);
+  // Values whose milliseconds would overflow: a token was then forgotten at once.
+  EXPECT_NE(message({"--reserve-hours", "9999999999999"}).find("--reserve-hours is at most 8760"),
+            std::string::npos);
+  EXPECT_EQ(message({"--reserve-hours", "8760"}), "accepted");
+  EXPECT_NE(message({"--grace-seconds", "86401"}).find("--grace-seconds is at most 86400"), std::string::npos);
+  EXPECT_EQ(message({"--grace-seconds", "86400"}), "accepted");
   EXPECT_NE(message({"--latest-version", "1"}).find("--latest-version and --latest-url go together"),
             std::string::npos);
   EXPECT_NE(message({"stray"}).find("unexpected argument 'stray'"), std::string::npos);
