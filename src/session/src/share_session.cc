@@ -292,6 +292,7 @@ void ShareSession::Disconnect(const std::string& id) {
 void ShareSession::Sweep() {
   std::vector<std::shared_ptr<Peer>> gone;
   const std::int64_t now = SteadyNowNs();
+  const std::int64_t limit_ns = connect_limit_ns_.load();
   {
     std::lock_guard lock(mutex_);
     for (auto it = peers_.begin(); it != peers_.end();) {
@@ -299,8 +300,8 @@ void ShareSession::Sweep() {
       // A viewer whose link has not connected within the bound will not: its answer was lost,
       // or no path between the two was found. Its place and its link go.
       if (!peer.gone.load() && peer.link && peer.link->state() == PeerState::kConnecting &&
-          now - peer.admitted_at >= connect_limit_ns_) {
-        LOG_WARN("peer={} not connected within {} s, closed", it->first, connect_limit_ns_ / 1'000'000'000);
+          now - peer.admitted_at >= limit_ns) {
+        LOG_WARN("peer={} not connected within {} s, closed", it->first, limit_ns / 1'000'000'000);
         peer.gone = true;
         ++failed_;
       }

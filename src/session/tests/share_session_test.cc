@@ -11,7 +11,6 @@
 #include "mirell/base/clock.h"
 #include "mirell/base/logging.h"
 #include "mirell/session/peer_receiver.h"
-#include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "interop_support.h"
@@ -349,19 +348,17 @@ TEST_F(ShareSessionTest, NobodyIsLetInAfterStop) {
 // viewer's place and link for ever.
 TEST_F(ShareSessionTest, AViewerWhoseLinkDoesNotConnectWithinTheLimitIsClosed) {
   session_.SetAdmissionRequired(false);
-  session_.SetConnectLimit(std::chrono::milliseconds(500));
+  session_.SetConnectLimit(std::chrono::hours(1));
   session_.Start();
   signal_.Peer("c1", {});
   ASSERT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
   session_.Sweep();
-  // Under a sanitizer gathering alone may take longer than the limit.
-  if (!testsupport::kSanitizedBuild) {
-    EXPECT_EQ(session_.ViewerCount(), 1u) << "within the limit";
-  }
-  EXPECT_TRUE(Eventually([&] {
-    session_.Sweep();
-    return session_.ViewerCount() == 0u;
-  }));
+  EXPECT_EQ(session_.ViewerCount(), 1u) << "within the limit";
+  EXPECT_EQ(session_.failed(), 0u);
+  // The limit passes (shortened rather than waited out: how long gathering takes varies).
+  session_.SetConnectLimit(std::chrono::milliseconds(0));
+  session_.Sweep();
+  EXPECT_EQ(session_.ViewerCount(), 0u);
   EXPECT_EQ(session_.failed(), 1u);
   EXPECT_EQ(session_.departed(), 1u);
 }

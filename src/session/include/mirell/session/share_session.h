@@ -74,8 +74,8 @@ class ShareSession {
   void SetAllowlist(std::map<std::string, std::string> allowlist);
   // False lets every viewer in. Before Start.
   void SetAdmissionRequired(bool required) { admission_required_ = required; }
-  // How long an admitted viewer's link may take to connect before it is closed (default 15 s).
-  // Before Start.
+  // How long an admitted viewer's link may take to connect before it is closed (default 15 s);
+  // the next Sweep applies it.
   void SetConnectLimit(std::chrono::milliseconds limit) {
     connect_limit_ns_ = std::chrono::duration_cast<std::chrono::nanoseconds>(limit).count();
   }
@@ -149,7 +149,7 @@ class ShareSession {
   std::atomic<std::uint64_t> admitted_{0};
   std::atomic<std::uint64_t> departed_{0};
   std::atomic<std::uint64_t> failed_{0};
-  std::int64_t connect_limit_ns_ = 15'000'000'000;
+  std::atomic<std::int64_t> connect_limit_ns_{15'000'000'000};
   // Last: made after, and stopped (joined) before, everything its tasks touch.
   SerialWorker admissions_{"admit", 64};
 };
