@@ -17,6 +17,9 @@ constexpr std::size_t kMaxTokenLength = 64;
 constexpr std::size_t kMaxSecretLength = 256;
 constexpr std::size_t kMaxNameLength = 256;
 constexpr std::size_t kPeerIdLength = 16;
+// Keys, challenges and signatures are short texts (base64 of 32 and 64 bytes, 32 characters):
+// room for their form to change, none for a payload.
+constexpr std::size_t kMaxProofFieldLength = 256;
 
 std::string Dump(const Json& message) {
   return message.dump(-1, ' ', false, Json::error_handler_t::replace);
@@ -97,6 +100,8 @@ void SignalHub::Received(ConnectionId id, std::string_view text, Clock::time_poi
     if (type == "deny" && connection.role == Role::kHost) return Deny(id, connection, std::string(text));
     if (type == "end" && connection.role == Role::kHost) return End(id, connection, std::string(text));
     if (type == "answer" && connection.role == Role::kViewer) return Answer(connection, std::string(text));
+    if (type == "challenge" && connection.role == Role::kHost) return Challenge(id, std::string(text));
+    if (type == "proof" && connection.role == Role::kViewer) return Proof(connection, std::string(text));
     LOG_DEBUG("connection {}: ignoring a {} message", id, type.substr(0, 32));
   } catch (const Json::exception&) {
     Refuse(id, "malformed message");
@@ -157,11 +162,13 @@ void SignalHub::Join(ConnectionId id, Connection& connection, const std::string&
   const std::string token_name = StringField(message, "token");
   const std::string identity = StringField(message, "identity");
   const std::string display_name = StringField(message, "displayName");
+  const std::string key = StringField(message, "key");
   if (connection.role != Role::kNone) return Refuse(id, "one token per viewer connection");
   if (!ValidToken(token_name)) return Refuse(id, "bad token");
   if (identity.size() > kMaxNameLength || display_name.size() > kMaxNameLength) {
     return Refuse(id, "name too long");
   }
+  if (key.size() > kMaxProofFieldLength) return Refuse(id, "key too long");
   auto found = tokens_.find(token_name);
   if (found != tokens_.end() && found->second.viewers.size() >= limits_.max_viewers_per_token) {
     return Refuse(id, "too many viewers");
@@ -175,6 +182,7 @@ void SignalHub::Join(ConnectionId id, Connection& connection, const std::string&
   viewer.waiting_since = now_;
   viewer.identity = identity;
   viewer.display_name = identity.empty() ? std::string() : display_name;
+  viewer.key = key;
   viewers_[peer] = std::move(viewer);
   token.viewers.push_back(peer);
   connection.role = Role::kViewer;
@@ -202,6 +210,7 @@ void SignalHub::Announce(Token& token, const std::string& peer) {
     announcement["identity"] = viewer.identity;
     if (!viewer.display_name.empty()) announcement["displayName"] = viewer.display_name;
   }
+  if (!viewer.key.empty()) announcement["key"] = viewer.key;
   router_.Deliver(*token.host, Dump(announcement));
 }
 
@@ -230,11 +239,34 @@ void SignalHub::Offer(ConnectionId id, const Connection&, const std::string& tex
 void SignalHub::Answer(const Connection& connection, const std::string& text) {
   const Json message = Json::parse(text);
   const std::string sdp = StringField(message, "sdp");
+  const std::string signature = StringField(message, "signature");
+  // A viewer sent away (denied, its host gone) may still have frames on their way.
+  if (connection.tokens.empty()) return;
   const auto token = tokens_.find(connection.tokens.front());
   if (token == tokens_.end() || !token->second.host) return;  // The host is away; lost.
-  router_.Deliver(*token->second.host,
-                  Dump({{"type", "answer"}, {"peer", connection.peer}, {"sdp", sdp}}));
+  Json answer = {{"type", "answer"}, {"peer", connection.peer}, {"sdp", sdp}};
+  if (!signature.empty() && signature.size() <= kMaxProofFieldLength) answer["signature"] = signature;
+  router_.Deliver(*token->second.host, Dump(answer));
   ++relayed_;
+}
+
+void SignalHub::Challenge(ConnectionId id, const std::string& text) {
+  const Json message = Json::parse(text);
+  const std::string peer = StringField(message, "peer");
+  const std::string challenge = StringField(message, "challenge");
+  if (challenge.empty() || challenge.size() > kMaxProofFieldLength) return;
+  if (TokenOfPeerHostedBy(id, peer) == nullptr) return;
+  router_.Deliver(viewers_[peer].connection, Dump({{"type", "challenge"}, {"challenge", challenge}}));
+}
+
+void SignalHub::Proof(const Connection& connection, const std::string& text) {
+  const Json message = Json::parse(text);
+  const std::string signature = StringField(message, "signature");
+  if (signature.empty() || signature.size() > kMaxProofFieldLength || connection.tokens.empty()) return;
+  const auto token = tokens_.find(connection.tokens.front());
+  if (token == tokens_.end() || !token->second.host) return;
+  router_.Deliver(*token->second.host,
+                  Dump({{"type", "proof"}, {"peer", connection.peer}, {"signature", signature}}));
 }
 
 void SignalHub::Deny(ConnectionId id, const Connection&, const std::string& text) {

@@ -12,6 +12,8 @@
 // with no host the viewer waits, for at most the grace period, for one to come back. Offers go
 // from host to viewer by peer id, answers from viewer to its host stamped with its peer id;
 // "deny" ends that viewer with "error". A viewer whose connection ends is reported "peer-gone".
+// A viewer may name a key in its join; the host's "challenge" and the viewer's "proof" pass
+// through like offers and answers, and the server checks nothing of them: the host does.
 #pragma once
 
 #include <chrono>
@@ -77,6 +79,7 @@ class SignalHub {
     Clock::time_point waiting_since;  // Its join.
     std::string identity;
     std::string display_name;
+    std::string key;
     bool joined = false;  // "joined" was sent.
   };
   struct Token {
@@ -91,6 +94,8 @@ class SignalHub {
   void Join(ConnectionId id, Connection& connection, const std::string& text);
   void Offer(ConnectionId id, const Connection& connection, const std::string& text);
   void Answer(const Connection& connection, const std::string& text);
+  void Challenge(ConnectionId id, const std::string& text);
+  void Proof(const Connection& connection, const std::string& text);
   void Deny(ConnectionId id, const Connection& connection, const std::string& text);
   void End(ConnectionId id, Connection& connection, const std::string& text);
   // Tells each of the token's viewers `reason` and closes them.

@@ -52,10 +52,11 @@ session::ShareTarget ResolveShareTarget(const ShareOptions& options,
 }
 
 void LogPendingViewers(DaemonHost& host) {
-  host.OnViewerPending([](std::string connection_id, transport::PeerIdentity identity) {
-    LOG_INFO("viewer {} waits to be let in; says it is {} ({})", connection_id,
-             identity.identity.empty() ? "nobody" : identity.identity,
-             identity.display_name.empty() ? "no name" : identity.display_name);
+  host.OnViewerPending([](session::PendingViewer viewer) {
+    LOG_INFO("viewer {} waits to be let in; says it is {} ({}), {}", viewer.connection_id,
+             viewer.identity.empty() ? "nobody" : viewer.identity,
+             viewer.display_name.empty() ? "no name" : viewer.display_name,
+             viewer.key_fingerprint.empty() ? "proved no key" : "proved key " + viewer.key_fingerprint);
   });
   host.OnViewerPendingGone(
       [](std::string connection_id) { LOG_INFO("viewer {} left while waiting", connection_id); });

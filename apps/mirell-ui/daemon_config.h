@@ -3,12 +3,14 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "deployment.h"
 #include "mirell/daemon/resolve_endpoint.h"
 #include "mirell/session/sharing.h"
+#include "mirell/transport/identity_key.h"
 #include "mirell/transport/peer_config.h"
 
 namespace mirell::ui {
@@ -28,7 +30,11 @@ struct DaemonConfig {
   std::string signal_url{kDefaultSignalUrl};
   std::vector<transport::IceServer> ice_servers;
   std::uint32_t ice_policy = 0;
-  std::map<std::string, std::string> allowlist;  // User id to name.
+  session::Allowlist allowlist;  // As stored.
+  // Given on the command line for this run: let in whoever names them (nothing is proved).
+  std::vector<std::string> allow_by_claim;
+  // This installation's key, proved to the hosts of the links it watches; null: none named.
+  std::shared_ptr<const transport::IdentityKey> identity_key;
   bool install_stub = true;
   std::int64_t share_lifetime_minutes = 360;  // A share ends by itself after this; 0: never.
 };

@@ -46,7 +46,13 @@ DaemonHost::DaemonHost(DaemonConfig config)
       viewing_(registry_, ViewingConfigOf(config_)) {
   // Nobody gets in unasked.
   sharing_.SetAdmissionRequired(true);
-  sharing_.SetAllowlist(config_.allowlist);
+  sharing_.SetAllowlist(WithCommandLineIds(config_.allowlist));
+  viewing_.SetIdentityKey(config_.identity_key);
+}
+
+session::Allowlist DaemonHost::WithCommandLineIds(session::Allowlist allowlist) const {
+  for (const std::string& user_id : config_.allow_by_claim) allowlist[user_id].by_claim_only = true;
+  return allowlist;
 }
 
 DaemonHost::~DaemonHost() { Stop(); }
@@ -125,7 +131,7 @@ daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
 void DaemonHost::RefreshIdentity() {
   if (!identity_.Poll()) return;
   daemon::VRChatIdentity identity = identity_.Identity();
-  viewing_.SetIdentity({std::move(identity.user_id), std::move(identity.display_name)});
+  viewing_.SetIdentity({std::move(identity.user_id), std::move(identity.display_name), {}});
 }
 
 void DaemonHost::Poll() {
@@ -150,15 +156,13 @@ void DaemonHost::SetQuality(const session::ShareQuality& quality) {
   sharing_.SetQuality(quality);
 }
 
-void DaemonHost::SetAllowlist(std::map<std::string, std::string> allowlist) {
-  sharing_.SetAllowlist(std::move(allowlist));
+void DaemonHost::SetAllowlist(session::Allowlist allowlist) {
+  sharing_.SetAllowlist(WithCommandLineIds(std::move(allowlist)));
 }
 
-void DaemonHost::OnViewerPending(std::function<void(std::string, transport::PeerIdentity)> callback) {
+void DaemonHost::OnViewerPending(std::function<void(session::PendingViewer)> callback) {
   sharing_.OnViewerPending(
-      [callback = std::move(callback)](const std::string& connection_id, const transport::PeerIdentity& identity) {
-        callback(connection_id, identity);
-      });
+      [callback = std::move(callback)](const session::PendingViewer& viewer) { callback(viewer); });
 }
 
 void DaemonHost::OnViewerPendingGone(std::function<void(std::string)> callback) {

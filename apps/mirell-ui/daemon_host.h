@@ -49,11 +49,12 @@ class DaemonHost {
   void SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy);
   // For the next share.
   void SetQuality(const session::ShareQuality& quality);
-  // To the share's door; the start-up copy in config() stays as it was.
-  void SetAllowlist(std::map<std::string, std::string> allowlist);
+  // The stored allowlist, to the share's door with the command line's ids beside it; the
+  // start-up copy in config() stays as it was.
+  void SetAllowlist(session::Allowlist allowlist);
   // Called on the signal client's thread for a viewer the user must decide about: it must only
   // copy and post.
-  void OnViewerPending(std::function<void(std::string, transport::PeerIdentity)> callback);
+  void OnViewerPending(std::function<void(session::PendingViewer)> callback);
   // A waiting viewer left before anyone decided; same thread and rule.
   void OnViewerPendingGone(std::function<void(std::string)> callback);
 
@@ -88,6 +89,8 @@ class DaemonHost {
   std::atomic<std::uint16_t> rtsp_bound_port_{0};
   bool started_ = false;
 
+  // The stored list with the command line's ids, which go by their claim.
+  session::Allowlist WithCommandLineIds(session::Allowlist allowlist) const;
   // Hands a newly seen VRChat account to the watches, for the joins made from now on.
   void RefreshIdentity();
 };

@@ -28,12 +28,14 @@
 #include "mirell/encode/media_runtime.h"
 #include "mirell/transport/https_get.h"
 #include "mirell/ui/allowlist.h"
+#include "mirell/ui/identity_key_store.h"
 #include "mirell/ui/network_settings.h"
 #include "mirell/ui/quality.h"
 #include "options.h"
 #include "quality_dialog.h"
 #include "quit_on_signal.h"
 #include "restore_mode.h"
+#include "session_allowlist.h"
 #include "single_instance.h"
 #include "update_prompt.h"
 #include "usage.h"
@@ -148,9 +150,14 @@ int main(int argc, char** argv) {
   config.ice_policy = 0;
   LOG_INFO("STUN {}, relay {}", network.stun == "custom" ? network.custom_stun : network.stun,
            network.turn_url.empty() ? "none" : network.turn_url);
-  config.allowlist = AllowlistToMap(LoadAllowlist());
-  // For this run only: nothing is stored.
-  for (const std::string& user_id : share.allow) config.allowlist.emplace(user_id, user_id);
+  config.allowlist = SessionAllowlistOf(LoadAllowlist());
+  // For this run only: nothing is stored, and nothing is proved: whoever names the id gets in.
+  config.allow_by_claim = share.allow;
+  for (const std::string& user_id : share.allow) {
+    LOG_INFO("let in without asking, by claimed id only: {}", user_id);
+  }
+  config.identity_key = LoadIdentityKey();
+  LOG_INFO("identity key {}", transport::KeyFingerprint(config.identity_key->PublicText()));
   if (share.minutes) {
     config.share_lifetime_minutes = *share.minutes;
     LOG_INFO("share time limit from the command line: {}",
@@ -188,12 +195,13 @@ int main(int argc, char** argv) {
     InstallShowRequestFilter(window.get());
     MainWindow* prompt_target = window.get();
     // Called on a session thread: the prompt runs on the interface thread.
-    host.OnViewerPending([prompt_target](std::string connection_id,
-                                         transport::PeerIdentity identity) {
+    host.OnViewerPending([prompt_target](session::PendingViewer viewer) {
       QMetaObject::invokeMethod(prompt_target, "PromptAdmission", Qt::QueuedConnection,
-                                Q_ARG(QString, QString::fromStdString(connection_id)),
-                                Q_ARG(QString, QString::fromStdString(identity.identity)),
-                                Q_ARG(QString, QString::fromStdString(identity.display_name)));
+                                Q_ARG(QString, QString::fromStdString(viewer.connection_id)),
+                                Q_ARG(QString, QString::fromStdString(viewer.identity)),
+                                Q_ARG(QString, QString::fromStdString(viewer.display_name)),
+                                Q_ARG(QString, QString::fromStdString(viewer.key_fingerprint)),
+                                Q_ARG(bool, viewer.other_computer));
     });
     host.OnViewerPendingGone([prompt_target](std::string connection_id) {
       QMetaObject::invokeMethod(prompt_target, "WithdrawAdmissionPrompt", Qt::QueuedConnection,

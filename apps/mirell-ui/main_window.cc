@@ -17,10 +17,12 @@
 #include <QTableWidget>
 #include <QTimer>
 #include <QVBoxLayout>
+#include <algorithm>
 #include <exception>
 
 #include "admission_prompt.h"
 #include "allowlist_dialog.h"
+#include "session_allowlist.h"
 #include "daemon_host.h"
 #include "network_dialog.h"
 #include "picker_dialog.h"
@@ -361,7 +363,7 @@ void MainWindow::EditAllowlist() {
   AllowlistDialog dialog(LoadAllowlist(), this);
   if (dialog.exec() != QDialog::Accepted) return;
   SaveAllowlist(dialog.entries());
-  host_->SetAllowlist(AllowlistToMap(dialog.entries()));
+  host_->SetAllowlist(SessionAllowlistOf(dialog.entries()));
 }
 
 void MainWindow::NewLink() {
@@ -397,15 +399,17 @@ void MainWindow::ViewerSelectionChanged() {
   remove_button_->setEnabled(!SelectedConnectionId(*viewers_table_).isEmpty());
 }
 
-void MainWindow::PromptAdmission(QString connection_id, QString user_id, QString display_name) {
+void MainWindow::PromptAdmission(QString connection_id, QString user_id, QString display_name,
+                                 QString key_fingerprint, bool other_computer) {
   // A box per person; each runs in this event loop (boxes nested in their own loops stacked up,
   // and the first could only be answered after the last).
   WithdrawAdmissionPrompt(connection_id);
   prompts_[connection_id] = OpenAdmissionPrompt(
-      this, Q(host_->sharing().label()), connection_id, user_id, display_name,
-      [this, connection_id, user_id, display_name](AdmissionAnswer answer) {
+      this, Q(host_->sharing().label()), connection_id, user_id, display_name, key_fingerprint,
+      other_computer,
+      [this, connection_id, user_id, display_name, key_fingerprint](AdmissionAnswer answer) {
         prompts_.erase(connection_id);
-        Answer(connection_id, user_id, display_name, answer);
+        Answer(connection_id, user_id, display_name, key_fingerprint, answer);
       });
 }
 
@@ -418,7 +422,8 @@ void MainWindow::WithdrawAdmissionPrompt(QString connection_id) {
 }
 
 void MainWindow::Answer(const QString& connection_id, const QString& user_id,
-                        const QString& display_name, AdmissionAnswer answer) {
+                        const QString& display_name, const QString& key_fingerprint,
+                        AdmissionAnswer answer) {
   session::Sharing& sharing = host_->sharing();
   if (!answer.admit) {
     sharing.Deny(connection_id.toStdString());
@@ -426,11 +431,23 @@ void MainWindow::Answer(const QString& connection_id, const QString& user_id,
     return;
   }
   sharing.Admit(connection_id.toStdString());
-  if (answer.remember) {
+  if (!user_id.isEmpty() && !key_fingerprint.isEmpty()) {
     std::vector<AllowlistEntry> entries = LoadAllowlist();
-    if (AddToAllowlist(entries, user_id.toStdString(), display_name.toStdString())) {
+    bool changed = false;
+    if (answer.remember) {
+      changed = AddToAllowlist(entries, user_id.toStdString(), display_name.toStdString(),
+                               key_fingerprint.toStdString());
+    } else {
+      // An entry from before keys were checked takes the key of the first visit let in.
+      const auto entry = std::find_if(entries.begin(), entries.end(), [&](const AllowlistEntry& listed) {
+        return listed.user_id == user_id.toStdString();
+      });
+      changed = entry != entries.end() && entry->key_fingerprints.empty() &&
+                AddKeyToAllowlist(entries, user_id.toStdString(), key_fingerprint.toStdString());
+    }
+    if (changed) {
       SaveAllowlist(entries);
-      host_->SetAllowlist(AllowlistToMap(entries));
+      host_->SetAllowlist(SessionAllowlistOf(entries));
     }
   }
   Refresh();

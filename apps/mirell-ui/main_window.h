@@ -37,7 +37,10 @@ class MainWindow : public QMainWindow {
   // The admission prompt for one viewer; reached as a queued call from a session thread's
   // callback. Returns at once: one box per waiting viewer, answered in any order; a viewer who
   // asks again replaces their box.
-  Q_INVOKABLE void PromptAdmission(QString connection_id, QString user_id, QString display_name);
+  // `key_fingerprint`: the key the viewer proved, or empty; `other_computer`: its id is on the
+  // list with other keys only.
+  Q_INVOKABLE void PromptAdmission(QString connection_id, QString user_id, QString display_name,
+                                   QString key_fingerprint = {}, bool other_computer = false);
   // The viewer left while waiting: their box closes unanswered.
   Q_INVOKABLE void WithdrawAdmissionPrompt(QString connection_id);
   std::size_t open_prompts() const { return prompts_.size(); }
@@ -71,7 +74,7 @@ class MainWindow : public QMainWindow {
   void ShowFromTray();
   // Carries out the person's answer about one waiting viewer.
   void Answer(const QString& connection_id, const QString& user_id, const QString& display_name,
-              AdmissionAnswer answer);
+              const QString& key_fingerprint, AdmissionAnswer answer);
 
   DaemonHost* host_;
   QLabel* untrusted_banner_ = nullptr;

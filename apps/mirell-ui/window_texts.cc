@@ -65,19 +65,23 @@ QString SignalStateText(session::SignalState state, const QString& server, const
 
 ViewerCell ViewerCellFor(const session::ViewerInfo& viewer) {
   const QString id = Q(viewer.connection_id);
-  if (!viewer.display_name.empty()) {
-    // The claimed user id, not the name, goes into the sentence: it is what the list matches.
-    return {Q(viewer.display_name),
-            Tr("Says they're %1 in VRChat. Mirell can't check that.\nConnection id: %2%3")
-                .arg(Q(viewer.identity), id,
-                     viewer.allowlisted ? Tr("\nOn your list, so let in automatically.")
-                                        : QString())};
+  if (viewer.identity.empty()) {
+    return {id, Tr("They didn't say who they are. This is the id the signal server gave them.")};
   }
-  if (!viewer.identity.empty()) {
-    return {Q(viewer.identity),
-            Tr("A VRChat user id they gave. Mirell can't check it.\nConnection id: %1").arg(id)};
+  const bool checked = !viewer.key_fingerprint.empty();
+  // The claimed user id, not the name, goes into the sentence: it is what the list matches.
+  const QString who = viewer.display_name.empty() ? Q(viewer.identity) : Q(viewer.display_name);
+  QString tip = checked ? Tr("Says they're %1 in VRChat, from a computer that proved its key (%2).")
+                              .arg(Q(viewer.identity), Q(viewer.key_fingerprint))
+                        : Tr("Says they're %1 in VRChat. Mirell can't check that: their computer "
+                             "proved no key.")
+                              .arg(Q(viewer.identity));
+  tip += Tr("\nConnection id: %1").arg(id);
+  if (viewer.allowlisted) {
+    tip += checked ? Tr("\nOn your list with this computer, so let in automatically.")
+                   : Tr("\nOn the list for this run by claimed id only, so let in without a check.");
   }
-  return {id, Tr("They didn't say who they are. This is the id the signal server gave them.")};
+  return {checked ? Tr("%1 (checked)").arg(who) : Tr("%1 (not checked)").arg(who), tip};
 }
 
 }  // namespace mirell::ui

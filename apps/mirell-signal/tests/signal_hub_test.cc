@@ -285,6 +285,54 @@ TEST_F(SignalHubTest, DenyEndsThatViewerOnly) {
   EXPECT_TRUE(router_.Take(host).empty()) << "no peer-gone for a viewer the host sent away";
 }
 
+// A denied viewer's frames that were already on their way find no token and change nothing.
+TEST_F(SignalHubTest, AnAnswerOrProofFromADeniedViewerBeforeItsCloseIsDropped) {
+  const auto host = Host();
+  router_.Take(host);
+  const auto viewer = Join();
+  const std::string peer = PeerAnnouncedTo(host);
+  Say(host, {{"type", "deny"}, {"peer", peer}});
+  Say(viewer, {{"type", "answer"}, {"sdp", "late"}});
+  Say(viewer, {{"type", "proof"}, {"signature", "late"}});
+  EXPECT_TRUE(router_.Take(host).empty());
+  EXPECT_EQ(hub().statistics().viewers, 0u);
+}
+
+TEST_F(SignalHubTest, AViewersKeyChallengeProofAndSignedAnswerPassBetweenItAndItsHost) {
+  const auto host = Host();
+  router_.Take(host);
+  const auto viewer = Open();
+  Say(viewer, {{"type", "join"}, {"token", "TOKEN1"}, {"identity", "usr_a"}, {"key", "KEY="}});
+  const Json announced = Only(host);
+  EXPECT_EQ(announced["key"], "KEY=");
+  const std::string peer = announced["peer"];
+  router_.Take(viewer);
+  Say(host, {{"type", "challenge"}, {"peer", peer}, {"challenge", "C1"}});
+  EXPECT_EQ(Only(viewer), Json::parse(R"({"type":"challenge","challenge":"C1"})"));
+  Say(viewer, {{"type", "proof"}, {"signature", "SIG"}, {"peer", "somebody else"}});
+  EXPECT_EQ(Only(host), (Json{{"type", "proof"}, {"peer", peer}, {"signature", "SIG"}}));
+  Say(viewer, {{"type", "answer"}, {"sdp", "v=0"}, {"signature", "ASIG"}});
+  EXPECT_EQ(Only(host), (Json{{"type", "answer"}, {"peer", peer}, {"sdp", "v=0"}, {"signature", "ASIG"}}));
+}
+
+TEST_F(SignalHubTest, ChallengesReachOnlyTheHostsOwnViewersAndProofFieldsAreShort) {
+  const auto host = Host("TOKEN1");
+  const auto other = Host("TOKEN2", "other");
+  router_.Take(host);
+  router_.Take(other);
+  const auto viewer = Join("TOKEN1");
+  router_.Take(viewer);
+  const std::string peer = PeerAnnouncedTo(host);
+  Say(other, {{"type", "challenge"}, {"peer", peer}, {"challenge", "C"}});
+  Say(host, {{"type", "challenge"}, {"peer", peer}, {"challenge", std::string(300, 'C')}});
+  EXPECT_TRUE(router_.Take(viewer).empty());
+  Say(viewer, {{"type", "proof"}, {"signature", std::string(300, 'S')}});
+  EXPECT_TRUE(router_.Take(host).empty());
+  const auto long_key = Open();
+  Say(long_key, {{"type", "join"}, {"token", "TOKEN1"}, {"key", std::string(300, 'K')}});
+  EXPECT_EQ(Only(long_key), Json::parse(R"({"type":"error","reason":"key too long"})"));
+}
+
 TEST_F(SignalHubTest, AHostCannotReachAnotherHostsViewers) {
   const auto host = Host("TOKEN1");
   const auto other = Host("TOKEN2", "other");

@@ -90,7 +90,9 @@ TEST(SignalServer, AHostAndAViewerMeetThroughIt) {
     peer_seen.Set(peer + " " + who.identity + " " + who.display_name);
     host->SendOffer(peer, "v=0 offer");
   });
-  host->OnAnswer([&](const std::string& peer, const std::string& sdp) { answer_seen.Set(peer + " " + sdp); });
+  host->OnAnswer([&](const std::string& peer, const std::string& sdp, const std::string&) {
+    answer_seen.Set(peer + " " + sdp);
+  });
   host->OnPeerGone([&](const std::string& peer) { gone_seen.Set(peer); });
   host->Start();
   ASSERT_TRUE(host_ready.Wait());
@@ -116,6 +118,49 @@ TEST(SignalServer, AHostAndAViewerMeetThroughIt) {
   const auto statistics = server.statistics();
   EXPECT_EQ(statistics.relayed, 2u);
   EXPECT_EQ(statistics.viewers, 0u);
+  host->Stop();
+  server.Stop();
+}
+
+// A viewer that names a key proves it to the host through the server, and signs its answer.
+TEST(SignalServer, AKeyItsProofAndASignedAnswerPassThroughIt) {
+  ServerConfig config;
+  config.listen = "127.0.0.1:0";
+  SignalServer server(config);
+  server.Start();
+  const std::string url = "ws://" + server.address() + "/signal";
+
+  auto host = transport::CreateHostSignalClient(HostConfig(url));
+  Latch<std::string> key_seen;
+  Latch<std::string> proof_seen;
+  Latch<std::string> answer_seen;
+  Latch<bool> host_ready;
+  host->OnReady([&] { host_ready.Set(true); });
+  host->OnPeer([&](const std::string& peer, const PeerIdentity& who) {
+    key_seen.Set(who.key);
+    host->SendChallenge(peer, "CHALLENGE");
+  });
+  host->OnProof([&](const std::string& peer, const std::string& signature) {
+    proof_seen.Set(signature);
+    host->SendOffer(peer, "v=0 offer");
+  });
+  host->OnAnswer([&](const std::string&, const std::string& sdp, const std::string& signature) {
+    answer_seen.Set(sdp + " " + signature);
+  });
+  host->Start();
+  ASSERT_TRUE(host_ready.Wait());
+
+  SignalConfig viewer_config = ViewerConfig(url);
+  viewer_config.key = "PUBLICKEY=";
+  auto viewer = transport::CreateViewerSignalClient(viewer_config);
+  viewer->OnChallenge([&](const std::string& challenge) { viewer->SendProof("signed " + challenge); });
+  viewer->OnOffer([&](const std::string&) { viewer->SendAnswer("v=0 answer", "ANSWERSIGNATURE"); });
+  viewer->Start();
+
+  EXPECT_EQ(key_seen.Wait(), "PUBLICKEY=");
+  EXPECT_EQ(proof_seen.Wait(), "signed CHALLENGE");
+  EXPECT_EQ(answer_seen.Wait(), "v=0 answer ANSWERSIGNATURE");
+  viewer->Stop();
   host->Stop();
   server.Stop();
 }

@@ -18,7 +18,9 @@
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
 #include "mirell/testsupport/xvfb.h"
+#include "mirell/transport/identity_key.h"
 #include "mirell/transport/signal_client.h"
+#include "mirell/transport/viewer_proof.h"
 #include "pulse_server.h"
 #include "test_window.h"
 #include "tone_power.h"
@@ -273,16 +275,22 @@ TEST_F(SharingAcrossProcesses, ClosingTheSharedWindowEndsTheShareAndTheViewersSt
 
 // A viewer as the signal server sees one: the test joins the share with a claimed identity and
 // notes whether the host makes it an offer (lets it in).
+// A viewer's join, with its proof when it is given a key.
 class Joiner {
  public:
-  Joiner(const std::string& url, const std::string& token, const std::string& identity) {
+  Joiner(const std::string& url, const std::string& token, const std::string& identity,
+         const transport::IdentityKey* key = nullptr) {
     transport::SignalConfig config;
     config.url = url;
     config.token = token;
     config.identity = identity;
     config.display_name = "Name of " + identity;
+    if (key != nullptr) config.key = key->PublicText();
     client_ = transport::CreateViewerSignalClient(config);
     client_->OnOffer([this](const std::string&) { offered_ = true; });
+    client_->OnChallenge([this, key, token](const std::string& challenge) {
+      if (key != nullptr) client_->SendProof(key->Sign(transport::IdentityStatement(token, challenge)));
+    });
     client_->Start();
   }
   ~Joiner() { client_->Stop(); }
@@ -310,6 +318,37 @@ TEST_F(SharingAcrossProcesses, AnAllowedIdentityGetsInAtOnceAndAnotherWaitsLogge
       << HostLog();
   std::this_thread::sleep_for(1s);
   EXPECT_FALSE(stranger.offered());
+}
+
+// The list binds the friend's id to their computer's key: that computer gets in at once; the same
+// id from another computer, or with nothing proved, waits, and the host's log says which.
+TEST_F(SharingAcrossProcesses, AListedFriendsComputerGetsInAtOnceAndTheirIdElsewhereWaits) {
+  StartDisplay(1280, 720);
+  const auto friends_key = transport::IdentityKey::Generate();
+  const auto forgers_key = transport::IdentityKey::Generate();
+  const std::string friends_fingerprint = transport::KeyFingerprint(friends_key.PublicText());
+  std::filesystem::create_directories(home_.path() / ".config/Mirell");
+  std::ofstream(home_.path() / ".config/Mirell/Mirell.conf")
+      << "[network]\nstun=none\n[access]\nallowlist=" << kFriend << "|Ann\nallowlistKeys=" << kFriend
+      << "|" << friends_fingerprint << "\n";
+  auto window = OpenWindow({"--title", "Keyed Door", "--size", "320x180"}, 0);
+  const std::string link = StartHost({"--share-window", "Keyed Door"});
+  ASSERT_TRUE(HostLogged("hosting")) << HostLog();
+  Joiner friend_viewer(SignalUrl(), TokenOf(link), kFriend, &friends_key);
+  EXPECT_TRUE(Eventually([&] { return friend_viewer.offered(); }, 20s)) << HostLog();
+  EXPECT_TRUE(HostLogged("allowlisted, key proved id=Name of " + std::string(kFriend) + " key=" +
+                         friends_fingerprint))
+      << HostLog();
+
+  Joiner forger(SignalUrl(), TokenOf(link), kFriend, &forgers_key);
+  Joiner claimer(SignalUrl(), TokenOf(link), kFriend);
+  EXPECT_TRUE(HostLogged("pending, listed id from another computer id=Name of " + std::string(kFriend) +
+                         " key=" + transport::KeyFingerprint(forgers_key.PublicText())))
+      << HostLog();
+  EXPECT_TRUE(HostLogged("pending id=Name of " + std::string(kFriend) + " key=not proved")) << HostLog();
+  std::this_thread::sleep_for(1s);
+  EXPECT_FALSE(forger.offered());
+  EXPECT_FALSE(claimer.offered());
 }
 
 TEST_F(SharingAcrossProcesses, WithoutAdmissionOptionsEveryViewerWaits) {

@@ -24,6 +24,7 @@
 
 #include "admission_prompt.h"
 #include "allowlist_dialog.h"
+#include "session_allowlist.h"
 #include "daemon_host.h"
 #include "main_window.h"
 #include "mirell/testsupport/subprocess.h"
@@ -75,25 +76,41 @@ TEST(WindowTexts, PeerStatesInWords) {
   EXPECT_EQ(PeerStateText(static_cast<transport::PeerState>(9)), "unknown");
 }
 
-TEST(WindowTexts, ANamedViewerOnTheListSaysSoAndQuotesTheUserIdNotTheName) {
+TEST(WindowTexts, AViewerWhoseComputerProvedItsKeyIsShownCheckedAndQuotesTheUserIdNotTheName) {
   TestApplication();
   session::ViewerInfo viewer = Viewer("c1", "usr_0123", "Ann");
+  viewer.key_fingerprint = "SHA256:abc";
   viewer.allowlisted = true;
   const ViewerCell cell = ViewerCellFor(viewer);
-  EXPECT_EQ(cell.text, "Ann");
+  EXPECT_EQ(cell.text, "Ann (checked)");
   EXPECT_EQ(cell.tool_tip,
-            "Says they're usr_0123 in VRChat. Mirell can't check that.\nConnection id: c1\n"
-            "On your list, so let in automatically.");
+            "Says they're usr_0123 in VRChat, from a computer that proved its key (SHA256:abc).\n"
+            "Connection id: c1\nOn your list with this computer, so let in automatically.");
   viewer.allowlisted = false;
   EXPECT_EQ(ViewerCellFor(viewer).tool_tip,
-            "Says they're usr_0123 in VRChat. Mirell can't check that.\nConnection id: c1");
+            "Says they're usr_0123 in VRChat, from a computer that proved its key (SHA256:abc).\n"
+            "Connection id: c1");
+}
+
+TEST(WindowTexts, AViewerThatProvedNothingIsShownNotChecked) {
+  TestApplication();
+  session::ViewerInfo viewer = Viewer("c1", "usr_0123", "Ann");
+  viewer.allowlisted = true;  // A command-line entry: by the claim alone.
+  const ViewerCell cell = ViewerCellFor(viewer);
+  EXPECT_EQ(cell.text, "Ann (not checked)");
+  EXPECT_EQ(cell.tool_tip,
+            "Says they're usr_0123 in VRChat. Mirell can't check that: their computer proved no "
+            "key.\nConnection id: c1\nOn the list for this run by claimed id only, so let in "
+            "without a check.");
 }
 
 TEST(WindowTexts, AViewerWithOnlyAnIdOrNothingAtAll) {
   TestApplication();
   const ViewerCell id_only = ViewerCellFor(Viewer("c2", "usr_9"));
-  EXPECT_EQ(id_only.text, "usr_9");
-  EXPECT_EQ(id_only.tool_tip, "A VRChat user id they gave. Mirell can't check it.\nConnection id: c2");
+  EXPECT_EQ(id_only.text, "usr_9 (not checked)");
+  EXPECT_EQ(id_only.tool_tip,
+            "Says they're usr_9 in VRChat. Mirell can't check that: their computer proved no "
+            "key.\nConnection id: c2");
   const ViewerCell nobody = ViewerCellFor(Viewer("c3"));
   EXPECT_EQ(nobody.text, "c3");
   EXPECT_EQ(nobody.tool_tip,
@@ -123,7 +140,7 @@ TEST(ViewersTable, RowsAreKeyedByConnectionAndUpdatedInPlace) {
   a.seconds = 62;
   UpdateViewersTable(table, {b, a});  // Another order: rows stay where they are.
   ASSERT_EQ(table.rowCount(), 2);
-  EXPECT_EQ(table.item(0, 0)->text(), "Ann");
+  EXPECT_EQ(table.item(0, 0)->text(), "Ann (not checked)");
   EXPECT_EQ(table.item(0, 1)->text(), "1m 2s");
   EXPECT_EQ(table.item(0, 2)->text(), "2.5 Mbps");
   EXPECT_EQ(table.item(0, 3)->text(), "watching");
@@ -157,7 +174,8 @@ TEST(AdmissionPrompt, ClosingTheBoxIsANo) {
   });
   EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-7", "usr_1", "Ann").admit);
   EXPECT_EQ(text, "Someone is asking to watch Game.");
-  EXPECT_EQ(informative, "Says they're Ann in VRChat (usr_1). Mirell can't check that.");
+  EXPECT_EQ(informative,
+            "Says they're Ann in VRChat (usr_1). Mirell can't check that: their computer proved no key.");
 }
 
 TEST(AdmissionPrompt, LetThemWatchIsAYesAndNoIsANo) {
@@ -175,7 +193,17 @@ TEST(AdmissionPrompt, LetThemWatchIsAYesAndNoIsANo) {
     ButtonNamed(modal, "No")->click();
   });
   EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-7", "usr_2", "").admit);
-  EXPECT_EQ(informative, "Says they're usr_2 in VRChat. Mirell can't check that.");
+  EXPECT_EQ(informative, "Says they're usr_2. Mirell can't check that: their computer proved no key.");
+
+  WhenModalOpens([&](QWidget& modal) {
+    informative = dynamic_cast<QMessageBox&>(modal).informativeText();
+    SaveScreenshot(dynamic_cast<QMessageBox&>(modal), "admission_prompt_key_proved");
+    ButtonNamed(modal, "No")->click();
+  });
+  EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-7", "usr_2", "Bob", "SHA256:k").admit);
+  EXPECT_EQ(informative,
+            "Says they're Bob in VRChat (usr_2). Mirell can't check a VRChat id, but it knows this "
+            "computer by its key: let them in from now on, and only this computer gets in unasked.");
 }
 
 class MainWindowTest : public ::testing::Test {
@@ -268,12 +296,12 @@ TEST(AdmissionPrompt, AViewerWithAnIdCanBeRememberedOnlyWhenLetIn) {
     always->setChecked(true);
     ButtonNamed(modal, "Let them watch")->click();
   });
-  const AdmissionAnswer answer = AskAdmission(nullptr, "Game", "conn-7", "usr_1", "Ann");
+  const AdmissionAnswer answer = AskAdmission(nullptr, "Game", "conn-7", "usr_1", "Ann", "SHA256:k");
   EXPECT_TRUE(answer.admit);
   EXPECT_TRUE(answer.remember);
   EXPECT_EQ(box_text, "Always let Ann in without asking");
-  EXPECT_EQ(tip, "Adds them to Who can watch, so they skip this next time. Anyone who has your "
-                 "link and knows that user id gets in too.");
+  EXPECT_EQ(tip, "Adds them to Who can watch with this computer's key (SHA256:k), so they skip "
+                 "this next time. From another computer they are asked again.");
 
   WhenModalOpens([&](QWidget& modal) {
     QCheckBox* always = dynamic_cast<QMessageBox&>(modal).checkBox();
@@ -282,7 +310,7 @@ TEST(AdmissionPrompt, AViewerWithAnIdCanBeRememberedOnlyWhenLetIn) {
     always->setChecked(true);
     modal.close();
   });
-  const AdmissionAnswer closed = AskAdmission(nullptr, "Game", "conn-8", "usr_2", "");
+  const AdmissionAnswer closed = AskAdmission(nullptr, "Game", "conn-8", "usr_2", "", "SHA256:k");
   EXPECT_FALSE(closed.admit);
   EXPECT_FALSE(closed.remember) << "a no remembers nobody";
   EXPECT_EQ(box_text, "Let them in from now on without asking");
@@ -294,11 +322,46 @@ TEST(AdmissionPrompt, AViewerWithAnIdCanBeRememberedOnlyWhenLetIn) {
   });
   EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-9", "", "").remember);
   EXPECT_FALSE(had_check_box) << "without an id there is nothing to remember them by";
+  had_check_box = true;
+  WhenModalOpens([&](QWidget& modal) {
+    had_check_box = dynamic_cast<QMessageBox&>(modal).checkBox() != nullptr;
+    ButtonNamed(modal, "Let them watch")->click();
+  });
+  EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-9", "usr_2", "Bob").remember);
+  EXPECT_FALSE(had_check_box) << "an id without a proved key is what anyone can claim";
+}
+
+TEST(AdmissionPrompt, AListedIdFromAnotherComputerIsAWarning) {
+  TestApplication();
+  QString informative;
+  QMessageBox::Icon icon = QMessageBox::NoIcon;
+  WhenModalOpens([&](QWidget& modal) {
+    auto& box = dynamic_cast<QMessageBox&>(modal);
+    informative = box.informativeText();
+    icon = box.icon();
+    SaveScreenshot(box, "admission_prompt_other_computer");
+    box.close();
+  });
+  EXPECT_FALSE(AskAdmission(nullptr, "Game", "conn-7", "usr_1", "Ann", "SHA256:new", true).admit);
+  EXPECT_EQ(icon, QMessageBox::Warning);
+  EXPECT_EQ(informative,
+            "Claims to be Ann in VRChat (usr_1) from a computer you have not let in before. If it "
+            "isn't them, someone else is using their id: let them in only if you know it's them.");
+}
+
+TEST(SessionAllowlist, DuplicateIdsKeepTheFirstNameAndEveryKey) {
+  const session::Allowlist allowlist = SessionAllowlistOf(
+      {{"usr_a", "first", {"SHA256:1"}}, {"usr_b", "Bob", {}}, {"usr_a", "second", {"SHA256:2", "SHA256:1"}}});
+  ASSERT_EQ(allowlist.size(), 2u);
+  EXPECT_EQ(allowlist.at("usr_a").name, "first");
+  EXPECT_EQ(allowlist.at("usr_a").key_fingerprints, (std::vector<std::string>{"SHA256:1", "SHA256:2"}));
+  EXPECT_FALSE(allowlist.at("usr_a").by_claim_only);
+  EXPECT_TRUE(allowlist.at("usr_b").key_fingerprints.empty());
 }
 
 TEST(AllowlistDialogTest, AWrongIdIsFramedRedAndKeptAndARightOneIsListed) {
   TestApplication();
-  AllowlistDialog dialog(std::vector<AllowlistEntry>{{"4KxR2TmqZa", ""}});
+  AllowlistDialog dialog(std::vector<AllowlistEntry>{{"4KxR2TmqZa", "", {}}});
   dialog.show();
   EXPECT_EQ(dialog.windowTitle(), "Who can watch without being asked");
   auto* list = dialog.findChild<QListWidget*>();
@@ -429,27 +492,46 @@ TEST_F(MainWindowTest, TheVRChatAccountOfItsLogIsShownWithTheLogsName) {
   EXPECT_TRUE(account->textInteractionFlags() & Qt::TextSelectableByMouse);
 }
 
-TEST_F(MainWindowTest, LettingSomeoneInForGoodStoresThemOnTheList) {
+TEST_F(MainWindowTest, LettingSomeoneInForGoodStoresThemWithTheirComputersKey) {
   MainWindow window(host_.get());
   SaveAllowlist({});
   WhenModalOpens([](QWidget& modal) {
     dynamic_cast<QMessageBox&>(modal).checkBox()->setChecked(true);
     ButtonNamed(modal, "Let them watch")->click();
   });
-  window.PromptAdmission("conn-1", "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413", "Ann");
+  window.PromptAdmission("conn-1", "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413", "Ann", "SHA256:ann");
   ASSERT_TRUE(AnsweredWithin(window));
   const std::vector<AllowlistEntry> stored = LoadAllowlist();
   ASSERT_EQ(stored.size(), 1u);
   EXPECT_EQ(stored[0].user_id, "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413");
   EXPECT_EQ(stored[0].name, "Ann");
+  EXPECT_EQ(stored[0].key_fingerprints, std::vector<std::string>{"SHA256:ann"});
 
   WhenModalOpens([](QWidget& modal) {
     dynamic_cast<QMessageBox&>(modal).checkBox()->setChecked(true);
     ButtonNamed(modal, "No")->click();
   });
-  window.PromptAdmission("conn-2", "usr_0a1b2c3d-4e5f-6789-abcd-ef0123456789", "Bob");
+  window.PromptAdmission("conn-2", "usr_0a1b2c3d-4e5f-6789-abcd-ef0123456789", "Bob", "SHA256:bob");
   ASSERT_TRUE(AnsweredWithin(window));
   EXPECT_EQ(LoadAllowlist().size(), 1u) << "someone turned away is not remembered";
+  SaveAllowlist({});
+}
+
+// A list from before computers were checked: the first visit let in binds the entry to that
+// computer, ticked or not; a listed id from another computer is let in once without changing it.
+TEST_F(MainWindowTest, AnEntryWithoutAKeyTakesTheKeyOfTheVisitLetIn) {
+  MainWindow window(host_.get());
+  const std::string ann = "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413";
+  SaveAllowlist({{ann, "Ann", {}}});
+  WhenModalOpens([](QWidget& modal) { ButtonNamed(modal, "Let them watch")->click(); });
+  window.PromptAdmission("conn-1", QString::fromStdString(ann), "Ann", "SHA256:first");
+  ASSERT_TRUE(AnsweredWithin(window));
+  EXPECT_EQ(LoadAllowlist().at(0).key_fingerprints, std::vector<std::string>{"SHA256:first"});
+
+  WhenModalOpens([](QWidget& modal) { ButtonNamed(modal, "Let them watch")->click(); });
+  window.PromptAdmission("conn-2", QString::fromStdString(ann), "Ann", "SHA256:other", true);
+  ASSERT_TRUE(AnsweredWithin(window));
+  EXPECT_EQ(LoadAllowlist().at(0).key_fingerprints, std::vector<std::string>{"SHA256:first"});
   SaveAllowlist({});
 }
 

@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <cmath>
+#include <filesystem>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -27,6 +28,7 @@ using namespace std::chrono_literals;
 struct Marks {
   double first_picture = -1;
   bool pictures_missing = false;  // Two pictures in a row more than 1.5 frames apart.
+  bool nothing_recorded = false;  // The player stalled and wrote no file to read back.
   std::vector<double> flashes;
   std::vector<double> clicks;
   std::string log;
@@ -128,6 +130,7 @@ class AvSyncPlayerTest : public ::testing::Test {
   // backstop for a stream that stops short.
   Marks PlayWithGstreamer(int seconds) {
     const auto file = dir_.path() / "gstreamer.mkv";
+    std::filesystem::remove(file);
     const int video_frames = seconds * 30;
     const int audio_units = seconds * 48000 / 1024;
     testsupport::ProcessOptions options;
@@ -142,8 +145,18 @@ class AvSyncPlayerTest : public ::testing::Test {
          "rtpmp4gdepay", "!", "aacparse", "!", "identity", fmt::format("eos-after={}", audio_units),
          "!", "queue", "!", "mux."},
         options);
-    EXPECT_EQ(recorded.exit_code, 0) << "the recording did not end by itself\n" << recorded.err;
     EXPECT_EQ(recorded.err.find("ERROR"), std::string::npos) << recorded.err;
+    std::error_code error;
+    const auto size = std::filesystem::file_size(file, error);
+    if (recorded.exit_code != 0 && (error || size < 64)) {
+      // Seen about once in twenty runs: the muxer wrote not even a header while the server
+      // delivered every picture and sound (its log shows them, and the player's reports).
+      Marks stalled;
+      stalled.nothing_recorded = true;
+      stalled.log = recorded.err;
+      return stalled;
+    }
+    EXPECT_EQ(recorded.exit_code, 0) << "the recording did not end by itself\n" << recorded.err;
     const auto result = testsupport::RunProcess(AnalyseCommand(file.string(), 60), options);
     EXPECT_EQ(result.exit_code, 0) << result.err;
     return ReadMarks(result.err);
@@ -152,15 +165,15 @@ class AvSyncPlayerTest : public ::testing::Test {
   // A GStreamer player that falls behind while it starts (the server then drops pictures up to a
   // keyframe for it) shows a gap, after which its jitter buffer re-times the video for a moment
   // (seen once: 268 ms for the next second). Such a run measures the player catching up, not the
-  // reports, so it is played again, three runs at most; a run without a gap must show the
-  // tracks together.
+  // reports, so it is played again, as is a run where the player stalled before it wrote
+  // anything; three runs at most. A run without a gap must show the tracks together.
   Marks PlayWithGstreamerWithoutGaps(int seconds) {
     Marks marks;
     for (int run = 0; run < 3; ++run) {
       marks = PlayWithGstreamer(seconds);
-      if (!marks.pictures_missing) return marks;
+      if (!marks.pictures_missing && !marks.nothing_recorded) return marks;
     }
-    ADD_FAILURE() << "the player fell behind at its start in every run\n" << marks.log;
+    ADD_FAILURE() << "the player fell behind or stalled at its start in every run\n" << marks.log;
     return marks;
   }
 

@@ -5,6 +5,8 @@
 
 #include "mirell/base/clock.h"
 #include "mirell/base/logging.h"
+#include "mirell/transport/identity_key.h"
+#include "mirell/transport/viewer_proof.h"
 
 namespace mirell::session {
 
@@ -17,6 +19,19 @@ constexpr std::size_t kMaxPrepared = 4;
 // An offer older than this is made again on admission: its reflexive candidates may have lapsed
 // in the router's table while the user thought about it.
 constexpr std::int64_t kPreparedFreshNs = 20'000'000'000;
+// Viewers asked to prove their key at once; more are taken as unproved (the server lets 64
+// viewers wait on a token).
+constexpr std::size_t kMaxProving = 64;
+
+const char* VerdictText(AdmissionVerdict verdict) {
+  switch (verdict) {
+    case AdmissionVerdict::kLetIn: return "allowlisted, key proved";
+    case AdmissionVerdict::kLetInByClaim: return "allowlisted by claimed id only";
+    case AdmissionVerdict::kAsk: return "pending";
+    case AdmissionVerdict::kAskOtherComputer: return "pending, listed id from another computer";
+  }
+  return "?";
+}
 
 }  // namespace
 
@@ -27,6 +42,8 @@ struct ShareSession::Peer {
   std::atomic<bool> gone{false};
   std::string identity;
   std::string display_name;
+  std::string key;        // Proved: its answer must be signed with it.
+  std::string challenge;  // The one the key was proved under.
   bool allowlisted = false;
   std::int64_t admitted_at = 0;
   std::int64_t rate_at = 0;
@@ -57,7 +74,7 @@ void ShareSession::SetPendingGoneHandler(std::function<void(const std::string&)>
   on_pending_gone_ = std::move(handler);
 }
 
-void ShareSession::SetAllowlist(std::map<std::string, std::string> allowlist) {
+void ShareSession::SetAllowlist(Allowlist allowlist) {
   std::lock_guard lock(mutex_);
   allowlist_ = std::move(allowlist);
 }
@@ -68,32 +85,90 @@ void ShareSession::Start() {
     OnArrival(id, identity);
   });
   signal_->OnPeerGone([this](const std::string& id) { OnDeparture(id); });
-  signal_->OnAnswer(
-      [this](const std::string& id, const std::string& sdp) { OnAnswer(id, sdp); });
+  signal_->OnAnswer([this](const std::string& id, const std::string& sdp, const std::string& signature) {
+    OnAnswer(id, sdp, signature);
+  });
+  signal_->OnProof(
+      [this](const std::string& id, const std::string& signature) { OnProof(id, signature); });
 }
 
 void ShareSession::OnArrival(const std::string& id, const transport::PeerIdentity& identity) {
+  Arrival arrival;
+  arrival.identity = identity;
+  arrival.since = SteadyNowNs();
   if (!admission_required_) {
-    Admit(id, identity, false);
+    Admit(id, arrival, false);
     return;
   }
-  bool allowlisted = false;
+  if (!identity.key.empty() && !transport::KeyFingerprint(identity.key).empty()) {
+    arrival.challenge = transport::NewChallenge();
+    bool room = false;
+    {
+      std::lock_guard lock(mutex_);
+      room = proving_.size() < kMaxProving;
+      if (room) proving_[id] = arrival;
+    }
+    if (room && signal_->SendChallenge(id, arrival.challenge)) {
+      LOG_DEBUG("peer={} asked to prove its key", id);
+      return;
+    }
+    {
+      std::lock_guard lock(mutex_);
+      proving_.erase(id);
+    }
+    arrival.challenge.clear();
+  }
+  Decide(id, std::move(arrival));
+}
+
+void ShareSession::OnProof(const std::string& id, const std::string& signature) {
+  Arrival arrival;
   {
     std::lock_guard lock(mutex_);
-    allowlisted = !identity.identity.empty() && allowlist_.contains(identity.identity);
+    const auto found = proving_.find(id);
+    if (found == proving_.end()) {
+      LOG_DEBUG("peer={} a proof nobody asked for", id);
+      return;
+    }
+    arrival = std::move(found->second);
+    proving_.erase(found);
   }
-  if (allowlisted) {
-    LOG_INFO("peer={} allowlisted id={}", id,
-             identity.display_name.empty() ? identity.identity : identity.display_name);
-    Admit(id, identity, true);
+  const std::string statement = transport::IdentityStatement(token_, arrival.challenge);
+  if (!transport::VerifySignature(arrival.identity.key, statement, signature)) {
+    // A proof for another challenge (a replay) or another key: whoever sends it is not the
+    // computer it names.
+    LOG_WARN("peer={} its proof does not fit the key it named: sent away", id);
+    ++refused_proofs_;
+    signal_->SendDeny(id);
     return;
   }
+  arrival.key_fingerprint = transport::KeyFingerprint(arrival.identity.key);
+  Decide(id, std::move(arrival));
+}
+
+void ShareSession::Decide(const std::string& id, Arrival arrival) {
+  if (!running_.load()) return;
+  AdmissionVerdict verdict = AdmissionVerdict::kAsk;
   {
     std::lock_guard lock(mutex_);
-    pending_[id] = identity;
+    verdict = session::Decide(allowlist_, {arrival.identity.identity, arrival.key_fingerprint});
   }
-  LOG_INFO("peer={} pending", id);
-  if (on_pending_) on_pending_(id, identity);
+  const std::string& who = arrival.identity.display_name.empty() ? arrival.identity.identity
+                                                                  : arrival.identity.display_name;
+  LOG_INFO("peer={} {} id={} key={}", id, VerdictText(verdict), who.empty() ? "-" : who,
+           arrival.key_fingerprint.empty() ? "not proved" : arrival.key_fingerprint);
+  if (verdict == AdmissionVerdict::kLetIn || verdict == AdmissionVerdict::kLetInByClaim) {
+    Admit(id, arrival, true);
+    return;
+  }
+  arrival.other_computer = verdict == AdmissionVerdict::kAskOtherComputer;
+  const PendingViewer asked{id, arrival.identity.identity, arrival.identity.display_name,
+                            arrival.key_fingerprint, arrival.other_computer};
+  {
+    std::lock_guard lock(mutex_);
+    pending_[id] = std::move(arrival);
+  }
+  if (on_pending_) on_pending_(asked);
   Prepare(id);
 }
 
@@ -148,6 +223,7 @@ void ShareSession::OnDeparture(const std::string& id) {
     std::lock_guard lock(mutex_);
     const auto found = peers_.find(id);
     if (found != peers_.end()) found->second->gone = true;
+    proving_.erase(id);
     // Someone who waited and left is no longer asked about, and the link gathered for them goes.
     was_waiting = pending_.erase(id) > 0;
     const auto ready = prepared_.find(id);
@@ -162,7 +238,7 @@ void ShareSession::OnDeparture(const std::string& id) {
   if (on_pending_gone_) on_pending_gone_(id);
 }
 
-void ShareSession::OnAnswer(const std::string& id, const std::string& sdp) {
+void ShareSession::OnAnswer(const std::string& id, const std::string& sdp, const std::string& signature) {
   std::shared_ptr<Peer> peer;
   {
     std::lock_guard lock(mutex_);
@@ -172,6 +248,19 @@ void ShareSession::OnAnswer(const std::string& id, const std::string& sdp) {
       return;
     }
     peer = found->second;
+  }
+  if (!peer->key.empty()) {
+    // The answer of a viewer that proved its key must be signed with it, over this answer's
+    // certificate: a server that put another answer in its place is caught here.
+    const std::string fingerprint = transport::DtlsFingerprintOf(sdp);
+    const std::string statement = transport::AnswerStatement(token_, peer->challenge, fingerprint);
+    if (fingerprint.empty() || !transport::VerifySignature(peer->key, statement, signature)) {
+      LOG_WARN("peer={} its answer is not signed with the key it proved: closed", id);
+      ++refused_proofs_;
+      peer->gone = true;
+      signal_->SendDeny(id);
+      return;
+    }
   }
   try {
     peer->link->SetRemoteDescription(sdp);
@@ -183,30 +272,34 @@ void ShareSession::OnAnswer(const std::string& id, const std::string& sdp) {
 
 void ShareSession::Approve(const std::string& id) {
   if (!running_.load()) return;
-  transport::PeerIdentity identity;
+  Arrival arrival;
   {
     std::lock_guard lock(mutex_);
     const auto found = pending_.find(id);
     if (found == pending_.end()) return;
-    identity = std::move(found->second);
+    arrival = std::move(found->second);
     pending_.erase(found);
   }
   // The link is taken or made on the admissions thread: making one can wait on webrtcbin and a
   // name lookup, and the person's click must not hold the window.
-  if (!admissions_.Post([this, id, identity] { Admit(id, identity, false, TakePrepared(id)); })) {
+  if (!admissions_.Post([this, id, arrival] { Admit(id, arrival, false, TakePrepared(id)); })) {
     LOG_WARN("peer={} not let in: too many admissions at once", id);
   }
 }
 
-void ShareSession::Admit(const std::string& id, const transport::PeerIdentity& identity,
-                         bool allowlisted, std::unique_ptr<transport::PeerLink> prepared) {
+void ShareSession::Admit(const std::string& id, const Arrival& arrival, bool allowlisted,
+                         std::unique_ptr<transport::PeerLink> prepared) {
   if (!running_.load()) {
     if (prepared) prepared->Close();
     return;
   }
   auto peer = std::make_shared<Peer>();
-  peer->identity = identity.identity;
-  peer->display_name = identity.display_name;
+  peer->identity = arrival.identity.identity;
+  peer->display_name = arrival.identity.display_name;
+  if (!arrival.key_fingerprint.empty()) {
+    peer->key = arrival.identity.key;
+    peer->challenge = arrival.challenge;
+  }
   peer->allowlisted = allowlisted;
   peer->admitted_at = SteadyNowNs();
   peer->rate_at = peer->admitted_at;
@@ -291,10 +384,20 @@ void ShareSession::Disconnect(const std::string& id) {
 
 void ShareSession::Sweep() {
   std::vector<std::shared_ptr<Peer>> gone;
+  std::vector<std::pair<std::string, Arrival>> unproved;
   const std::int64_t now = SteadyNowNs();
   const std::int64_t limit_ns = connect_limit_ns_.load();
+  const std::int64_t proof_limit_ns = proof_limit_ns_.load();
   {
     std::lock_guard lock(mutex_);
+    for (auto it = proving_.begin(); it != proving_.end();) {
+      if (now - it->second.since < proof_limit_ns) {
+        ++it;
+        continue;
+      }
+      unproved.emplace_back(it->first, std::move(it->second));
+      it = proving_.erase(it);
+    }
     for (auto it = peers_.begin(); it != peers_.end();) {
       Peer& peer = *it->second;
       // A viewer whose link has not connected within the bound will not: its answer was lost,
@@ -312,6 +415,14 @@ void ShareSession::Sweep() {
       LOG_INFO("peer={} gone", it->first);
       gone.push_back(std::move(it->second));
       it = peers_.erase(it);
+    }
+  }
+  for (auto& [id, arrival] : unproved) {
+    LOG_INFO("peer={} did not prove the key it named within {} s", id, proof_limit_ns / 1'000'000'000);
+    arrival.challenge.clear();
+    // Asking prepares a link: on the admissions thread, not the window's.
+    if (!admissions_.Post([this, id, arrival = std::move(arrival)]() mutable { Decide(id, std::move(arrival)); })) {
+      LOG_WARN("peer={} not asked about: too many admissions at once", id);
     }
   }
   UpdateRates();
@@ -398,6 +509,7 @@ std::vector<ViewerInfo> ShareSession::Viewers() const {
     row.identity = peer->identity;
     row.display_name = peer->display_name;
     row.allowlisted = peer->allowlisted;
+    if (!peer->key.empty()) row.key_fingerprint = transport::KeyFingerprint(peer->key);
     row.state = peer->link ? peer->link->state() : PeerState::kClosed;
     row.seconds = (now - peer->admitted_at) / 1'000'000'000;
     if (peer->sender) {
@@ -413,8 +525,9 @@ std::vector<ViewerInfo> ShareSession::Viewers() const {
 std::vector<PendingViewer> ShareSession::PendingViewers() const {
   std::vector<PendingViewer> rows;
   std::lock_guard lock(mutex_);
-  for (const auto& [id, identity] : pending_) {
-    rows.push_back({id, identity.identity, identity.display_name});
+  for (const auto& [id, arrival] : pending_) {
+    rows.push_back({id, arrival.identity.identity, arrival.identity.display_name,
+                    arrival.key_fingerprint, arrival.other_computer});
   }
   return rows;
 }

@@ -225,15 +225,15 @@ void Sharing::StartPeering(State& state) {
                                                  offer, audio ? audio->sample_rate : kAudioRate);
   state.session->SetAdmissionRequired(admission_required_);
   state.session->SetAllowlist(allowlist_);
-  state.session->SetPendingHandler(
-      [this](const std::string& connection_id, const transport::PeerIdentity& identity) {
-        PendingHandler handler;
-        {
-          std::lock_guard lock(handler_mutex_);
-          handler = on_viewer_pending_;
-        }
-        if (handler) handler(connection_id, identity);
-      });
+  state.session->SetShareToken(state.token);
+  state.session->SetPendingHandler([this](const PendingViewer& viewer) {
+    PendingHandler handler;
+    {
+      std::lock_guard lock(handler_mutex_);
+      handler = on_viewer_pending_;
+    }
+    if (handler) handler(viewer);
+  });
   state.session->SetPendingGoneHandler([this](const std::string& connection_id) {
     std::function<void(const std::string&)> handler;
     {
@@ -407,7 +407,7 @@ std::string Sharing::refusal() const {
   return state_->refusal->reason;
 }
 
-void Sharing::SetAllowlist(std::map<std::string, std::string> allowlist) {
+void Sharing::SetAllowlist(Allowlist allowlist) {
   std::lock_guard lock(mutex_);
   allowlist_ = std::move(allowlist);
   if (state_ && state_->session) state_->session->SetAllowlist(allowlist_);

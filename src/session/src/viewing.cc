@@ -8,6 +8,7 @@
 #include "mirell/media/aac_rtp.h"
 #include "mirell/session/peer_receiver.h"
 #include "mirell/transport/peer_link.h"
+#include "mirell/transport/viewer_proof.h"
 
 namespace mirell::session {
 namespace {
@@ -53,6 +54,9 @@ struct Viewing::Watch {
   bool host_picture = false;               // Under card_mutex.
   std::atomic<bool> done{false};
   IdleState idle;
+  // The host's latest challenge (signal thread), which the answer is signed under (link thread).
+  std::mutex proof_mutex;
+  std::string challenge;  // Under proof_mutex.
 };
 
 Viewing::Viewing(daemon::StreamRegistry& registry, Config config)
@@ -133,6 +137,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token) {
 
   transport::PeerConfig peer_config;
   transport::SignalConfig signal_config;
+  std::shared_ptr<const transport::IdentityKey> key;
   {
     std::lock_guard lock(mutex_);
     std::size_t live = 0;
@@ -151,6 +156,12 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token) {
     if (share_identity_) {
       signal_config.identity = identity_;
       signal_config.display_name = display_name_;
+      // Only beside an id: a key alone would let hosts follow this computer from share to share
+      // while it says nothing of who is watching.
+      if (!identity_.empty() && key_) {
+        key = key_;
+        signal_config.key = key->PublicText();
+      }
     }
   }
 
@@ -256,8 +267,31 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token) {
       raw->done = true;
     }
   });
-  link->OnLocalDescription([signal, token](const std::string& sdp) {
-    if (!signal->SendAnswer(sdp)) LOG_WARN("token={} SendAnswer failed", token);
+  signal->OnChallenge([raw, signal, key, token](const std::string& challenge) {
+    if (!key) return;  // Named no key: nothing to prove.
+    {
+      std::lock_guard lock(raw->proof_mutex);
+      raw->challenge = challenge;
+    }
+    if (!signal->SendProof(key->Sign(transport::IdentityStatement(token, challenge)))) {
+      LOG_WARN("token={} SendProof failed", token);
+    }
+  });
+  link->OnLocalDescription([raw, signal, key, token](const std::string& sdp) {
+    std::string signature;
+    if (key) {
+      std::string challenge;
+      {
+        std::lock_guard lock(raw->proof_mutex);
+        challenge = raw->challenge;
+      }
+      // The host checks that the link it opens ends at this certificate.
+      const std::string fingerprint = transport::DtlsFingerprintOf(sdp);
+      if (!challenge.empty() && !fingerprint.empty()) {
+        signature = key->Sign(transport::AnswerStatement(token, challenge, fingerprint));
+      }
+    }
+    if (!signal->SendAnswer(sdp, signature)) LOG_WARN("token={} SendAnswer failed", token);
   });
   signal->OnRefused([raw, token](const std::string& reason) {
     LOG_WARN("token={} refused: {}", token, reason);
@@ -330,6 +364,11 @@ void Viewing::SetIdentity(transport::PeerIdentity identity) {
   std::lock_guard lock(mutex_);
   identity_ = std::move(identity.identity);
   display_name_ = std::move(identity.display_name);
+}
+
+void Viewing::SetIdentityKey(std::shared_ptr<const transport::IdentityKey> key) {
+  std::lock_guard lock(mutex_);
+  key_ = std::move(key);
 }
 
 void Viewing::SetShareIdentity(bool share) {

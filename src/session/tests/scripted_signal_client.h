@@ -16,9 +16,10 @@ namespace mirell::session::testing {
 class ScriptedSignalClient : public transport::SignalClient {
  public:
   struct Sent {
-    std::string type;  // "offer", "deny" or "answer".
+    std::string type;  // "offer", "deny", "challenge", "answer" or "proof".
     std::string peer;
-    std::string sdp;
+    std::string sdp;        // The challenge of a "challenge".
+    std::string signature;  // Of an "answer" or "proof".
   };
 
   void OnReady(std::function<void()> handler) override { on_ready_ = std::move(handler); }
@@ -33,8 +34,15 @@ class ScriptedSignalClient : public transport::SignalClient {
   void OnPeerGone(std::function<void(const std::string&)> handler) override {
     on_peer_gone_ = std::move(handler);
   }
-  void OnAnswer(std::function<void(const std::string&, const std::string&)> handler) override {
+  void OnAnswer(std::function<void(const std::string&, const std::string&, const std::string&)> handler)
+      override {
     on_answer_ = std::move(handler);
+  }
+  void OnProof(std::function<void(const std::string&, const std::string&)> handler) override {
+    on_proof_ = std::move(handler);
+  }
+  void OnChallenge(std::function<void(const std::string&)> handler) override {
+    on_challenge_ = std::move(handler);
   }
   void OnMedia(std::function<void(const transport::StreamMedia&)> handler) override {
     on_media_ = std::move(handler);
@@ -43,10 +51,16 @@ class ScriptedSignalClient : public transport::SignalClient {
     on_offer_ = std::move(handler);
   }
   bool SendOffer(const std::string& peer, const std::string& sdp) override {
-    return Record({"offer", peer, sdp});
+    return Record({"offer", peer, sdp, {}});
   }
-  bool SendDeny(const std::string& peer) override { return Record({"deny", peer, {}}); }
-  bool SendAnswer(const std::string& sdp) override { return Record({"answer", {}, sdp}); }
+  bool SendDeny(const std::string& peer) override { return Record({"deny", peer, {}, {}}); }
+  bool SendChallenge(const std::string& peer, const std::string& challenge) override {
+    return Record({"challenge", peer, challenge, {}});
+  }
+  bool SendAnswer(const std::string& sdp, const std::string& signature) override {
+    return Record({"answer", {}, sdp, signature});
+  }
+  bool SendProof(const std::string& signature) override { return Record({"proof", {}, {}, signature}); }
   void Start() override {}
   void Stop() override {}
   void End(std::chrono::milliseconds) override { ++ends_; }
@@ -61,8 +75,23 @@ class ScriptedSignalClient : public transport::SignalClient {
   void PeerGone(const std::string& peer) {
     if (on_peer_gone_) on_peer_gone_(peer);
   }
-  void Answer(const std::string& peer, const std::string& sdp) {
-    if (on_answer_) on_answer_(peer, sdp);
+  void Answer(const std::string& peer, const std::string& sdp, const std::string& signature = {}) {
+    if (on_answer_) on_answer_(peer, sdp, signature);
+  }
+  void Proof(const std::string& peer, const std::string& signature) {
+    if (on_proof_) on_proof_(peer, signature);
+  }
+  void Challenge(const std::string& challenge) {
+    if (on_challenge_) on_challenge_(challenge);
+  }
+  // The challenge last sent to `peer`, or "".
+  std::string ChallengeSentTo(const std::string& peer) const {
+    std::lock_guard lock(mutex_);
+    std::string challenge;
+    for (const Sent& message : sent_) {
+      if (message.type == "challenge" && message.peer == peer) challenge = message.sdp;
+    }
+    return challenge;
   }
   bool has_peer_handlers() const { return on_peer_ && on_peer_gone_ && on_answer_; }
   // How many times a viewer arrival handler was handed over.
@@ -93,7 +122,9 @@ class ScriptedSignalClient : public transport::SignalClient {
   std::function<void(const std::string&)> on_peer_gone_;
   int peer_handler_sets_ = 0;
   int ends_ = 0;
-  std::function<void(const std::string&, const std::string&)> on_answer_;
+  std::function<void(const std::string&, const std::string&, const std::string&)> on_answer_;
+  std::function<void(const std::string&, const std::string&)> on_proof_;
+  std::function<void(const std::string&)> on_challenge_;
   std::function<void(const transport::StreamMedia&)> on_media_;
   std::function<void(const std::string&)> on_offer_;
   mutable std::mutex mutex_;

@@ -13,6 +13,8 @@
 #include "mirell/session/peer_receiver.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
+#include "mirell/transport/identity_key.h"
+#include "mirell/transport/viewer_proof.h"
 #include "interop_support.h"
 #include "peer_media_fixture.h"
 #include "scripted_signal_client.h"
@@ -26,15 +28,18 @@ using testsupport::Eventually;
 using transport::PeerIdentity;
 using transport::PeerState;
 
+constexpr const char* kToken = "ABCDEFGHJKMN";
+
 class ShareSessionTest : public ::testing::Test {
  protected:
   void SetUp() override {
     SetLogLevel(LogLevel::kDebug);
     ASSERT_TRUE(SetLogFile(dir_.path() / "log"));
-    session_.SetPendingHandler([this](const std::string& id, const PeerIdentity& identity) {
+    session_.SetPendingHandler([this](const PendingViewer& viewer) {
       std::lock_guard lock(asked_mutex_);
-      asked_.push_back({id, identity});
+      asked_.push_back(viewer);
     });
+    session_.SetShareToken(kToken);
     session_.SetKeyframeHandler([this] { ++keyframes_; });
   }
   void TearDown() override {
@@ -42,9 +47,20 @@ class ShareSessionTest : public ::testing::Test {
     SetLogLevel(LogLevel::kWarn);
   }
   std::string Log() const { return testsupport::ReadFileText(dir_.path() / "log"); }
-  std::vector<std::pair<std::string, PeerIdentity>> Asked() {
+  std::vector<PendingViewer> Asked() {
     std::lock_guard lock(asked_mutex_);
     return asked_;
+  }
+  // A viewer arrives naming `key`'s public key and answers the challenge with a proof signed by
+  // `prover` (the same key, unless the test forges).
+  void ArriveAndProve(const std::string& id, const PeerIdentity& claim, const transport::IdentityKey& prover) {
+    signal_.Peer(id, claim);
+    const std::string challenge = signal_.ChallengeSentTo(id);
+    ASSERT_EQ(challenge.size(), transport::kChallengeLength);
+    signal_.Proof(id, prover.Sign(transport::IdentityStatement(kToken, challenge)));
+  }
+  static PeerIdentity Claim(const std::string& id, const std::string& name, const transport::IdentityKey& key) {
+    return {id, name, key.PublicText()};
   }
   bool OfferSentTo(const std::string& id) {
     for (const auto& message : signal_.sent()) {
@@ -60,7 +76,7 @@ class ShareSessionTest : public ::testing::Test {
   ShareSession session_{&signal_, &frames_, &audio_, transport::PeerConfig{{}, 1},
                         transport::OfferMedia{}, 48000};
   std::mutex asked_mutex_;
-  std::vector<std::pair<std::string, PeerIdentity>> asked_;
+  std::vector<PendingViewer> asked_;
   std::atomic<int> keyframes_{0};
 };
 
@@ -89,32 +105,141 @@ TEST_F(ShareSessionTest, WithoutAdmissionEveryoneIsLetInUnlisted) {
   EXPECT_NE(Log().find("peer=c1 offering"), std::string::npos);
 }
 
-TEST_F(ShareSessionTest, AnAllowlistedIdIsLetInWithoutAPrompt) {
-  session_.SetAllowlist({{"usr_friend", "Friend"}});
+TEST_F(ShareSessionTest, AListedIdThatProvesItsKnownKeyIsLetInWithoutAPrompt) {
+  const auto key = transport::IdentityKey::Generate();
+  session_.SetAllowlist({{"usr_friend", {"Friend", {transport::KeyFingerprint(key.PublicText())}}}});
   session_.Start();
-  signal_.Peer("c1", {"usr_friend", "Friendly"});
+  ArriveAndProve("c1", Claim("usr_friend", "Friendly", key), key);
   const auto viewers = session_.Viewers();
   ASSERT_EQ(viewers.size(), 1u);
   EXPECT_TRUE(viewers[0].allowlisted);
+  EXPECT_EQ(viewers[0].key_fingerprint, transport::KeyFingerprint(key.PublicText()));
   EXPECT_EQ(viewers[0].identity, "usr_friend");
   EXPECT_EQ(viewers[0].display_name, "Friendly");
   EXPECT_TRUE(Asked().empty());
   EXPECT_TRUE(session_.PendingViewers().empty());
-  EXPECT_NE(Log().find("peer=c1 allowlisted id=Friendly"), std::string::npos);
+  EXPECT_NE(Log().find("peer=c1 allowlisted, key proved id=Friendly"), std::string::npos);
   EXPECT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
 }
 
-TEST_F(ShareSessionTest, TheLogNamesTheIdWhenThereIsNoDisplayName) {
-  session_.SetAllowlist({{"usr_friend", "Friend"}});
+// Ids are public: naming a listed friend's id, without their computer's key, gets no further
+// than the prompt.
+TEST_F(ShareSessionTest, AForgedJoinNamingAListedIdWaitsForTheUser) {
+  const auto friends_key = transport::IdentityKey::Generate();
+  const auto forgers_key = transport::IdentityKey::Generate();
+  session_.SetAllowlist({{"usr_friend", {"Friend", {transport::KeyFingerprint(friends_key.PublicText())}}}});
   session_.Start();
-  signal_.Peer("c1", {"usr_friend", ""});
-  EXPECT_NE(Log().find("peer=c1 allowlisted id=usr_friend"), std::string::npos);
+  signal_.Peer("c1", {"usr_friend", "Friendly", {}});  // No key at all.
+  ArriveAndProve("c2", Claim("usr_friend", "Friendly", forgers_key), forgers_key);
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  const auto asked = Asked();
+  ASSERT_EQ(asked.size(), 2u);
+  EXPECT_EQ(asked[0].key_fingerprint, "");
+  EXPECT_FALSE(asked[0].other_computer);
+  EXPECT_EQ(asked[1].key_fingerprint, transport::KeyFingerprint(forgers_key.PublicText()));
+  EXPECT_TRUE(asked[1].other_computer);
+  EXPECT_EQ(session_.refused_proofs(), 0u);
+  EXPECT_FALSE(OfferSentTo("c1"));
+  EXPECT_FALSE(OfferSentTo("c2"));
+}
+
+TEST_F(ShareSessionTest, AProofMadeForAnotherChallengeIsRefused) {
+  const auto key = transport::IdentityKey::Generate();
+  session_.SetAllowlist({{"usr_friend", {"Friend", {transport::KeyFingerprint(key.PublicText())}}}});
+  session_.Start();
+  ArriveAndProve("c1", Claim("usr_friend", "Friendly", key), key);
+  ASSERT_EQ(session_.ViewerCount(), 1u);
+  // Somebody who saw that proof pass sends it again, as the friend, from another connection.
+  std::string seen;
+  for (const auto& message : signal_.sent()) {
+    if (message.type == "challenge" && message.peer == "c1") seen = message.sdp;
+  }
+  signal_.Peer("c2", Claim("usr_friend", "Friendly", key));
+  ASSERT_NE(signal_.ChallengeSentTo("c2"), seen) << "each arrival gets a challenge of its own";
+  signal_.Proof("c2", key.Sign(transport::IdentityStatement(kToken, seen)));
+  EXPECT_EQ(session_.ViewerCount(), 1u);
+  EXPECT_TRUE(Asked().empty());
+  EXPECT_EQ(session_.refused_proofs(), 1u);
+  EXPECT_EQ(signal_.CountSent("deny"), 1u);
+  // A proof for another share's token does not do either.
+  signal_.Peer("c3", Claim("usr_friend", "Friendly", key));
+  signal_.Proof("c3", key.Sign(transport::IdentityStatement("OTHERTOKEN00", signal_.ChallengeSentTo("c3"))));
+  EXPECT_EQ(session_.refused_proofs(), 2u);
+  EXPECT_EQ(session_.ViewerCount(), 1u);
+}
+
+TEST_F(ShareSessionTest, TheFriendsFirstVisitIsAskedAndTheSecondGetsInAtOnce) {
+  const auto key = transport::IdentityKey::Generate();
+  session_.Start();
+  ArriveAndProve("c1", Claim("usr_friend", "Friendly", key), key);
+  const auto asked = Asked();
+  ASSERT_EQ(asked.size(), 1u);
+  EXPECT_EQ(asked[0].key_fingerprint, transport::KeyFingerprint(key.PublicText()));
+  EXPECT_FALSE(asked[0].other_computer);
+  session_.Approve("c1");
+  ASSERT_TRUE(Eventually([&] { return session_.ViewerCount() == 1u; }));
+  // "Always let them in": the window stores the id with the key it was shown.
+  session_.SetAllowlist({{"usr_friend", {"Friendly", {asked[0].key_fingerprint}}}});
+  signal_.PeerGone("c1");
+  ArriveAndProve("c2", Claim("usr_friend", "Friendly", key), key);
+  EXPECT_EQ(Asked().size(), 1u) << "not asked again";
+  const auto viewers = session_.Viewers();
+  ASSERT_FALSE(viewers.empty());
+  EXPECT_EQ(viewers.back().connection_id, "c2");
+  EXPECT_TRUE(viewers.back().allowlisted);
+}
+
+TEST_F(ShareSessionTest, AnEntryWithoutAKeyIsAskedAboutOnceMore) {
+  const auto key = transport::IdentityKey::Generate();
+  session_.SetAllowlist({{"usr_friend", {"Friend", {}}}});
+  session_.Start();
+  ArriveAndProve("c1", Claim("usr_friend", "Friendly", key), key);
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  ASSERT_EQ(Asked().size(), 1u);
+  EXPECT_FALSE(Asked()[0].other_computer);
+}
+
+TEST_F(ShareSessionTest, ACommandLineEntryLetsInByTheClaimedIdOnly) {
+  session_.SetAllowlist({{"usr_friend", {"", {}, true}}});
+  session_.Start();
+  signal_.Peer("c1", {"usr_friend", "", {}});
+  EXPECT_EQ(session_.ViewerCount(), 1u);
+  EXPECT_EQ(session_.Viewers()[0].key_fingerprint, "");
+  EXPECT_NE(Log().find("peer=c1 allowlisted by claimed id only id=usr_friend"), std::string::npos) << Log();
+}
+
+TEST_F(ShareSessionTest, AViewerThatNamesAKeyButNeverProvesItIsAskedAboutAsUnproved) {
+  const auto key = transport::IdentityKey::Generate();
+  session_.SetAllowlist({{"usr_friend", {"Friend", {transport::KeyFingerprint(key.PublicText())}}}});
+  session_.SetProofLimit(std::chrono::hours(1));
+  session_.Start();
+  signal_.Peer("c1", Claim("usr_friend", "Friendly", key));
+  session_.Sweep();
+  EXPECT_TRUE(Asked().empty()) << "still within the limit";
+  session_.SetProofLimit(std::chrono::milliseconds(0));
+  session_.Sweep();
+  ASSERT_TRUE(Eventually([&] { return Asked().size() == 1u; }));
+  EXPECT_EQ(Asked()[0].key_fingerprint, "");
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+  // Its proof, late, changes nothing.
+  signal_.Proof("c1", key.Sign(transport::IdentityStatement(kToken, signal_.ChallengeSentTo("c1"))));
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+}
+
+TEST_F(ShareSessionTest, AViewerThatLeavesBeforeItsProofIsForgotten) {
+  const auto key = transport::IdentityKey::Generate();
+  session_.Start();
+  signal_.Peer("c1", Claim("usr_friend", "Friendly", key));
+  signal_.PeerGone("c1");
+  signal_.Proof("c1", key.Sign(transport::IdentityStatement(kToken, signal_.ChallengeSentTo("c1"))));
+  EXPECT_TRUE(Asked().empty());
+  EXPECT_TRUE(session_.PendingViewers().empty());
 }
 
 TEST_F(ShareSessionTest, AnUnlistedViewerWaitsForTheUser) {
-  session_.SetAllowlist({{"usr_friend", "Friend"}});
+  session_.SetAllowlist({{"usr_friend", {"Friend", {}, true}}});
   session_.Start();
-  signal_.Peer("c1", {"usr_stranger", "Stranger"});
+  signal_.Peer("c1", {"usr_stranger", "Stranger", {}});
   EXPECT_EQ(session_.ViewerCount(), 0u);
   const auto pending = session_.PendingViewers();
   ASSERT_EQ(pending.size(), 1u);
@@ -123,9 +248,9 @@ TEST_F(ShareSessionTest, AnUnlistedViewerWaitsForTheUser) {
   EXPECT_EQ(pending[0].display_name, "Stranger");
   const auto asked = Asked();
   ASSERT_EQ(asked.size(), 1u);
-  EXPECT_EQ(asked[0].first, "c1");
-  EXPECT_EQ(asked[0].second.display_name, "Stranger");
-  EXPECT_NE(Log().find("peer=c1 pending"), std::string::npos);
+  EXPECT_EQ(asked[0].connection_id, "c1");
+  EXPECT_EQ(asked[0].display_name, "Stranger");
+  EXPECT_NE(Log().find("peer=c1 pending id=Stranger key=not proved"), std::string::npos);
   EXPECT_TRUE(signal_.sent().empty());
 
   session_.Approve("c1");
@@ -140,7 +265,7 @@ TEST_F(ShareSessionTest, AnUnlistedViewerWaitsForTheUser) {
 
 TEST_F(ShareSessionTest, AWaitingViewersOfferGathersButGoesOutOnlyOnAdmission) {
   session_.Start();
-  signal_.Peer("c1", {"usr_stranger", "Stranger"});
+  signal_.Peer("c1", {"usr_stranger", "Stranger", {}});
   EXPECT_NE(Log().find("peer=c1 offer gathering while the user decides"), std::string::npos) << Log();
   std::this_thread::sleep_for(1s);  // Long enough to gather on loopback.
   EXPECT_TRUE(signal_.sent().empty()) << "nothing reaches a viewer nobody let in";
@@ -175,7 +300,7 @@ TEST_F(ShareSessionTest, AtMostFourWaitingViewersHaveALinkMadeAndADecisionFreesI
 }
 
 TEST_F(ShareSessionTest, AViewerWithoutAnIdentityIsAlwaysAsked) {
-  session_.SetAllowlist({{"", "nobody"}, {"usr_friend", "Friend"}});
+  session_.SetAllowlist({{"", {"nobody", {}, true}}, {"usr_friend", {"Friend", {}, true}}});
   session_.Start();
   signal_.Peer("c1", {});
   EXPECT_EQ(session_.ViewerCount(), 0u);
@@ -185,12 +310,12 @@ TEST_F(ShareSessionTest, AViewerWithoutAnIdentityIsAlwaysAsked) {
 
 TEST_F(ShareSessionTest, AllowlistingSomeoneWhoWaitsChangesNothingForThem) {
   session_.Start();
-  signal_.Peer("c1", {"usr_late", "Late"});
-  session_.SetAllowlist({{"usr_late", "Late"}});
+  signal_.Peer("c1", {"usr_late", "Late", {}});
+  session_.SetAllowlist({{"usr_late", {"Late", {}, true}}});
   EXPECT_EQ(session_.PendingViewers().size(), 1u);
   EXPECT_EQ(session_.ViewerCount(), 0u);
   // Their next arrival is let in.
-  signal_.Peer("c2", {"usr_late", "Late"});
+  signal_.Peer("c2", {"usr_late", "Late", {}});
   EXPECT_EQ(session_.ViewerCount(), 1u);
   EXPECT_EQ(session_.PendingViewers().size(), 1u);
 }
@@ -206,7 +331,7 @@ TEST_F(ShareSessionTest, ApprovingAnUnknownIdDoesNothing) {
 
 TEST_F(ShareSessionTest, DenyingTwiceSendsOneDeny) {
   session_.Start();
-  signal_.Peer("c1", {"usr_x", "X"});
+  signal_.Peer("c1", {"usr_x", "X", {}});
   session_.Deny("c1");
   session_.Deny("c1");
   EXPECT_EQ(signal_.CountSent("deny"), 1u);
@@ -220,7 +345,7 @@ TEST_F(ShareSessionTest, DenyingTwiceSendsOneDeny) {
 
 TEST_F(ShareSessionTest, DisconnectingSomeoneWhoWaitsSendsDeny) {
   session_.Start();
-  signal_.Peer("c1", {"usr_x", "X"});
+  signal_.Peer("c1", {"usr_x", "X", {}});
   session_.Disconnect("c1");
   EXPECT_EQ(signal_.CountSent("deny"), 1u);
   EXPECT_TRUE(session_.PendingViewers().empty());
@@ -250,8 +375,8 @@ TEST_F(ShareSessionTest, DisconnectingAnAdmittedViewerSweepsThemOut) {
 
 TEST_F(ShareSessionTest, ASecondArrivalWhileWaitingReplacesTheIdentityAndAsksAgain) {
   session_.Start();
-  signal_.Peer("c1", {"usr_a", "First"});
-  signal_.Peer("c1", {"usr_b", "Second"});
+  signal_.Peer("c1", {"usr_a", "First", {}});
+  signal_.Peer("c1", {"usr_b", "Second", {}});
   const auto pending = session_.PendingViewers();
   ASSERT_EQ(pending.size(), 1u);
   EXPECT_EQ(pending[0].identity, "usr_b");
@@ -263,8 +388,8 @@ TEST_F(ShareSessionTest, SomeoneWhoLeavesWhileWaitingIsNoLongerAskedAbout) {
   std::vector<std::string> gone;
   session_.SetPendingGoneHandler([&gone](const std::string& id) { gone.push_back(id); });
   session_.Start();
-  signal_.Peer("c1", {"usr_x", "X"});
-  signal_.Peer("c2", {"usr_y", "Y"});
+  signal_.Peer("c1", {"usr_x", "X", {}});
+  signal_.Peer("c2", {"usr_y", "Y", {}});
   signal_.PeerGone("c1");
   const auto pending = session_.PendingViewers();
   ASSERT_EQ(pending.size(), 1u);
@@ -337,7 +462,7 @@ TEST_F(ShareSessionTest, AnOfferThatCannotBeSentIsLogged) {
 
 TEST_F(ShareSessionTest, NobodyIsLetInAfterStop) {
   session_.Start();
-  signal_.Peer("c1", {"usr_x", "X"});
+  signal_.Peer("c1", {"usr_x", "X", {}});
   session_.Stop();
   session_.Approve("c1");
   EXPECT_EQ(session_.ViewerCount(), 0u);
@@ -420,11 +545,77 @@ class InProcessViewer {
   std::string answer_;
 };
 
+// The signal server (a double of it here) passes the friend's proof on, then puts an answer of
+// its own in place of the friend's, to sit in the middle of the link: the answer's certificate is
+// not the one the friend signed, and the link is closed before it is used.
+TEST_F(ShareSessionTest, AnAnswerSwappedByTheServerIsCaughtAndTheFriendsOwnConnects) {
+  const auto key = transport::IdentityKey::Generate();
+  session_.SetAllowlist({{"usr_friend", {"Friend", {transport::KeyFingerprint(key.PublicText())}}}});
+  session_.Start();
+  const auto offer_to = [&](const std::string& id) {
+    std::string offer;
+    for (const auto& message : signal_.sent()) {
+      if (message.type == "offer" && message.peer == id) offer = message.sdp;
+    }
+    return offer;
+  };
+  const auto signed_answer = [&](const std::string& id, const std::string& answer) {
+    const std::string fingerprint = transport::DtlsFingerprintOf(answer);
+    EXPECT_FALSE(fingerprint.empty()) << answer;
+    return key.Sign(transport::AnswerStatement(kToken, signal_.ChallengeSentTo(id), fingerprint));
+  };
+
+  ArriveAndProve("c1", Claim("usr_friend", "Friendly", key), key);
+  ASSERT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
+  InProcessViewer friends;
+  friends.TakeOffer(offer_to("c1"));
+  ASSERT_TRUE(Eventually([&] { return !friends.answer().empty(); }));
+  // The server's answer: the friend's with the server's own certificate in it (links of one
+  // process share a certificate, so the server's is written in by hand).
+  std::string servers = friends.answer();
+  const std::string friends_digest = transport::DtlsFingerprintOf(servers).substr(8);
+  ASSERT_FALSE(friends_digest.empty()) << servers;
+  const std::string servers_digest = (friends_digest.substr(0, 2) == "00" ? "11" : "00") + friends_digest.substr(2);
+  for (auto at = servers.find(friends_digest); at != std::string::npos; at = servers.find(friends_digest, at)) {
+    servers.replace(at, friends_digest.size(), servers_digest);
+  }
+  ASSERT_EQ(transport::DtlsFingerprintOf(servers), "sha-256 " + servers_digest);
+  signal_.Answer("c1", servers, signed_answer("c1", friends.answer()));
+  EXPECT_EQ(session_.refused_proofs(), 1u);
+  EXPECT_EQ(signal_.CountSent("deny"), 1u);
+  session_.Sweep();
+  EXPECT_EQ(session_.ViewerCount(), 0u);
+
+  // An answer with no signature at all is no better.
+  ArriveAndProve("c2", Claim("usr_friend", "Friendly", key), key);
+  ASSERT_TRUE(Eventually([&] { return OfferSentTo("c2"); }));
+  InProcessViewer unsigned_viewer;
+  unsigned_viewer.TakeOffer(offer_to("c2"));
+  ASSERT_TRUE(Eventually([&] { return !unsigned_viewer.answer().empty(); }));
+  signal_.Answer("c2", unsigned_viewer.answer());
+  EXPECT_EQ(session_.refused_proofs(), 2u);
+
+  // The friend's own answer, signed over its own certificate, connects.
+  ArriveAndProve("c3", Claim("usr_friend", "Friendly", key), key);
+  ASSERT_TRUE(Eventually([&] { return OfferSentTo("c3"); }));
+  InProcessViewer real;
+  real.TakeOffer(offer_to("c3"));
+  ASSERT_TRUE(Eventually([&] { return !real.answer().empty(); }));
+  signal_.Answer("c3", real.answer(), signed_answer("c3", real.answer()));
+  EXPECT_EQ(session_.refused_proofs(), 2u);
+  ASSERT_TRUE(Eventually([&] {
+    session_.Sweep();
+    const auto viewers = session_.Viewers();
+    return viewers.size() == 1u && viewers[0].state == PeerState::kConnected;
+  }, 10s));
+  EXPECT_FALSE(session_.Viewers()[0].key_fingerprint.empty());
+}
+
 TEST_F(ShareSessionTest, AnAdmittedViewerGetsTheMediaAndItsRateIsMeasured) {
   const testing::PeerMediaFixture fixture(dir_.path(), 90);
   session_.SetAdmissionRequired(false);
   session_.Start();
-  signal_.Peer("c1", {"usr_v", "Viewer"});
+  signal_.Peer("c1", {"usr_v", "Viewer", {}});
   ASSERT_TRUE(Eventually([&] { return OfferSentTo("c1"); }));
   std::string offer;
   for (const auto& message : signal_.sent()) {

@@ -542,11 +542,11 @@ TEST_F(SharingTest, TheAllowlistAndPendingHandlerReachTheRunningDoor) {
   ASSERT_TRUE(NextHost().has_value());
   signal_.Send(R"({"type":"hosting"})");
   // Set while the share runs.
-  sharing.OnViewerPending([&](const std::string& peer, const transport::PeerIdentity& identity) {
+  sharing.OnViewerPending([&](const PendingViewer& viewer) {
     std::lock_guard lock(mutex);
-    asked.push_back(peer + " " + identity.identity);
+    asked.push_back(viewer.connection_id + " " + viewer.identity);
   });
-  sharing.SetAllowlist({{"usr_friend", "Friend"}});
+  sharing.SetAllowlist({{"usr_friend", {"Friend", {}, true}}});
 
   signal_.Send(R"({"type":"peer","peer":"v1","identity":"usr_stranger","displayName":"Stranger"})");
   ASSERT_TRUE(Eventually([&] { return sharing.pending_viewers().size() == 1; }));

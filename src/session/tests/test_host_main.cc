@@ -86,12 +86,12 @@ std::unique_ptr<Door> OpenDoor(const Options& options, daemon::MediaStream& stre
   door->session = std::make_unique<session::ShareSession>(
       door->signal.get(), &stream.frames(), &stream.audio(), transport::PeerConfig{{}, 1},
       transport::OfferMedia{}, 48000);
-  if (!options.allow.empty()) door->session->SetAllowlist({{options.allow, "allowed"}});
+  if (!options.allow.empty()) door->session->SetAllowlist({{options.allow, {"allowed", {}, true}}});
+  door->session->SetShareToken(options.token);
   door->session->SetKeyframeHandler([&publisher] { publisher.RequestKeyframe(); });
-  door->session->SetPendingHandler(
-      [&events](const std::string& peer, const transport::PeerIdentity& identity) {
-        events.Write("pending " + peer + " " + (identity.identity.empty() ? "-" : identity.identity));
-      });
+  door->session->SetPendingHandler([&events](const session::PendingViewer& viewer) {
+    events.Write("pending " + viewer.connection_id + " " + (viewer.identity.empty() ? "-" : viewer.identity));
+  });
   door->session->Start();
   door->signal->OnReady([&events] { events.Write("hosting"); });
   door->signal->Start();

@@ -74,7 +74,7 @@ TEST_F(ViewingTest, TheTokenOfThisProgramsOwnShareIsServedFromItsStream) {
 
 TEST_F(ViewingTest, EnsureJoinsWithTheIdentityAndPublishesAStreamThatWaitsForItsDescription) {
   Viewing viewing(registry_, Config());
-  viewing.SetIdentity({"usr_me", "Me"});
+  viewing.SetIdentity({"usr_me", "Me", {}});
   viewing.Ensure("TOKEN0000001");
   EXPECT_EQ(viewing.WatchCount(), 1u);
   const auto stream = registry_.Find("TOKEN0000001");
@@ -105,7 +105,7 @@ TEST_F(ViewingTest, EnsureJoinsWithTheIdentityAndPublishesAStreamThatWaitsForIts
 
 TEST_F(ViewingTest, WithoutSharingTheIdentityTheJoinNamesNobody) {
   Viewing viewing(registry_, Config());
-  viewing.SetIdentity({"usr_me", "Me"});
+  viewing.SetIdentity({"usr_me", "Me", {}});
   viewing.SetShareIdentity(false);
   viewing.Ensure("TOKEN0000001");
   const Json join = NextJoin();

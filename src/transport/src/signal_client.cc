@@ -37,8 +37,15 @@ class Client final : public SignalClient {
   void OnPeerGone(std::function<void(const std::string&)> handler) override {
     Set(on_peer_gone_, std::move(handler));
   }
-  void OnAnswer(std::function<void(const std::string&, const std::string&)> handler) override {
+  void OnAnswer(std::function<void(const std::string&, const std::string&, const std::string&)> handler)
+      override {
     Set(on_answer_, std::move(handler));
+  }
+  void OnProof(std::function<void(const std::string&, const std::string&)> handler) override {
+    Set(on_proof_, std::move(handler));
+  }
+  void OnChallenge(std::function<void(const std::string&)> handler) override {
+    Set(on_challenge_, std::move(handler));
   }
   void OnOffer(std::function<void(const std::string&)> handler) override {
     Set(on_offer_, std::move(handler));
@@ -53,8 +60,14 @@ class Client final : public SignalClient {
   bool SendDeny(const std::string& peer) override {
     return Send([&] { return MakeDenyMessage(peer); });
   }
-  bool SendAnswer(const std::string& sdp) override {
-    return Send([&] { return MakeAnswerMessage(sdp); });
+  bool SendChallenge(const std::string& peer, const std::string& challenge) override {
+    return Send([&] { return MakeChallengeMessage(peer, challenge); });
+  }
+  bool SendAnswer(const std::string& sdp, const std::string& signature) override {
+    return Send([&] { return MakeAnswerMessage(sdp, signature); });
+  }
+  bool SendProof(const std::string& signature) override {
+    return Send([&] { return MakeProofMessage(signature); });
   }
 
   void Start() override {
@@ -229,7 +242,13 @@ class Client final : public SignalClient {
         Call(on_offer_, message.sdp);
         return;
       case Kind::kAnswer:
-        Call(on_answer_, message.peer, message.sdp);
+        Call(on_answer_, message.peer, message.sdp, message.signature);
+        return;
+      case Kind::kChallenge:
+        Call(on_challenge_, message.challenge);
+        return;
+      case Kind::kProof:
+        Call(on_proof_, message.peer, message.signature);
         return;
       case Kind::kError:
         refused_.store(true);
@@ -265,7 +284,9 @@ class Client final : public SignalClient {
   std::function<void(const std::string&)> on_refused_;
   std::function<void(const std::string&, const PeerIdentity&)> on_peer_;
   std::function<void(const std::string&)> on_peer_gone_;
-  std::function<void(const std::string&, const std::string&)> on_answer_;
+  std::function<void(const std::string&, const std::string&, const std::string&)> on_answer_;
+  std::function<void(const std::string&, const std::string&)> on_proof_;
+  std::function<void(const std::string&)> on_challenge_;
   std::function<void(const std::string&)> on_offer_;
   std::function<void(const StreamMedia&)> on_media_;
   std::mutex socket_lock_;  // Guards socket_ and attempt_.

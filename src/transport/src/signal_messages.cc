@@ -72,6 +72,7 @@ std::string MakeJoinMessage(const SignalConfig& config) {
     message["identity"] = config.identity;
     if (!config.display_name.empty()) message["displayName"] = config.display_name;
   }
+  if (!config.key.empty()) message["key"] = config.key;
   return Dump(message);
 }
 
@@ -79,8 +80,18 @@ std::string MakeOfferMessage(const std::string& peer, const std::string& sdp) {
   return Dump({{"type", "offer"}, {"peer", peer}, {"sdp", sdp}});
 }
 
-std::string MakeAnswerMessage(const std::string& sdp) {
-  return Dump({{"type", "answer"}, {"sdp", sdp}});
+std::string MakeAnswerMessage(const std::string& sdp, const std::string& signature) {
+  Json message = {{"type", "answer"}, {"sdp", sdp}};
+  if (!signature.empty()) message["signature"] = signature;
+  return Dump(message);
+}
+
+std::string MakeChallengeMessage(const std::string& peer, const std::string& challenge) {
+  return Dump({{"type", "challenge"}, {"peer", peer}, {"challenge", challenge}});
+}
+
+std::string MakeProofMessage(const std::string& signature) {
+  return Dump({{"type", "proof"}, {"signature", signature}});
 }
 
 std::string MakeDenyMessage(const std::string& peer) {
@@ -108,6 +119,7 @@ ServerMessage ParseServerMessage(std::string_view text) {
     message.identity.identity = root.value("identity", std::string());
     message.identity.display_name = root.value("displayName", std::string());
     if (message.identity.identity.empty()) message.identity.display_name.clear();
+    message.identity.key = root.value("key", std::string());
   } else if (message.type == "peer-gone") {
     message.kind = Kind::kPeerGone;
     message.peer = root.value("peer", std::string());
@@ -118,6 +130,14 @@ ServerMessage ParseServerMessage(std::string_view text) {
     message.kind = Kind::kAnswer;
     message.peer = root.value("peer", std::string());
     message.sdp = root.value("sdp", std::string());
+    message.signature = root.value("signature", std::string());
+  } else if (message.type == "challenge") {
+    message.kind = Kind::kChallenge;
+    message.challenge = root.value("challenge", std::string());
+  } else if (message.type == "proof") {
+    message.kind = Kind::kProof;
+    message.peer = root.value("peer", std::string());
+    message.signature = root.value("signature", std::string());
   } else if (message.type == "error") {
     message.kind = Kind::kError;
     message.reason = root.value("reason", std::string("unknown"));

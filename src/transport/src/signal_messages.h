@@ -13,22 +13,30 @@ namespace mirell::transport {
 
 // "host" with token, secret and, when set, media (audioConfig only when non-empty).
 std::string MakeHostMessage(const SignalConfig& config);
-// "join" with token; identity when non-empty, and displayName only beside an identity.
+// "join" with token; identity when non-empty, and displayName only beside an identity; key when
+// non-empty.
 std::string MakeJoinMessage(const SignalConfig& config);
 std::string MakeOfferMessage(const std::string& peer, const std::string& sdp);
-std::string MakeAnswerMessage(const std::string& sdp);
+// The signature only when non-empty.
+std::string MakeAnswerMessage(const std::string& sdp, const std::string& signature = {});
+std::string MakeChallengeMessage(const std::string& peer, const std::string& challenge);
+std::string MakeProofMessage(const std::string& signature);
 std::string MakeDenyMessage(const std::string& peer);
 // "end" with token: the host is done with the share.
 std::string MakeEndMessage(const std::string& token);
 
 struct ServerMessage {
-  enum class Kind { kUnparseable, kHosting, kJoined, kPeer, kPeerGone, kOffer, kAnswer, kError, kOther };
+  enum class Kind {
+    kUnparseable, kHosting, kJoined, kPeer, kPeerGone, kOffer, kAnswer, kChallenge, kProof, kError, kOther
+  };
   Kind kind = Kind::kUnparseable;
   std::string type;                  // As sent; "" when absent.
   std::optional<StreamMedia> media;  // "joined" with a media object.
   std::string peer;
   std::string sdp;
   std::string reason;
+  std::string challenge;
+  std::string signature;  // "proof", "answer".
   PeerIdentity identity;
 };
 

@@ -84,12 +84,17 @@ class SignalClientTest : public ::testing::Test {
     client.OnReady([this] { events_.Add("ready"); });
     client.OnRefused([this](const std::string& reason) { events_.Add("refused " + reason); });
     client.OnPeer([this](const std::string& peer, const PeerIdentity& who) {
-      events_.Add("peer " + peer + " [" + who.identity + "] [" + who.display_name + "]");
+      events_.Add("peer " + peer + " [" + who.identity + "] [" + who.display_name + "]" +
+                  (who.key.empty() ? "" : " key " + who.key));
     });
     client.OnPeerGone([this](const std::string& peer) { events_.Add("gone " + peer); });
-    client.OnAnswer([this](const std::string& peer, const std::string& sdp) {
-      events_.Add("answer " + peer + " " + sdp);
+    client.OnAnswer([this](const std::string& peer, const std::string& sdp, const std::string& signature) {
+      events_.Add("answer " + peer + " " + sdp + (signature.empty() ? "" : " signed " + signature));
     });
+    client.OnProof([this](const std::string& peer, const std::string& signature) {
+      events_.Add("proof " + peer + " " + signature);
+    });
+    client.OnChallenge([this](const std::string& challenge) { events_.Add("challenge " + challenge); });
     client.OnOffer([this](const std::string& sdp) { events_.Add("offer " + sdp); });
     client.OnMedia([this](const StreamMedia& media) {
       events_.Add("media " + std::to_string(media.width) + "x" + std::to_string(media.height) +

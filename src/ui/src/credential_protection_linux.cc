@@ -6,15 +6,12 @@
 #include <libsecret/secret.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <random>
-#include <thread>
 
 #include "mirell/base/logging.h"
-#include "mirell/base/thread_name.h"
 #include "mirell/ui/network_settings.h"
+#include "secret_service_deadline.h"
 
 namespace mirell::ui {
 namespace {
@@ -39,37 +36,6 @@ const SecretSchema* Schema() {
   }();
   return &schema;
 }
-
-// Cancels the store's call when it outlives `limit`.
-class Deadline {
- public:
-  explicit Deadline(std::chrono::seconds limit) : cancellable_(g_cancellable_new()) {
-    watcher_ = std::thread([this, limit] {
-      NameThisThread("secret-watch");
-      std::unique_lock hold(mutex_);
-      if (!done_condition_.wait_for(hold, limit, [this] { return done_; })) {
-        g_cancellable_cancel(cancellable_);
-      }
-    });
-  }
-  ~Deadline() {
-    {
-      std::lock_guard hold(mutex_);
-      done_ = true;
-    }
-    done_condition_.notify_one();
-    watcher_.join();
-    g_object_unref(cancellable_);
-  }
-  GCancellable* cancellable() const { return cancellable_; }
-
- private:
-  GCancellable* cancellable_;
-  std::mutex mutex_;
-  std::condition_variable done_condition_;
-  bool done_ = false;
-  std::thread watcher_;
-};
 
 std::string NewId() {
   std::random_device random;

@@ -1,4 +1,5 @@
-// The allowlist store: "id|name" strings under one QSettings key, ids checked on load and on add.
+// The allowlist store: "id|name" strings under one QSettings key, ids checked on load and on add,
+// and the keys let in under each id beside it.
 #include <gtest/gtest.h>
 
 #include <QSettings>
@@ -59,7 +60,7 @@ TEST_F(Allowlist, AddingAnExistingIdRenamesItOnlyWithANameAndKeepsItsPlace) {
 }
 
 TEST_F(Allowlist, ANameWithABarSavedAndLoadedComesBackWhole) {
-  SaveAllowlist({{kAnn, "Ann | work"}, {kBob, ""}});
+  SaveAllowlist({{kAnn, "Ann | work", {}}, {kBob, "", {}}});
   const std::vector<AllowlistEntry> loaded = LoadAllowlist();
   ASSERT_EQ(loaded.size(), 2u);
   EXPECT_EQ(loaded[0].name, "Ann | work");
@@ -68,10 +69,37 @@ TEST_F(Allowlist, ANameWithABarSavedAndLoadedComesBackWhole) {
             (QStringList{QString(kAnn) + "|Ann | work", QString(kBob) + "|"}));
 }
 
-TEST_F(Allowlist, TheMapKeepsTheFirstOfDuplicateIds) {
-  const auto map = AllowlistToMap({{kAnn, "first"}, {kBob, "Bob"}, {kAnn, "second"}});
-  ASSERT_EQ(map.size(), 2u);
-  EXPECT_EQ(map.at(kAnn), "first");
+TEST_F(Allowlist, KeysAreStoredBesideTheListAndComeBackWithTheirEntries) {
+  std::vector<AllowlistEntry> entries;
+  ASSERT_TRUE(AddToAllowlist(entries, kAnn, "Ann", "SHA256:one"));
+  ASSERT_TRUE(AddToAllowlist(entries, kBob, "Bob"));
+  ASSERT_TRUE(AddToAllowlist(entries, kAnn, "", "SHA256:two"));
+  ASSERT_TRUE(AddToAllowlist(entries, kAnn, "", "SHA256:one"));
+  SaveAllowlist(entries);
+  EXPECT_EQ(QSettings().value("access/allowlist").toStringList(),
+            (QStringList{QString(kAnn) + "|Ann", QString(kBob) + "|Bob"}))
+      << "the list keeps the form older versions read";
+  const std::vector<AllowlistEntry> loaded = LoadAllowlist();
+  ASSERT_EQ(loaded.size(), 2u);
+  EXPECT_EQ(loaded[0].key_fingerprints, (std::vector<std::string>{"SHA256:one", "SHA256:two"}));
+  EXPECT_TRUE(loaded[1].key_fingerprints.empty());
+}
+
+TEST_F(Allowlist, AKeyIsBoundOnlyToAnIdOnTheList) {
+  std::vector<AllowlistEntry> entries;
+  ASSERT_TRUE(AddToAllowlist(entries, kAnn, "Ann"));
+  EXPECT_FALSE(AddKeyToAllowlist(entries, kBob, "SHA256:x"));
+  EXPECT_TRUE(AddKeyToAllowlist(entries, kAnn, "SHA256:x"));
+  EXPECT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].key_fingerprints, std::vector<std::string>{"SHA256:x"});
+}
+
+TEST_F(Allowlist, KeysOfIdsNoLongerListedAreDropped) {
+  Store("access/allowlist", QStringList{QString(kAnn) + "|Ann"});
+  Store("access/allowlistKeys", QStringList{QString(kBob) + "|SHA256:b", QString(kAnn) + "|SHA256:a"});
+  const std::vector<AllowlistEntry> loaded = LoadAllowlist();
+  ASSERT_EQ(loaded.size(), 1u);
+  EXPECT_EQ(loaded[0].key_fingerprints, std::vector<std::string>{"SHA256:a"});
 }
 
 }  // namespace

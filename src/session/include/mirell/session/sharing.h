@@ -120,7 +120,7 @@ class Sharing {
   // A waiting viewer left before the user decided (on the signal client's thread; copy and post).
   void OnViewerPendingGone(std::function<void(const std::string& connection_id)> handler);
   // Also handed to the running share's door.
-  void SetAllowlist(std::map<std::string, std::string> allowlist);
+  void SetAllowlist(Allowlist allowlist);
   // For the next share; a running one keeps what it has.
   void SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy);
   void SetQuality(const ShareQuality& quality);
@@ -164,7 +164,7 @@ class Sharing {
   const CaptureFactories factories_;
   bool admission_required_ = false;
   std::atomic<bool> expired_{false};
-  std::map<std::string, std::string> allowlist_;
+  Allowlist allowlist_;
   // Its own lock: the door calls it on the signal client's thread, which must never wait for
   // mutex_ (held through a whole Retarget).
   std::mutex handler_mutex_;

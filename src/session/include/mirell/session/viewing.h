@@ -20,6 +20,7 @@
 #include "mirell/daemon/media_stream.h"
 #include "mirell/daemon/stream_registry.h"
 #include "mirell/session/holding_source.h"
+#include "mirell/transport/identity_key.h"
 #include "mirell/transport/peer_config.h"
 #include "mirell/transport/signal_client.h"
 
@@ -68,6 +69,8 @@ class Viewing {
   // For later joins and watches.
   void SetIdentity(transport::PeerIdentity identity);
   void SetShareIdentity(bool share);
+  // This installation's key, named beside the identity and proved to each host that asks.
+  void SetIdentityKey(std::shared_ptr<const transport::IdentityKey> key);
   void SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy);
 
   std::size_t WatchCount() const;
@@ -114,6 +117,7 @@ class Viewing {
   mutable std::mutex mutex_;
   std::string identity_;
   std::string display_name_;
+  std::shared_ptr<const transport::IdentityKey> key_;
   std::vector<std::unique_ptr<Watch>> watches_;
 };
 

@@ -3,10 +3,16 @@
 // through it as JSON text frames; it carries no media and never reads an SDP.
 //
 // The protocol, one JSON object per text frame, selected by "type":
-//   client -> server  "host" {token, secret, media?}   "join" {token, identity?, displayName?}
-//                     "offer" {peer, sdp}  "answer" {sdp}  "deny" {peer}
-//   server -> client  "hosting"  "joined" {media?}  "peer" {peer, identity, displayName}
-//                     "peer-gone" {peer}  "offer" {sdp}  "answer" {peer, sdp}  "error" {reason}
+//   client -> server  "host" {token, secret, media?}   "end" {token}
+//                     "join" {token, identity?, displayName?, key?}
+//                     "offer" {peer, sdp}  "deny" {peer}  "challenge" {peer, challenge}
+//                     "proof" {signature}  "answer" {sdp, signature?}
+//   server -> client  "hosting"  "joined" {media?}  "peer" {peer, identity, displayName, key}
+//                     "peer-gone" {peer}  "offer" {sdp}  "challenge" {challenge}
+//                     "proof" {peer, signature}  "answer" {peer, sdp, signature}
+//                     "error" {reason}
+// A viewer that names a key proves it when its host challenges it (see viewer_proof.h); the
+// server only passes these on.
 // Unknown keys are ignored; a binary frame is dropped.
 //
 // Each client runs a thread of its own that opens the socket, registers on every open, and
@@ -35,10 +41,11 @@ struct StreamMedia {
   std::string audio_config;  // Lower-case hexadecimal AudioSpecificConfig.
 };
 
-// Who a viewer says they are; both may be empty.
+// Who a viewer says they are; all may be empty. The key is only named here, not yet proved.
 struct PeerIdentity {
   std::string identity;
   std::string display_name;
+  std::string key;  // The viewer's public key (identity_key.h).
 };
 
 struct ShareCredentials {
@@ -52,6 +59,7 @@ struct SignalConfig {
   std::string secret;        // Host only.
   std::string identity;      // Viewer only; may be empty.
   std::string display_name;  // Viewer only; sent only with an identity.
+  std::string key;           // Viewer only: its public key, which it will prove when asked.
   std::optional<StreamMedia> media;  // Host only.
   // A server silent this long (a ping goes out at half of it) is taken as gone, and the client
   // reconnects. Zero: never.
@@ -74,19 +82,27 @@ class SignalClient {
       std::function<void(const std::string& peer, const PeerIdentity& identity)> handler) = 0;
   // Host: a viewer left.
   virtual void OnPeerGone(std::function<void(const std::string& peer)> handler) = 0;
-  // Host: a viewer's answer.
-  virtual void OnAnswer(
-      std::function<void(const std::string& peer, const std::string& sdp)> handler) = 0;
+  // Host: a viewer's answer, and its signature ("" when it sent none).
+  virtual void OnAnswer(std::function<void(const std::string& peer, const std::string& sdp,
+                                           const std::string& signature)>
+                            handler) = 0;
+  // Host: a viewer's signature over the challenge sent to it.
+  virtual void OnProof(
+      std::function<void(const std::string& peer, const std::string& signature)> handler) = 0;
   // Host. Each Send returns whether the frame went to an open socket; nothing is queued for a
   // socket that is down. Any thread.
   virtual bool SendOffer(const std::string& peer, const std::string& sdp) = 0;
   virtual bool SendDeny(const std::string& peer) = 0;
+  virtual bool SendChallenge(const std::string& peer, const std::string& challenge) = 0;
   // Viewer: the host's media, told before OnReady.
   virtual void OnMedia(std::function<void(const StreamMedia& media)> handler) = 0;
   // Viewer: the host's offer.
   virtual void OnOffer(std::function<void(const std::string& sdp)> handler) = 0;
-  // Viewer.
-  virtual bool SendAnswer(const std::string& sdp) = 0;
+  // Viewer: the host asks it to prove its key.
+  virtual void OnChallenge(std::function<void(const std::string& challenge)> handler) = 0;
+  // Viewer. An empty signature is left out.
+  virtual bool SendAnswer(const std::string& sdp, const std::string& signature = {}) = 0;
+  virtual bool SendProof(const std::string& signature) = 0;
 
   // Starts the client's thread; a second call does nothing.
   virtual void Start() = 0;

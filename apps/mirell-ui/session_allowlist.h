@@ -1,0 +1,14 @@
+// The stored allowlist as the share's door takes it.
+#pragma once
+
+#include <vector>
+
+#include "mirell/session/admission.h"
+#include "mirell/ui/allowlist.h"
+
+namespace mirell::ui {
+
+// With duplicate ids the first entry's name stays and the keys of all are kept.
+session::Allowlist SessionAllowlistOf(const std::vector<AllowlistEntry>& entries);
+
+}  // namespace mirell::ui
