@@ -38,7 +38,6 @@
 #include "session_allowlist.h"
 #include "single_instance.h"
 #include "update_prompt.h"
-#include "usage.h"
 
 namespace {
 
@@ -73,7 +72,9 @@ int main(int argc, char** argv) {
   // Before the libraries make their large buffers; a refusal only costs memory.
   KeepToSmallPages();
 
-  switch (ScanInfoOptions(ArgumentsOf(argc, argv))) {
+  // Read once, before anything else; a line that cannot be followed starts nothing.
+  const CommandLine line = ParseCommandLine(ArgumentsOf(argc, argv), DaemonConfig{});
+  switch (line.info) {
     case InfoRequest::kHelp:
       std::fputs(UsageText().c_str(), stdout);
       return 0;
@@ -83,25 +84,23 @@ int main(int argc, char** argv) {
     case InfoRequest::kNone:
       break;
   }
+  if (!line.error.empty()) {
+    std::fprintf(stderr, "mirell-ui: %s (mirell-ui --help lists the options)\n", line.error.c_str());
+    return 2;
+  }
 
   // A restore run needs nothing else: no Qt, no lock, no settings.
-  const int restore_result = RunRestoreMode(argc, argv);
-  if (restore_result >= 0) return restore_result;
+  if (line.restore_vrchat) return RunRestoreMode(line.tools_dir);
   // The update check's thread may still be inside TLS when the process ends.
   transport::KeepTlsThroughExit();
 
   // The instance identity must be known before anything is built.
-  const StartOptions start = ScanStartOptions(ArgumentsOf(argc, argv), DaemonConfig{});
+  const StartOptions& start = line.start;
   if (start.debug_log) SetLogLevel(LogLevel::kDebug);
   const std::string key = InstanceKey(start.rtsp_port, start.pipe_name);
   const std::string default_key =
       InstanceKey(DaemonConfig{}.rtsp_port, DaemonConfig{}.pipe_name);
-  // Read before the instance lock, so that a mistake is reported even while another instance runs.
-  const ShareOptions share = ScanShareOptions(ArgumentsOf(argc, argv));
-  if (!share.error.empty()) {
-    std::fprintf(stderr, "mirell-ui: %s\n", share.error.c_str());
-    return 2;
-  }
+  const ShareOptions& share = line.share;
   // Another instance with this key runs and has been asked to show itself. A share asked for here
   // would not happen, and a script waiting for its link must hear so.
   if (!AcquireSingleInstance(key)) {
@@ -133,11 +132,9 @@ int main(int argc, char** argv) {
   ApplyQuality(config, ShareQualityOf(LoadQualitySettings()));
   LOG_INFO("quality {}x{}@{} v={}kbps a={}kbps/{}", config.width, config.height, config.fps,
            config.video_kbps, config.audio_kbps, config.mono ? "mono" : "stereo");
-  // Qt has removed its own arguments from argc/argv by now.
-  const std::optional<std::string> given_update_url =
-      ScanServiceOptions(ArgumentsOf(argc, argv), config);
-  const std::string update_url =
-      given_update_url ? *given_update_url : DeriveUpdateUrl(config.signal_url);
+  // The command line beats the stored settings.
+  ApplyServiceOptions(line, config);
+  const std::string update_url = line.update_url ? *line.update_url : DeriveUpdateUrl(config.signal_url);
   LOG_DEBUG("update check {}", update_url.empty() ? "off" : update_url);
   // A signal server no connection could use ends the run before anything starts.
   if (const std::string error = SignalUrlError(config.signal_url); !error.empty()) {

@@ -1,5 +1,6 @@
 #include "restore_mode.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -46,19 +47,9 @@ void TidyUp(const fs::path& tools_directory) {
 
 }  // namespace
 
-int RunRestoreMode(int argc, char** argv) {
-  bool restore = false;
+int RunRestoreMode(const std::optional<std::string>& tools_dir) {
   std::optional<fs::path> tools_directory;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view argument = argv[i];
-    if (argument == "--restore-vrchat") {
-      restore = true;
-    } else if (argument == "--tools-dir" && i + 1 < argc) {
-      tools_directory = argv[++i];
-    }
-  }
-  if (!restore) return -1;
-
+  if (tools_dir) tools_directory = *tools_dir;
   SetLogFile(TemporaryDirectory() / "mirell-restore.log");
   try {
     if (!tools_directory) tools_directory = daemon::DefaultToolsDirectory();
@@ -74,6 +65,8 @@ int RunRestoreMode(int argc, char** argv) {
     LOG_INFO("VRChat's resolver is back in place");
   } catch (const std::exception& error) {
     LOG_ERROR("{}", error.what());
+    std::fprintf(stderr, "mirell-ui: could not restore VRChat's resolver: %s\n", error.what());
+    return 1;
   }
   return 0;
 }

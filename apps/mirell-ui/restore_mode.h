@@ -2,10 +2,14 @@
 // directory, and exit, with no window and no Qt. The way out of a stub left behind by a crash.
 #pragma once
 
+#include <optional>
+#include <string>
+
 namespace mirell::ui {
 
-// -1 when this is no restore run (main goes on); otherwise the exit code, always 0: the log
-// file ("mirell-restore.log" in the temporary directory) is the only report.
-int RunRestoreMode(int argc, char** argv);
+// Restores the Tools folder `tools_dir` (VRChat's own, found by itself, when not given). The
+// exit code: 0 when VRChat's resolver is back in place, 1 when the restore failed (the reason on
+// stderr and in the log, "mirell-restore.log" in the temporary directory).
+int RunRestoreMode(const std::optional<std::string>& tools_dir);
 
 }  // namespace mirell::ui

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -621,6 +622,31 @@ TEST(UiHelp, PrintsEveryOptionAndStartsNothing) {
     EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.state"));
     EXPECT_EQ(TagOf(tools / "yt-dlp.exe"), 'R');
   }
+}
+
+// A command line it cannot follow starts nothing: one sentence on stderr and exit code 2, no
+// log, no change to VRChat's Tools folder.
+TEST(UiOptions, AMistakeStartsNothingAndEndsWithExitCode2) {
+  testsupport::TempDir home;
+  const auto tools = MakeVrchatTools(home.path());
+  InstalledUi ui;
+  const std::vector<std::vector<std::string>> mistakes = {
+      {"--share-windw", "Demo"}, {"--share-window", "--no-stub"}, {"--rtsp-port", "70000"},
+      {"--rtsp-port", "abc"}, {"--rtsp-port"}, {"Demo"}};
+  for (const auto& mistake : mistakes) {
+    std::vector<std::string> argv{ui.binary().string()};
+    argv.insert(argv.end(), mistake.begin(), mistake.end());
+    const auto result = testsupport::RunProcess(argv, Headless(home.path()));
+    EXPECT_EQ(result.exit_code, 2) << mistake[0] << "\n" << result.err;
+    EXPECT_TRUE(result.err.starts_with("mirell-ui: ")) << result.err;
+    EXPECT_NE(result.err.find("(mirell-ui --help lists the options)\n"), std::string::npos) << result.err;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    EXPECT_EQ(result.out, "");
+  }
+  for (const auto& entry : std::filesystem::directory_iterator(ui.binary().parent_path())) {
+    EXPECT_NE(entry.path().extension(), ".log") << "a log was written: " << entry.path();
+  }
+  EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.state"));
 }
 
 TEST(UiHelp, VersionIsOneLine) {

@@ -41,13 +41,7 @@ class RestoreModeTest : public ::testing::Test {
       unsetenv("TMPDIR");
     }
   }
-  int Run(const std::vector<std::string>& arguments) {
-    std::vector<std::string> all{std::string("mirell-ui")};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (auto& argument : all) argv.push_back(argument.data());
-    return RunRestoreMode(static_cast<int>(argv.size()), argv.data());
-  }
+  int Run(const std::optional<std::string>& tools_dir) { return RunRestoreMode(tools_dir); }
   std::string log() { return testsupport::ReadFileText(temporary_.path() / "mirell-restore.log"); }
 
   std::optional<std::string> saved_tmpdir_;
@@ -56,15 +50,9 @@ class RestoreModeTest : public ::testing::Test {
   fs::path tools_;
 };
 
-TEST_F(RestoreModeTest, WithoutTheOptionItIsNoRestoreRun) {
-  EXPECT_EQ(Run({}), -1);
-  EXPECT_EQ(Run({"--tools-dir", tools_.string()}), -1);
-  EXPECT_FALSE(fs::exists(temporary_.path() / "mirell-restore.log"));
-}
-
 TEST_F(RestoreModeTest, NeverInstalledFindsNothingToDoAndRemovesNoOriginal) {
   MakeTaggedFile(tools_ / "yt-dlp.exe", 9 << 20, 'R');
-  EXPECT_EQ(Run({"--restore-vrchat", "--tools-dir", tools_.string()}), 0);
+  EXPECT_EQ(Run(tools_.string()), 0);
   EXPECT_EQ(TagOf(tools_ / "yt-dlp.exe"), 'R');
   EXPECT_NE(log().find("VRChat's resolver is back in place"), std::string::npos);
 }
@@ -72,36 +60,30 @@ TEST_F(RestoreModeTest, NeverInstalledFindsNothingToDoAndRemovesNoOriginal) {
 TEST_F(RestoreModeTest, LiveStillOursKeepsTheOriginalWithAWarning) {
   MakeTaggedFile(tools_ / "yt-dlp.exe", 40'000, 'S');
   MakeTaggedFile(tools_ / "yt-dlp-mirell-orig.exe", 2 << 20, 'P');  // Not usable: the stub goes.
-  EXPECT_EQ(Run({"--restore-vrchat", "--tools-dir", tools_.string()}), 0);
+  EXPECT_EQ(Run(tools_.string()), 0);
   EXPECT_FALSE(fs::exists(tools_ / "yt-dlp.exe"));
   EXPECT_TRUE(fs::exists(tools_ / "yt-dlp-mirell-orig.exe"));
   EXPECT_NE(log().find("keeping the preserved original, the live resolver is still ours"), std::string::npos);
 }
 
-TEST_F(RestoreModeTest, ToolsDirAsTheLastArgumentUsesTheDefaultDirectory) {
+TEST_F(RestoreModeTest, WithoutAToolsDirVRChatsOwnIsFound) {
   MakeTaggedFile(tools_ / "yt-dlp.exe", 40'000, 'S');
   MakeTaggedFile(tools_ / "yt-dlp-mirell-orig.exe", 6 << 20, 'R');
   MakeTaggedFile(tools_ / "mirell-stub.state", 3, 'm');
-  EXPECT_EQ(Run({"--restore-vrchat", "--tools-dir"}), 0);
+  EXPECT_EQ(Run(std::nullopt), 0);
   EXPECT_EQ(TagOf(tools_ / "yt-dlp.exe"), 'R');
   EXPECT_FALSE(fs::exists(tools_ / "mirell-stub.state"));
   EXPECT_FALSE(fs::exists(tools_ / "yt-dlp-mirell-orig.exe"));
 }
 
-TEST_F(RestoreModeTest, LaterToolsDirWins) {
-  MakeTaggedFile(tools_ / "mirell-stub.cfg", 3, 'c');
-  EXPECT_EQ(Run({"--tools-dir", "/nonexistent", "--restore-vrchat", "--tools-dir", tools_.string()}), 0);
-  EXPECT_FALSE(fs::exists(tools_ / "mirell-stub.cfg"));
-}
-
 TEST_F(RestoreModeTest, MissingDirectoryReturnsZeroWithoutTouchingAnything) {
-  EXPECT_EQ(Run({"--restore-vrchat", "--tools-dir", (temporary_.path() / "nowhere").string()}), 0);
+  EXPECT_EQ(Run((temporary_.path() / "nowhere").string()), 0);
   EXPECT_FALSE(fs::exists(temporary_.path() / "nowhere"));
 }
 
-TEST_F(RestoreModeTest, NoVrchatAtAllLogsTheErrorAndStillReturnsZero) {
+TEST_F(RestoreModeTest, NoVrchatAtAllIsAFailureWithTheReason) {
   fs::remove_all(home_.path() / ".local");
-  EXPECT_EQ(Run({"--restore-vrchat"}), 0);
+  EXPECT_EQ(Run(std::nullopt), 1);
   EXPECT_NE(log().find("could not determine VRChat's Tools directory"), std::string::npos);
 }
 

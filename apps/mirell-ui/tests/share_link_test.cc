@@ -86,7 +86,9 @@ TEST(DaemonHostResolve, TheConfiguredSignalHostsLinksAreOursAndTheDefaultOnesAre
   config.pipe_name = "127.0.0.1:0";
   config.install_stub = false;
   const char* arguments[] = {"--signal", "wss://share.example.net:8443/signal"};
-  ScanServiceOptions(Arguments(arguments, 2), config);
+  const CommandLine line = ParseCommandLine(Arguments(arguments, 2), config);
+  ASSERT_EQ(line.error, "");
+  ApplyServiceOptions(line, config);
   DaemonHost host(config);
   host.Start();
   EXPECT_EQ(host.Resolve("https://share.example.net:8443/s/ABCDEFGHJKMN").status,
