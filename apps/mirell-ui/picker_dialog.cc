@@ -1,6 +1,7 @@
 #include "picker_dialog.h"
 
 #include <QCoreApplication>
+#include <QCheckBox>
 #include <QDialogButtonBox>
 #include <QLabel>
 #include <QListWidget>
@@ -117,6 +118,14 @@ PickerDialog::PickerDialog(QWidget* parent)
   hint_->setMinimumHeight(40);
   layout->addWidget(hint_);
 
+  all_sound_ = new QCheckBox(tr("All sound: everything this computer plays, not just the window's"), this);
+  all_sound_->setToolTip(tr("Voice chat and VRChat itself go out too, and viewers in the same world "
+                            "hear themselves back. Leave it off unless the window's sound comes "
+                            "from another program."));
+  all_sound_->setVisible(false);
+  layout->addWidget(all_sound_);
+  connect(all_sound_, &QCheckBox::toggled, this, &PickerDialog::SelectionChanged);
+
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Cancel, this);
   share_button_ = buttons->addButton(tr("Share"), QDialogButtonBox::AcceptRole);
   share_button_->setEnabled(false);
@@ -220,9 +229,13 @@ void PickerDialog::SelectionChanged() {
   } else if (selected.front()->data(kIsMonitorRole).toBool()) {
     hint_->setText(tr("Everything on this screen goes out, including notifications that pop up "
                       "later. Sound is everything the computer plays, voice chat included."));
+  } else if (all_sound_->isChecked()) {
+    hint_->setText(tr("Only this window goes out, with everything the computer plays, voice chat "
+                      "included."));
   } else {
-    hint_->setText(tr("Only this window goes out, and only its sound."));
+    hint_->setText(tr("Only this window goes out, and only its sound (silence until it plays)."));
   }
+  all_sound_->setVisible(!selected.isEmpty() && !selected.front()->data(kIsMonitorRole).toBool());
 }
 
 void PickerDialog::Accept() {
@@ -236,6 +249,7 @@ void PickerDialog::Accept() {
     target.whole_mix = true;
   } else {
     target.process_id = item.data(kProcessIdRole).toUInt();
+    target.whole_mix = all_sound_->isChecked();
   }
   result_ = target;
   QDialog::accept();

@@ -12,6 +12,7 @@
 
 #include "mirell/session/sharing.h"
 
+class QCheckBox;
 class QLabel;
 class QListWidget;
 class QPushButton;
@@ -43,6 +44,7 @@ class PickerDialog : public QDialog {
  private:
   QListWidget* list_ = nullptr;
   QLabel* hint_ = nullptr;
+  QCheckBox* all_sound_ = nullptr;  // A window's share with everything the computer plays.
   QPushButton* share_button_ = nullptr;
   QTimer* preview_timer_ = nullptr;
   QTimer* list_timer_ = nullptr;

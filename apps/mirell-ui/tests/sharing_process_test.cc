@@ -454,10 +454,12 @@ TEST_F(SharingAcrossProcesses, APersonPicksAWindowInThePickerAndAViewerPlaysIt) 
   std::filesystem::create_directories(artifacts);
   run({"ffmpeg", "-loglevel", "error", "-y", "-f", "x11grab", "-video_size", "1280x720", "-i", display_->name(),
        "-frames:v", "1", (artifacts / "desktop_picker.png").string()});
-  // Monitors come first, windows after: the last entry is the one window to pick. The buttons
-  // follow the list in the focus chain in the order they show: "Share", then "Cancel".
+  // Monitors come first, windows after: the last entry is the one window to pick. The focus
+  // chain follows the list in the order things show: "All sound" (left unticked), "Share", then
+  // "Cancel".
   const std::string picker = visible("^Share a screen or a window");
-  run({"xdotool", "windowactivate", "--sync", picker.substr(0, picker.find('\n')), "key", "End", "Tab", "space"});
+  run({"xdotool", "windowactivate", "--sync", picker.substr(0, picker.find('\n')), "key", "End", "Tab", "Tab",
+       "space"});
   ASSERT_TRUE(HostLogged("target=Picked By Hand", 20s)) << HostLog();
   // The token is copied out: a match only points into the text it was found in.
   const std::string token = [&] {
@@ -534,7 +536,7 @@ TEST_F(SharingAcrossProcesses, AShareTheSignalServerRefusesEndsAHeadlessRunWithT
   EXPECT_FALSE(link.empty()) << "the link is printed before the server answers";
   const auto result = host_.process->Wait(20s);
   EXPECT_FALSE(result.timed_out) << HostLog();
-  EXPECT_EQ(result.exit_code, 1) << HostLog();
+  EXPECT_EQ(result.exit_code, 1) << HostLog() << result.err;
   EXPECT_NE(result.err.find("mirell-ui: the signal server refused the share: server full"), std::string::npos)
       << result.err;
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QCheckBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -188,6 +189,41 @@ TEST_F(WindowOnX11, ADoubleClickOnAWindowAcceptsItAsTheTarget) {
   EXPECT_TRUE(picker.result()->capture.show_border);
 }
 
+// A window's sound is its own; "All sound" is a choice the person makes, and says what it means.
+TEST_F(WindowOnX11, AWindowGoesOutWithItsOwnSoundUnlessAllSoundIsTicked) {
+  capture::TestWindow window(display_->name(), {"--title", "Loud window", "--size", "320x200",
+                                                "--color", "ff00ff"});
+  ASSERT_NE(window.id(), 0u);
+  PickerDialog picker;
+  picker.show();
+  ASSERT_TRUE(QTest::qWaitForWindowExposed(&picker));
+  QListWidgetItem* item = ItemLabelled(*picker.list(), "Loud window");
+  ASSERT_NE(item, nullptr);
+  QCheckBox* all_sound = picker.findChild<QCheckBox*>();
+  ASSERT_NE(all_sound, nullptr);
+  EXPECT_FALSE(all_sound->isVisible()) << "nothing chosen yet";
+  item->setSelected(true);
+  QLabel* hint = nullptr;
+  for (QLabel* label : picker.findChildren<QLabel*>()) hint = label;
+  ASSERT_NE(hint, nullptr);
+  EXPECT_EQ(hint->text(), "Only this window goes out, and only its sound (silence until it plays).");
+  EXPECT_TRUE(all_sound->isVisible());
+  EXPECT_FALSE(all_sound->isChecked());
+  all_sound->setChecked(true);
+  EXPECT_EQ(hint->text(),
+            "Only this window goes out, with everything the computer plays, voice chat included.");
+  SaveScreenshot(picker, "picker_all_sound");
+  QPushButton* share = nullptr;
+  for (QPushButton* button : picker.findChildren<QPushButton*>()) {
+    if (button->text() == "Share") share = button;
+  }
+  ASSERT_NE(share, nullptr);
+  share->click();
+  ASSERT_TRUE(picker.result().has_value());
+  EXPECT_EQ(picker.result()->process_id, static_cast<std::uint32_t>(window.pid()));
+  EXPECT_TRUE(picker.result()->whole_mix);
+}
+
 TEST_F(WindowOnX11, AMonitorIsSharedWithTheWholeMixAndItsHint) {
   PickerDialog picker;
   picker.show();
@@ -211,6 +247,7 @@ TEST_F(WindowOnX11, AMonitorIsSharedWithTheWholeMixAndItsHint) {
   EXPECT_EQ(picker.result()->capture.kind, capture::CaptureKind::kMonitor);
   EXPECT_EQ(picker.result()->capture.monitor, 0u);
   EXPECT_TRUE(picker.result()->whole_mix);
+  EXPECT_FALSE(picker.findChild<QCheckBox*>()->isVisible()) << "a monitor's sound is all sound";
   picker.list()->clearSelection();
   EXPECT_EQ(hint->text(), "Choose a screen or a window to share.");
   EXPECT_FALSE(share->isEnabled());

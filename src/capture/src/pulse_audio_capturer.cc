@@ -1,8 +1,9 @@
 // Sound capture through the PulseAudio API (PulseAudio itself, or PipeWire through
 // pipewire-pulse): the default sink's monitor for the whole output, or a monitor stream of each
-// playback stream (sink input) of one process tree. One threaded main loop per capturer: its
-// thread reads the streams and runs the callback.
+// playback stream (sink input) of one process tree, and silence while the tree plays nothing.
+// One threaded main loop per capturer: its thread reads the streams and runs the callback.
 #include <pulse/pulseaudio.h>
+#include <pulse/rtclock.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -30,6 +31,8 @@ constexpr std::int64_t kGap100ns = 1'000'000;          // or at once past 100 ms
 // With several streams, a stream that has given nothing while another holds this much counts
 // as silent for that stretch (a paused application on PipeWire sends no data at all).
 constexpr std::int64_t kMixWait100ns = 300'000;
+// While a process tree plays nothing, silence goes out in buffers of this length.
+constexpr pa_usec_t kSilenceTickUs = 20'000;
 
 // The main loop's lock, held for a scope.
 class LoopLock {
@@ -98,6 +101,12 @@ class PulseAudioCapturer final : public IAudioCapturer {
       for (const std::uint32_t input : initial_inputs_) Attach(input);
       pa_context_set_subscribe_callback(context_, &PulseAudioCapturer::OnEvent, this);
       pa_operation_unref(pa_context_subscribe(context_, PA_SUBSCRIPTION_MASK_SINK_INPUT, nullptr, nullptr));
+      // A stream that appeared since the capturer was made, before the subscription: the server
+      // answers in order, so this list and the events from now on miss nothing.
+      pa_operation* listed = pa_context_get_sink_input_info_list(context_, &PulseAudioCapturer::OnInputInfo, this);
+      if (listed != nullptr) pa_operation_unref(listed);
+      silence_event_ = pa_context_rttime_new(context_, pa_rtclock_now() + kSilenceTickUs,
+                                             &PulseAudioCapturer::OnSilenceTick, this);
     } else {
       Attach(std::nullopt);
     }
@@ -108,6 +117,11 @@ class PulseAudioCapturer final : public IAudioCapturer {
     if (!running_.exchange(false)) return;
     LoopLock lock(loop_);
     pa_context_set_subscribe_callback(context_, nullptr, nullptr);
+    if (silence_event_ != nullptr) {
+      pa_mainloop_api* api = pa_threaded_mainloop_get_api(loop_);
+      api->time_free(silence_event_);
+      silence_event_ = nullptr;
+    }
     for (auto& [id, monitor] : monitors_) Release(monitor);
     monitors_.clear();
     // Callbacks run on the loop's thread with its lock held: once we hold it and have cleared
@@ -141,8 +155,8 @@ class PulseAudioCapturer final : public IAudioCapturer {
     const pa_sample_spec asked{PA_SAMPLE_FLOAT32LE, format_.sample_rate, static_cast<std::uint8_t>(format_.channels)};
     if (pid_) {
       MIRELL_CHECK(pa_sample_spec_valid(&asked) != 0, "the sound server cannot record at {} Hz", format_.sample_rate);
+      // None is fine: the tree is heard as silence until it plays.
       initial_inputs_ = MatchingInputs(deadline);
-      MIRELL_CHECK(!initial_inputs_.empty(), "process {} plays no sound now", *pid_);
     } else {
       const DefaultOutput output = FindDefaultOutput(deadline);
       monitor_source_ = output.monitor;
@@ -281,17 +295,17 @@ class PulseAudioCapturer final : public IAudioCapturer {
       self->Forget(index);
       return;
     }
-    pa_operation* operation = pa_context_get_sink_input_info(
-        context, index,
-        [](pa_context*, const pa_sink_input_info* info, int eol, void* owner) {
-          auto* capturer = static_cast<PulseAudioCapturer*>(owner);
-          if (eol != 0 || info == nullptr || !capturer->running_) return;
-          if (const auto pid = ProcessIdOf(*info); pid && IsSameOrDescendant(*pid, *capturer->pid_)) {
-            capturer->Attach(info->index);
-          }
-        },
-        self);
+    pa_operation* operation = pa_context_get_sink_input_info(context, index, &PulseAudioCapturer::OnInputInfo, self);
     if (operation != nullptr) pa_operation_unref(operation);
+  }
+
+  // A playback stream's description: followed when it belongs to the process tree.
+  static void OnInputInfo(pa_context*, const pa_sink_input_info* info, int eol, void* owner) {
+    auto* capturer = static_cast<PulseAudioCapturer*>(owner);
+    if (eol != 0 || info == nullptr || !capturer->running_) return;
+    if (const auto pid = ProcessIdOf(*info); pid && IsSameOrDescendant(*pid, *capturer->pid_)) {
+      capturer->Attach(info->index);
+    }
   }
 
   void Forget(std::uint32_t key) {
@@ -367,6 +381,26 @@ class PulseAudioCapturer final : public IAudioCapturer {
     MixQueued();
   }
 
+  // Silence for the time since the last tick, while no playback stream of the tree is followed:
+  // a viewer's player gets a sound track from the start, and never the rest of the output.
+  static void OnSilenceTick(pa_mainloop_api*, pa_time_event* event, const struct timeval*, void* data) {
+    auto* self = static_cast<PulseAudioCapturer*>(data);
+    if (!self->running_ || self->silence_event_ != event) return;
+    const std::int64_t now = SteadyNowNs() / 100;
+    if (!self->monitors_.empty()) {
+      self->silence_from_ = 0;
+    } else {
+      if (self->silence_from_ == 0) self->silence_from_ = now - static_cast<std::int64_t>(kSilenceTickUs * 10);
+      const auto frames = static_cast<std::uint64_t>((now - self->silence_from_) * self->format_.sample_rate / 10'000'000);
+      if (frames > 0) {
+        self->silence_.assign(frames * self->format_.channels, 0.0f);
+        self->Deliver(self->silence_.data(), frames, 0, true);
+        self->silence_from_ += static_cast<std::int64_t>(frames * 10'000'000 / self->format_.sample_rate);
+      }
+    }
+    pa_context_rttime_restart(self->context_, event, pa_rtclock_now() + kSilenceTickUs);
+  }
+
   // Several playback streams: sum what all of them have; a stream that stays silent while
   // another has waited long enough counts as zeros for that stretch.
   void MixQueued() {
@@ -396,7 +430,7 @@ class PulseAudioCapturer final : public IAudioCapturer {
   // stays more than 5 ms below every measurement for 200 ms (a server whose clock runs slower
   // than ours) moves it forward by that much; a measurement 100 ms past the prediction is a
   // gap (the application paused) and re-anchors at once.
-  void Deliver(const float* samples, std::size_t frames, std::size_t frames_behind) {
+  void Deliver(const float* samples, std::size_t frames, std::size_t frames_behind, bool silent = false) {
     if (!on_audio_) return;
     const auto to_100ns = [&](std::uint64_t count) {
       return static_cast<std::int64_t>(count * 10'000'000 / format_.sample_rate);
@@ -425,7 +459,7 @@ class PulseAudioCapturer final : public IAudioCapturer {
     last_timestamp_ = timestamp;
     frames_since_anchor_ += frames;
     try {
-      on_audio_(AudioBuffer{samples, frames, timestamp, false});
+      on_audio_(AudioBuffer{samples, frames, timestamp, silent});
     } catch (const std::exception& error) {
       LOG_DEBUG("{}: a buffer was lost: {}", name_, error.what());
     }
@@ -466,6 +500,9 @@ class PulseAudioCapturer final : public IAudioCapturer {
   std::vector<std::uint32_t> initial_inputs_;
   std::map<std::uint32_t, Monitor> monitors_;  // By sink input; PA_INVALID_INDEX for the device.
   std::vector<float> mix_;
+  pa_time_event* silence_event_ = nullptr;
+  std::int64_t silence_from_ = 0;  // 100 ns; where the silence sent so far ends, 0 when none.
+  std::vector<float> silence_;
   AudioCallback on_audio_;
   bool anchored_ = false;
   std::int64_t anchor_ = 0;
@@ -484,18 +521,6 @@ std::unique_ptr<IAudioCapturer> CreateProcessLoopbackCapturer(std::uint32_t pid,
 
 std::unique_ptr<IAudioCapturer> CreateDeviceLoopbackCapturer(const AudioFormat& format) {
   return std::make_unique<PulseAudioCapturer>(std::nullopt, format);
-}
-
-std::unique_ptr<IAudioCapturer> CreateAudioCapturer(std::uint32_t pid, const AudioFormat& format) {
-  try {
-    return CreateProcessLoopbackCapturer(pid, format);
-  } catch (const std::exception& error) {
-    LOG_WARN("process loopback unavailable ({})", error.what());
-    LOG_WARN(
-        "falling back to whole-device loopback. This captures EVERYTHING the machine is playing, including voice "
-        "chat, not just the shared application.");
-    return CreateDeviceLoopbackCapturer(format);
-  }
 }
 
 }  // namespace mirell::capture

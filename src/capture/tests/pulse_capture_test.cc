@@ -1,6 +1,6 @@
 // Sound capture against a private PulseAudio server with tone players in processes of their
-// own: one application's sound apart from another's, the whole output, the fall-back, time
-// stamps and Stop.
+// own: one application's sound apart from another's, the whole output, silence until an
+// application plays, time stamps and Stop.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -30,6 +30,7 @@ class SoundLog {
       std::lock_guard lock(mutex_);
       for (std::uint64_t i = 0; i < buffer.frames; ++i) left_.push_back(buffer.samples[i * channels_]);
       buffers_.push_back({buffer.timestamp, buffer.frames});
+      if (buffer.silent) silent_frames_ += buffer.frames;
     };
   }
   std::size_t frames() const {
@@ -44,12 +45,18 @@ class SoundLog {
     std::lock_guard lock(mutex_);
     return buffers_;
   }
+  // Frames of the buffers marked silent.
+  std::uint64_t silent_frames() const {
+    std::lock_guard lock(mutex_);
+    return silent_frames_;
+  }
 
  private:
   const std::uint32_t channels_;
   mutable std::mutex mutex_;
   std::vector<float> left_;
   std::vector<std::pair<std::int64_t, std::uint64_t>> buffers_;
+  std::uint64_t silent_frames_ = 0;
 };
 
 // The last second of what was captured, once at least that much has come.
@@ -70,17 +77,10 @@ class PulseCaptureTest : public ::testing::Test {
   }
   void TearDown() override { SetLogLevel(saved_level_); }
 
-  // A capturer built within the factories' bound, retried while the player's stream appears.
+  // A capturer of a player whose sound is heard already; null when it never plays.
   std::unique_ptr<IAudioCapturer> ProcessCapturer(int pid) {
-    std::unique_ptr<IAudioCapturer> capturer;
-    Eventually([&] {
-      try {
-        capturer = CreateProcessLoopbackCapturer(static_cast<std::uint32_t>(pid), {});
-      } catch (const Error&) {
-      }
-      return capturer != nullptr;
-    }, 5s);
-    return capturer;
+    if (!WaitUntilPlaying(pid, 5s)) return nullptr;
+    return CreateProcessLoopbackCapturer(static_cast<std::uint32_t>(pid), {});
   }
 
   std::string Log() const { return testsupport::ReadFileText(dir_.path() / "log"); }
@@ -147,16 +147,28 @@ TEST_F(PulseCaptureTest, AProcessTreeIsFollowedIncludingStreamsThatStartLater) {
   EXPECT_GT(PowerAt(samples, 880), 0.001) << "the later stream was not followed";
 }
 
-TEST_F(PulseCaptureTest, AProcessThatPlaysNothingFallsBackToTheWholeOutputWithBothWarnings) {
-  auto capturer = CreateAudioCapturer(static_cast<std::uint32_t>(getpid()), {});
-  EXPECT_FALSE(capturer->process_scoped());
-  const std::string log = Log();
-  EXPECT_NE(log.find("process loopback unavailable ("), std::string::npos) << log;
-  EXPECT_NE(log.find("falling back to whole-device loopback. This captures EVERYTHING the machine is playing, "
-                     "including voice chat, not just the shared application."),
-            std::string::npos)
-      << log;
-  EXPECT_THROW(CreateProcessLoopbackCapturer(static_cast<std::uint32_t>(getpid()), {}), Error);
+// A window whose program plays nothing yet is heard as silence, never as the rest of the output
+// (voice chat, the game), until it plays; then it alone is heard.
+TEST_F(PulseCaptureTest, AProcessThatPlaysNothingYetIsSilenceUntilItPlaysAndNeverTheRest) {
+  TonePlayer other(server_, 880);
+  ASSERT_TRUE(WaitUntilPlaying(other.pid()));
+  const auto tone = server_.directory() / "later-440.wav";
+  testsupport::RunProcess({"sox", "-n", "-r", "48000", "-c", "2", "-b", "16", tone.string(), "synth", "30",
+                           "sine", "440", "vol", "0.5"});
+  testsupport::ProcessOptions options;
+  options.environment["PULSE_SERVER"] = server_.address();
+  testsupport::ChildProcess later({"sh", "-c", "sleep 2; exec paplay \"$0\"", tone.string()}, options);
+  auto capturer = CreateProcessLoopbackCapturer(static_cast<std::uint32_t>(later.pid()), {});
+  EXPECT_TRUE(capturer->process_scoped());
+  SoundLog log;
+  capturer->Start(log.Callback());
+  ASSERT_TRUE(Eventually([&] { return log.frames() >= 48000; }, 5s)) << "silence goes out from the start";
+  EXPECT_EQ(log.silent_frames(), log.frames()) << "nothing but silence while it plays nothing";
+  EXPECT_TRUE(Eventually([&] { return PowerAt(LastSecond(log), 440) > 0.001; }, 10s)) << "its tone, once it plays";
+  capturer->Stop();
+  const auto samples = log.left();
+  EXPECT_LT(PowerAt(samples, 880), 1e-6) << "the other application was heard";
+  EXPECT_EQ(Log().find("whole-device"), std::string::npos) << Log();
 }
 
 TEST_F(PulseCaptureTest, TimeStampsAdvanceWithTheSamples) {
@@ -208,11 +220,10 @@ TEST_F(PulseCaptureTest, ARateTheServerCannotTakeFallsBackToTheOutputsOwnWithAWa
   EXPECT_EQ(capturer->format().channels, 2u);
   EXPECT_NE(Log().find("the output device would not resample to 1000000 Hz ("), std::string::npos) << Log();
   EXPECT_NE(Log().find("falling back to its own rate, and a viewer may get the pitch wrong"), std::string::npos);
-  // One application's sound at such a rate is refused, and the fall-back takes the output's rate.
+  // One application's sound at such a rate is refused.
   TonePlayer tone(server_, 440);
   ASSERT_NE(ProcessCapturer(tone.pid()), nullptr);
   EXPECT_THROW(CreateProcessLoopbackCapturer(static_cast<std::uint32_t>(tone.pid()), {1'000'000, 2}), Error);
-  EXPECT_EQ(CreateAudioCapturer(static_cast<std::uint32_t>(tone.pid()), {1'000'000, 2})->format().sample_rate, 48000u);
 }
 
 TEST_F(PulseCaptureTest, MoreThanTwoChannelsAreAskedAsTwo) {
@@ -229,7 +240,7 @@ TEST(PulseCaptureWithoutServer, NoServerIsAFailedCheckWithinTheBound) {
   setenv("PULSE_SERVER", ("unix:" + (dir.path() / "nothing").string()).c_str(), 1);
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_THROW(CreateDeviceLoopbackCapturer({}), Error);
-  EXPECT_THROW(CreateAudioCapturer(1, {}), Error) << "the fall-back has no server either";
+  EXPECT_THROW(CreateProcessLoopbackCapturer(1, {}), Error);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
   unsetenv("PULSE_SERVER");
 }

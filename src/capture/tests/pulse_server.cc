@@ -1,5 +1,7 @@
 #include "pulse_server.h"
 
+#include <atomic>
+
 #include <cstdlib>
 
 #include "mirell/capture/audio_capturer.h"
@@ -54,13 +56,19 @@ TonePlayer::TonePlayer(const PulseServer& server, int hertz, int seconds) {
 }
 
 bool WaitUntilPlaying(int pid, std::chrono::milliseconds bound) {
-  return testsupport::Eventually([&] {
-    try {
-      return CreateProcessLoopbackCapturer(static_cast<std::uint32_t>(pid), {}) != nullptr;
-    } catch (const Error&) {
-      return false;
-    }
-  }, bound);
+  std::unique_ptr<IAudioCapturer> capturer;
+  try {
+    capturer = CreateProcessLoopbackCapturer(static_cast<std::uint32_t>(pid), {});
+  } catch (const Error&) {
+    return false;
+  }
+  std::atomic<bool> heard{false};
+  capturer->Start([&heard](const AudioBuffer& buffer) {
+    if (!buffer.silent) heard = true;
+  });
+  const bool playing = testsupport::Eventually([&] { return heard.load(); }, bound);
+  capturer->Stop();
+  return playing;
 }
 
 }  // namespace mirell::capture

@@ -44,9 +44,9 @@ class TonePlayer {
   std::unique_ptr<testsupport::ChildProcess> process_;
 };
 
-// Waits until the process `pid` (or one of its children) plays into the server: a sound capture
-// started before that falls back to the whole output, which tests of one application's sound
-// must not mistake for a fault. False when nothing played within `bound`.
+// Waits until the process `pid` (or one of its children) plays into the server: before that its
+// sound is silence, which tests of one application's sound must not mistake for a fault. False
+// when nothing played within `bound`.
 bool WaitUntilPlaying(int pid, std::chrono::milliseconds bound = std::chrono::seconds(10));
 
 }  // namespace mirell::capture

@@ -44,13 +44,11 @@ class IAudioCapturer {
 };
 
 // The factories ask for 48000 Hz stereo and read format() back. Each throws Error when it
-// cannot capture (no sound server, nothing of that process playing); none waits more than 2 s.
+// cannot capture (no sound server); none waits more than 2 s.
 //
-// The sound of process `pid` and its descendants, falling back to the whole output (with two
-// warnings in the log) when that is not possible.
-std::unique_ptr<IAudioCapturer> CreateAudioCapturer(std::uint32_t pid, const AudioFormat& format);
-// The same without the fall-back. The process must be playing sound now; streams it opens later
-// are followed.
+// The sound of process `pid` and its descendants, the streams they open later too, and silence
+// (buffers marked silent) while they play nothing. Never the rest of the output: a window's
+// share must not carry voice chat, or the viewer's own game back to them.
 std::unique_ptr<IAudioCapturer> CreateProcessLoopbackCapturer(std::uint32_t pid, const AudioFormat& format);
 // Everything the default output device plays.
 std::unique_ptr<IAudioCapturer> CreateDeviceLoopbackCapturer(const AudioFormat& format);

@@ -52,9 +52,9 @@ struct ShareQuality {
 struct CaptureFactories {
   std::function<std::unique_ptr<capture::ICapturer>(const capture::CaptureTarget&)> picture =
       capture::CreateCapturer;
-  // One process's sound, which may fall back to the whole mix.
+  // One process tree's sound (silence while it plays nothing), never the whole mix.
   std::function<std::unique_ptr<capture::IAudioCapturer>(std::uint32_t pid, const capture::AudioFormat&)>
-      process_sound = capture::CreateAudioCapturer;
+      process_sound = capture::CreateProcessLoopbackCapturer;
   std::function<std::unique_ptr<capture::IAudioCapturer>(const capture::AudioFormat&)> whole_mix =
       capture::CreateDeviceLoopbackCapturer;
 };
