@@ -20,6 +20,7 @@
 #include "command_line_share.h"
 #include "daemon_host.h"
 #include "instance_key.h"
+#include "log_location.h"
 #include "main_window.h"
 #include "mirell/base/logging.h"
 #include "mirell/base/process_memory.h"
@@ -118,8 +119,9 @@ int main(int argc, char** argv) {
   QApplication::setQuitOnLastWindowClosed(false);
 
   // Without a writable directory the process just runs without a log file.
-  SetLogFile(std::filesystem::path(QCoreApplication::applicationDirPath().toStdString()) /
-             LogFileName(key, default_key));
+  const std::filesystem::path log_file =
+      line.log_file ? std::filesystem::path(*line.log_file) : DefaultLogDirectory() / LogFileName(key, default_key);
+  if (PrepareLogFile(log_file)) SetLogFile(log_file);
   LOG_INFO("mirell-ui {} starting, instance {}", kVersion, key);
   if (without_display) LOG_INFO("no display: running without a window");
 
@@ -181,6 +183,14 @@ int main(int argc, char** argv) {
                             QString::fromStdString(error.what()), QMessageBox::Ok);
     }
     return 1;
+  }
+  if (without_display) {
+    // The one thing a person starting it on a server sees at the default log level.
+    std::fprintf(stderr,
+                 "mirell-ui: running without a window (no display): it plays share links for VRChat, "
+                 "resolving on %s with its RTSP server on port %u; to share from here, start it with "
+                 "--share-window TEXT or --share-monitor N\n",
+                 host.resolve_endpoint().c_str(), static_cast<unsigned>(host.rtsp_port()));
   }
   // The window is the heartbeat that ends expired or orphaned shares and drops ended watches;
   // where nobody can see a window, a timer of its own does that.

@@ -115,6 +115,13 @@ const std::vector<Option>& Table() {
          line.update_url = value;
          return {};
        }},
+      {"--log-file", "", "PATH", Section::kService,
+       "write the log there (default ~/.local/state/mirell/mirell-ui.log;\nthe run before is kept as .1)",
+       [](CommandLine& line, const std::string& value) -> std::string {
+         if (value.empty()) return "--log-file needs a file's path";
+         line.log_file = value;
+         return {};
+       }},
       {"--debug-log", "", "", Section::kService,
        "log at debug level (MIRELL_LOG=trace|debug|info|warn|error sets it too;\nthe default is warn)",
        [](CommandLine& line, const std::string&) -> std::string {
@@ -247,7 +254,8 @@ std::string UsageText() {
   text +=
       "\nExit codes: 0 when it ends as asked, 1 when something it was asked to do failed (the\n"
       "reason is on stderr), 2 for a command line it cannot follow.\n"
-      "The log is mirell-ui.log beside this program (mirell-ui-<key>.log for another port or endpoint).\n"
+      "The log is mirell-ui.log in $XDG_STATE_HOME/mirell (~/.local/state/mirell), mirell-ui-<key>.log\n"
+      "for another port or endpoint; the run before is kept beside it with \".1\" added.\n"
       "SIGINT and SIGTERM end it cleanly.\n";
   return text;
 }

@@ -51,6 +51,7 @@ struct CommandLine {
   std::optional<std::string> signal_url;
   std::optional<std::string> update_url;  // Given at all, even empty.
   bool no_stub = false;
+  std::optional<std::string> log_file;  // "--log-file PATH": the log there instead.
   ShareOptions share;
   // "--restore-vrchat" with its "--tools-dir".
   bool restore_vrchat = false;

@@ -39,7 +39,8 @@ using mirell::testsupport::Eventually;
 // Every log file Mirell wrote in dir, one after another.
 std::string LogsIn(const fs::path& dir) {
   std::string logs;
-  for (const auto& entry : fs::directory_iterator(dir)) {
+  std::error_code missing;
+  for (const auto& entry : fs::directory_iterator(dir, missing)) {
     if (entry.path().extension() == ".log") logs += mirell::testsupport::ReadFileText(entry.path());
   }
   return logs;
@@ -165,13 +166,15 @@ TEST_F(StubUnderWine, AShareLinkThroughTheStubPlaysTheCardThenTheHost) {
   const fs::path ui_dir = home.path() / "ui";
   fs::create_directories(ui_dir);
   fs::copy_file(MIRELL_UI_BINARY, ui_dir / "mirell-ui");
+  // Its log under ui_dir/mirell, where the test reads it.
+  options.environment["XDG_STATE_HOME"] = ui_dir.string();
   mirell::testsupport::ChildProcess ui(
       {(ui_dir / "mirell-ui").string(), "--no-stub", "--signal", signal_url, "--pipe",
        "127.0.0.1:" + std::to_string(pipe_port_), "--rtsp-port", std::to_string(rtsp_port)},
       options);
   ASSERT_TRUE(WaitForPort(pipe_port_));
   // The card is built in the background at start-up.
-  ASSERT_TRUE(Eventually([&] { return LogsIn(ui_dir).find("card frames=") != std::string::npos; }, 60s));
+  ASSERT_TRUE(Eventually([&] { return LogsIn(ui_dir / "mirell").find("card frames=") != std::string::npos; }, 60s));
 
   const std::string printed =
       AsVrchat(tools_ / "yt-dlp.exe", "https://127.0.0.1:" + std::to_string(signal_port) + "/s/" + token);
@@ -200,7 +203,7 @@ TEST_F(StubUnderWine, AShareLinkThroughTheStubPlaysTheCardThenTheHost) {
   const auto last_card = played.err.rfind("s:1280x720");
   ASSERT_NE(last_card, std::string::npos) << played.err;
   ASSERT_NE(first_host, std::string::npos) << played.err << "\n--- host events\n" << events()
-                                            << "\n--- viewer log\n" << LogsIn(ui_dir);
+                                            << "\n--- viewer log\n" << LogsIn(ui_dir / "mirell");
   EXPECT_LT(last_card, first_host) << "the card after the host's picture";
   ui.Signal(SIGTERM);
   ui.Wait(20s);

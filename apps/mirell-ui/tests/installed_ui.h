@@ -1,8 +1,9 @@
-// The real mirell-ui executable for process tests: a copy of its own, so that its log file
-// (beside the executable) is the test's, and the environment of a headless run. Test code only.
+// The real mirell-ui executable for process tests: a copy of its own with a log folder of its own,
+// and the environment of a headless run. Test code only.
 #pragma once
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -13,22 +14,25 @@
 
 namespace mirell::ui {
 
-// A copy of the executable in a temporary directory, so that its log file (beside the
-// executable) is this test's own.
+// A copy of the executable in a temporary directory. The programs this test starts write their
+// logs under its state folder: XDG_STATE_HOME is set in this process, which they inherit (a test
+// environment may still give another).
 class InstalledUi {
  public:
   InstalledUi() {
     binary_ = dir_.path() / "mirell-ui";
     std::filesystem::copy_file(MIRELL_UI_BINARY, binary_);
+    setenv("XDG_STATE_HOME", (dir_.path() / "state").c_str(), 1);
   }
   const std::filesystem::path& binary() const { return binary_; }
+  // Where the programs started by this test log.
+  std::filesystem::path LogDirectory() const { return dir_.path() / "state" / "mirell"; }
   std::string Log(std::uint16_t rtsp_port, const std::string& pipe) const {
-    return testsupport::ReadFileText(dir_.path() /
-                                     LogFileName(InstanceKey(rtsp_port, pipe), "unused"));
+    return testsupport::ReadFileText(LogDirectory() / LogFileName(InstanceKey(rtsp_port, pipe), "unused"));
   }
   // Removes the log of an earlier run, so that WaitForLog sees only the next one's lines.
   void ForgetLog(std::uint16_t rtsp_port, const std::string& pipe) const {
-    std::filesystem::remove(dir_.path() / LogFileName(InstanceKey(rtsp_port, pipe), "unused"));
+    std::filesystem::remove(LogDirectory() / LogFileName(InstanceKey(rtsp_port, pipe), "unused"));
   }
   // Waits until the log holds `text`.
   bool WaitForLog(std::uint16_t rtsp_port, const std::string& pipe, const std::string& text,

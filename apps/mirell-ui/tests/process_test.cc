@@ -11,12 +11,14 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "installed_ui.h"
 #include "instance_key.h"
 #include "mirell/base/version.h"
 #include "mirell/testsupport/build_speed.h"
+#include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
 #include "mirell/testsupport/xvfb.h"
@@ -26,9 +28,10 @@ namespace {
 
 using namespace std::chrono_literals;
 using testsupport::ChildProcess;
+using testsupport::Eventually;
 using testsupport::ExchangeOnce;
-
 using testsupport::MakeTaggedFile;
+using testsupport::ReadFileText;
 
 char TagOf(const std::filesystem::path& path) { return testsupport::FirstByteOf(path); }
 
@@ -304,9 +307,27 @@ TEST(UiNoDisplay, StartsWithoutAWindowAndServesResolves) {
   EXPECT_NE(ui.Log(rtsp_port, pipe).find("no display: running without a window"), std::string::npos)
       << ui.Log(rtsp_port, pipe);
   EXPECT_EQ(ExchangeOnce(pipe_port, "RESOLVE https://example.com/\n"), "PASS\n");
+  // The holding card's encoder is made by now.
+  ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "card frames=", 60s)) << ui.Log(rtsp_port, pipe);
   process.Signal(SIGTERM);
   const auto result = process.Wait(20s);
   EXPECT_EQ(result.exit_code, 0) << result.err;
+  // What a person sees at the default level: where it listens and how to share, and no more
+  // than one line about the encoder (no refusal of each hardware encoder).
+  EXPECT_NE(result.err.find("mirell-ui: running without a window (no display): it plays share links for "
+                            "VRChat, resolving on " + pipe + " with its RTSP server on port " +
+                            std::to_string(rtsp_port) + "; to share from here, start it with "
+                            "--share-window TEXT or --share-monitor N\n"),
+            std::string::npos)
+      << result.err;
+  std::istringstream lines(result.err);
+  int encoder_warnings = 0;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find(" warn ") == std::string::npos) continue;
+    EXPECT_EQ(line.find("rejected our configuration"), std::string::npos) << line;
+    if (line.find("encoder") != std::string::npos) ++encoder_warnings;
+  }
+  EXPECT_LE(encoder_warnings, 1) << result.err;
 }
 
 // The visible window of an X session. Empty when none is shown.
@@ -612,13 +633,11 @@ TEST(UiHelp, PrintsEveryOptionAndStartsNothing) {
     EXPECT_TRUE(result.out.starts_with("mirell-ui: ")) << result.out;
     for (const char* option :
          {"--share-window", "--share-monitor", "--quality", "--share-minutes", "--allow", "--admit-everyone",
-          "--signal", "--rtsp-port", "--pipe", "--no-stub", "--update-url", "--debug-log", "--restore-vrchat",
-          "--tools-dir", "--version"}) {
+          "--signal", "--rtsp-port", "--pipe", "--no-stub", "--update-url", "--log-file", "--debug-log",
+          "--restore-vrchat", "--tools-dir", "--version"}) {
       EXPECT_NE(result.out.find(std::string("  ") + option + " "), std::string::npos) << option;
     }
-    for (const auto& entry : std::filesystem::directory_iterator(ui.binary().parent_path())) {
-      EXPECT_NE(entry.path().extension(), ".log") << "a log was written: " << entry.path();
-    }
+    EXPECT_FALSE(std::filesystem::exists(ui.LogDirectory())) << "a log was written";
     EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.state"));
     EXPECT_EQ(TagOf(tools / "yt-dlp.exe"), 'R');
   }
@@ -643,10 +662,48 @@ TEST(UiOptions, AMistakeStartsNothingAndEndsWithExitCode2) {
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     EXPECT_EQ(result.out, "");
   }
-  for (const auto& entry : std::filesystem::directory_iterator(ui.binary().parent_path())) {
-    EXPECT_NE(entry.path().extension(), ".log") << "a log was written: " << entry.path();
-  }
+  EXPECT_FALSE(std::filesystem::exists(ui.LogDirectory())) << "a log was written";
   EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.state"));
+}
+
+// The log is where the desktop keeps state (~/.local/state/mirell without XDG_STATE_HOME), never
+// beside the program, and the run before stays beside it: a crash's log survives the restart.
+TEST(UiLog, TheLogIsKeptWithTheStateAndTheRunBeforeStaysBesideIt) {
+  testsupport::TempDir home;
+  InstalledUi ui;
+  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(testsupport::FreeLoopbackPort());
+  testsupport::ProcessOptions options = Headless(home.path());
+  options.environment["XDG_STATE_HOME"] = std::nullopt;
+  const std::filesystem::path directory = home.path() / ".local/state/mirell";
+  const std::filesystem::path log = directory / LogFileName(InstanceKey(rtsp_port, pipe), "unused");
+  // Runs until its log at `path` says it listens (a finished run's log, which ends with its stop,
+  // does not count), then stops it.
+  const auto run = [&](const std::vector<std::string>& extra, const std::filesystem::path& path) {
+    std::vector<std::string> argv{ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    ChildProcess process(argv, options);
+    EXPECT_TRUE(Eventually([&] {
+      const std::string text = ReadFileText(path);
+      return text.find("listening " + pipe) != std::string::npos && text.find("mirell-ui stopped (") == std::string::npos;
+    }, 20s)) << ReadFileText(path);
+    process.Signal(SIGTERM);
+    EXPECT_EQ(process.Wait(20s).exit_code, 0);
+  };
+  run({}, log);
+  const std::string first = ReadFileText(log);
+  ASSERT_NE(first.find("starting, instance"), std::string::npos) << first;
+  run({}, log);
+  EXPECT_EQ(ReadFileText(log.string() + ".1"), first) << "the run before, whole";
+  EXPECT_EQ(CountOf(ReadFileText(log), "starting, instance"), 1u);
+  for (const auto& entry : std::filesystem::directory_iterator(ui.binary().parent_path())) {
+    EXPECT_NE(entry.path().extension(), ".log") << "a log beside the program: " << entry.path();
+  }
+
+  // --log-file puts it elsewhere.
+  const std::filesystem::path elsewhere = home.path() / "logs/this-run.log";
+  run({"--log-file", elsewhere.string()}, elsewhere);
+  EXPECT_NE(ReadFileText(elsewhere).find("listening " + pipe), std::string::npos);
 }
 
 TEST(UiHelp, VersionIsOneLine) {

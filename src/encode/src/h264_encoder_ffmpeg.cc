@@ -284,8 +284,11 @@ class FfmpegH264Encoder final : public H264Encoder {
   std::vector<std::uint8_t> sequence_header_;
 };
 
+// A hardware encoder's refusal is expected on most machines (no such device, no driver) and is
+// said at info; the fall-back to software says it once at warn. A software encoder's refusal is
+// a fault.
 std::unique_ptr<H264Encoder> TryCreate(const H264EncoderConfig& config,
-                                       std::span<const Candidate> candidates) {
+                                       std::span<const Candidate> candidates, bool hardware) {
   for (const auto& candidate : candidates) {
     const AVCodec* codec = avcodec_find_encoder_by_name(candidate.codec_name);
     if (codec == nullptr) {
@@ -297,7 +300,11 @@ std::unique_ptr<H264Encoder> TryCreate(const H264EncoderConfig& config,
       encoder->Initialize();
       return encoder;
     } catch (const std::exception& error) {
-      LOG_WARN("{} rejected our configuration: {}", candidate.codec_name, error.what());
+      if (hardware) {
+        LOG_INFO("{} rejected our configuration: {}", candidate.codec_name, error.what());
+      } else {
+        LOG_WARN("{} rejected our configuration: {}", candidate.codec_name, error.what());
+      }
     }
   }
   return nullptr;
@@ -316,11 +323,11 @@ std::unique_ptr<H264Encoder> CreateH264Encoder(const H264EncoderConfig& config) 
   MIRELL_CHECK(config.fps_numerator > 0 && config.fps_denominator > 0,
                "frame rate must be positive");
   if (config.prefer_hardware) {
-    if (auto encoder = TryCreate(config, kHardware)) return encoder;
+    if (auto encoder = TryCreate(config, kHardware, true)) return encoder;
     LOG_WARN("no usable hardware H.264 encoder; falling back to software. Expect significant CPU "
              "cost at this resolution.");
   }
-  auto encoder = TryCreate(config, kSoftware);
+  auto encoder = TryCreate(config, kSoftware, false);
   if (!encoder) ThrowError("no H.264 encoder in libavcodec could be initialised", std::source_location::current());
   return encoder;
 }

@@ -1,5 +1,6 @@
 #include "mirell/session/peer_sender.h"
 
+#include "mirell/base/clock.h"
 #include "mirell/base/logging.h"
 #include "mirell/base/thread_name.h"
 
@@ -105,7 +106,10 @@ void PeerSender::SendVideo(const encode::EncodedFramePtr& frame, std::int64_t ba
     }
   }
   if (accepted > 0) {
-    if (frames_sent_.load() == 0) LOG_INFO("first frame packets={}", accepted);
+    if (first_picture_at_.load() == 0) {
+      first_picture_at_ = SteadyNowNs();
+      LOG_INFO("first frame packets={}", accepted);
+    }
   } else {
     ++refused_;
     if (refused_ == 1 || refused_ == 30 || refused_ % 300 == 0) {

@@ -511,7 +511,9 @@ std::vector<ViewerInfo> ShareSession::Viewers() const {
     row.allowlisted = peer->allowlisted;
     if (!peer->key.empty()) row.key_fingerprint = transport::KeyFingerprint(peer->key);
     row.state = peer->link ? peer->link->state() : PeerState::kClosed;
-    row.seconds = (now - peer->admitted_at) / 1'000'000'000;
+    // From the viewer's first picture: the time before it is the connection's, not watching.
+    const std::int64_t first_picture = peer->sender ? peer->sender->first_picture_at() : 0;
+    row.seconds = first_picture != 0 ? (now - first_picture) / 1'000'000'000 : 0;
     if (peer->sender) {
       row.bytes_sent = peer->sender->bytes_sent();
       row.frames_sent = peer->sender->frames_sent();

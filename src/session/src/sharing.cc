@@ -7,6 +7,7 @@
 #include <exception>
 #include <utility>
 
+#include "mirell/base/ascii.h"
 #include "mirell/base/clock.h"
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
@@ -488,7 +489,10 @@ std::string Sharing::token() const {
 
 std::string Sharing::link() const {
   std::lock_guard lock(mutex_);
-  return state_ ? fmt::format("https://{}{}", config_.share_prefix, state_->token) : std::string();
+  if (!state_) return {};
+  // A link opens the page of the server it names: a plain ws:// server serves plain http://.
+  const bool plain = EqualsIgnoringAsciiCase(std::string_view(config_.signal_url).substr(0, 5), "ws://");
+  return fmt::format("{}://{}{}", plain ? "http" : "https", config_.share_prefix, state_->token);
 }
 
 std::size_t Sharing::viewer_count() const {

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <thread>
 
+#include "mirell/base/clock.h"
 #include "mirell/base/logging.h"
 #include "mirell/media/rtp.h"
 #include "mirell/testsupport/subprocess.h"
@@ -82,10 +83,14 @@ TEST_F(PeerSenderTest, ALateJoinersFirstFrameIsRtpTimeZeroAndFramesFollowOnTheCl
   PeerSender sender(&link_, &frames_, &audio_, 48000);
   StartAndWait(sender);
   frames_.Publish(Frame(kBase - 333333, false));  // Not a keyframe: the subscription skips it.
+  EXPECT_EQ(sender.first_picture_at(), 0) << "nothing has gone out";
+  const std::int64_t before = SteadyNowNs();
   frames_.Publish(Frame(kBase, true));
   frames_.Publish(Frame(kBase + 333333, false));
   ASSERT_TRUE(Eventually([&] { return sender.frames_sent() == 2; }));
   sender.Stop();
+  EXPECT_GE(sender.first_picture_at(), before);
+  EXPECT_LE(sender.first_picture_at(), SteadyNowNs());
   const auto sent = link_.video();
   auto packets = Parse(sent);
   ASSERT_GE(packets.size(), 2u);
@@ -162,14 +167,17 @@ TEST_F(PeerSenderTest, AFrameWhosePacketsAreAllRefusedStillCounts) {
   StartAndWait(sender);
   frames_.Publish(Frame(kBase, true));
   ASSERT_TRUE(Eventually([&] { return sender.frames_sent() == 1; }));
+  EXPECT_EQ(sender.first_picture_at(), 0) << "a refused frame is no picture for the viewer";
+  EXPECT_EQ(Log().find("first frame packets="), std::string::npos);
   link_.accept = true;
   frames_.Publish(Frame(kBase + 333333, false));
   ASSERT_TRUE(Eventually([&] { return sender.frames_sent() == 2; }));
   sender.Stop();
   std::string log = Log();
   EXPECT_NE(log.find("video track closed, refused=1"), std::string::npos) << log;
-  // The first frame of all was refused, so the line about the first frame never comes.
-  EXPECT_EQ(log.find("first frame packets="), std::string::npos) << log;
+  // The first frame that went out is the viewer's first picture.
+  EXPECT_NE(sender.first_picture_at(), 0);
+  EXPECT_NE(log.find("first frame packets="), std::string::npos) << log;
   const auto sent = link_.video();
   EXPECT_EQ(Parse(sent).front().timestamp, 3000u);
 }

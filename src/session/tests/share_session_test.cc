@@ -631,6 +631,9 @@ TEST_F(ShareSessionTest, AnAdmittedViewerGetsTheMediaAndItsRateIsMeasured) {
   // a moment before the session's handler has run.
   EXPECT_TRUE(Eventually([&] { return keyframes_.load() >= 1; }));
   EXPECT_TRUE(Eventually([&] { return Log().find("peer=c1 connected") != std::string::npos; }));
+  // Connected for a second, but no picture yet: not watching yet.
+  std::this_thread::sleep_for(1100ms);
+  EXPECT_EQ(session_.Viewers()[0].seconds, 0);
 
   std::thread publisher([&] {
     testing::PublishInRealTime(fixture, SteadyNowNs() / 100, frames_, &audio_);

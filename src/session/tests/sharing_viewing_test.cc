@@ -212,7 +212,7 @@ TEST_F(SharingToAViewer, ARevokedLinkDropsItsViewersAndNoLongerLeadsToTheShare) 
 
   sharing_->Revoke();
   EXPECT_NE(sharing_->link(), old_link);
-  EXPECT_EQ(sharing_->link(), "https://127.0.0.1/s/" + sharing_->token());
+  EXPECT_EQ(sharing_->link(), "http://127.0.0.1/s/" + sharing_->token()) << "a ws:// server's link";
   EXPECT_TRUE(sharing_->viewers().empty()) << "old viewers are dropped";
   EXPECT_EQ(host_registry_.Find(old_token), nullptr);
   // The viewer's player ends long before the minute it asked for, with the viewer's heartbeat

@@ -42,6 +42,8 @@ class PeerSender {
   std::uint64_t frames_sent() const { return frames_sent_.load(); }
   std::uint64_t units_sent() const { return units_sent_.load(); }
   std::uint64_t bytes_sent() const { return bytes_sent_.load(); }
+  // When the first picture went out (steady clock, ns); 0 before.
+  std::int64_t first_picture_at() const { return first_picture_at_.load(); }
 
   // 100-nanosecond units from the base to the audio clock, rounded to nearest.
   static std::int64_t AudioRtpTime(std::int64_t t, std::int64_t base, unsigned clock);
@@ -66,6 +68,7 @@ class PeerSender {
   std::atomic<std::uint64_t> frames_sent_{0};
   std::atomic<std::uint64_t> units_sent_{0};
   std::atomic<std::uint64_t> bytes_sent_{0};
+  std::atomic<std::int64_t> first_picture_at_{0};
   std::uint64_t refused_ = 0;  // The sender's thread only.
   std::vector<media::Bytes> packets_;  // Reused across rounds.
   std::thread thread_;

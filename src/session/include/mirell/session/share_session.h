@@ -43,7 +43,7 @@ struct ViewerInfo {
   bool allowlisted = false;
   std::string key_fingerprint;  // Of the key it proved; empty: none.
   transport::PeerState state = transport::PeerState::kConnecting;
-  std::int64_t seconds = 0;
+  std::int64_t seconds = 0;  // Watching: from its first picture, 0 before.
   std::uint64_t bytes_sent = 0;
   std::uint64_t frames_sent = 0;
   std::uint32_t uplink_kbps = 0;

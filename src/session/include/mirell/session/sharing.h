@@ -143,7 +143,8 @@ class Sharing {
   SignalState signal_state() const;
   // Why the server refused the running share; empty when it did not.
   std::string refusal() const;
-  // "https://" + share prefix + token; empty without a share.
+  // "https://" + share prefix + token ("http://" for a plain ws:// signal server, whose page is
+  // plain too); empty without a share.
   std::string link() const;
   std::size_t viewer_count() const;
   std::uint32_t uplink_kbps() const;  // Summed over the viewers.
