@@ -154,6 +154,9 @@ class WebSocketSession final : public RoutedConnection,
     ws_.text(true);
     ws_.async_write(net::buffer(outbox_.front()),
                     [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                      // The connection ended while this frame was being written: Ended emptied
+                      // the queue this frame was the front of.
+                      if (self->ended_) return;
                       self->queued_bytes_ -= self->outbox_.front().size();
                       self->outbox_.pop_front();
                       if (error) return self->End();

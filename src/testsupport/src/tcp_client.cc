@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <mutex>
+#include <random>
 #include <stdexcept>
 
 namespace mirell::testsupport {
@@ -92,16 +94,28 @@ std::uint16_t EndpointPort(std::string_view endpoint) {
 }
 
 std::uint16_t FreeLoopbackPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  auto address = Loopback(0);
-  socklen_t size = sizeof(address);
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-    if (fd >= 0) close(fd);
-    throw std::runtime_error("could not find a free port");
+  // Below the kernel's range for outgoing connections (32768-60999 by default): a port handed
+  // out there could be taken by any connection a test makes before the program it is meant for
+  // binds it (seen: an RTSP port taken in the seconds before a viewer started). Here only another
+  // test's bind can take it, and the bind below checks that it is free now.
+  constexpr unsigned kFirst = 20000;
+  constexpr unsigned kCount = 12000;
+  static std::mt19937 random(std::random_device{}());
+  static std::mutex random_mutex;
+  for (int attempt = 0; attempt < 1000; ++attempt) {
+    unsigned candidate = 0;
+    {
+      std::lock_guard lock(random_mutex);
+      candidate = kFirst + static_cast<unsigned>(random() % kCount);
+    }
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) break;
+    auto address = Loopback(static_cast<std::uint16_t>(candidate));
+    const bool free = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    close(fd);
+    if (free) return static_cast<std::uint16_t>(candidate);
   }
-  close(fd);
-  return ntohs(address.sin_port);
+  throw std::runtime_error("could not find a free port");
 }
 
 bool LoopbackPortAccepts(std::uint16_t port) {

@@ -41,7 +41,8 @@ std::uint16_t EndpointPort(std::string_view endpoint);
 // Whether something accepts connections on 127.0.0.1:port now (a server that has come up).
 bool LoopbackPortAccepts(std::uint16_t port);
 
-// A port on 127.0.0.1 that was free a moment ago (bound to 0, read back, released).
+// A port on 127.0.0.1 that was free a moment ago (bound and released), from 20000-31999, below
+// the range the kernel gives outgoing connections, so that none of those can take it meanwhile.
 std::uint16_t FreeLoopbackPort();
 
 }  // namespace mirell::testsupport
