@@ -331,6 +331,7 @@ void ShareSession::Admit(const std::string& id, const Arrival& arrival, bool all
     replaced = std::exchange(slot, std::move(peer));
   }
   if (replaced) End(*replaced);
+  if (gathered_while_waiting) ++admitted_prepared_;
   ++admitted_;
   LOG_INFO("peer={} offering{}", id, gathered_while_waiting ? " (gathered while waiting)" : "");
 }

@@ -110,6 +110,8 @@ class ShareSession {
   std::vector<PendingViewer> PendingViewers() const;
   std::size_t ViewerCount() const;
   std::uint64_t admitted() const { return admitted_.load(); }
+  // Admitted viewers whose offer was gathered while the user decided.
+  std::uint64_t admitted_prepared() const { return admitted_prepared_.load(); }
   std::uint64_t departed() const { return departed_.load(); }
   // Admitted viewers whose link did not connect within the limit.
   std::uint64_t failed() const { return failed_.load(); }
@@ -176,6 +178,7 @@ class ShareSession {
   std::function<void(const std::string&)> on_pending_gone_;
   std::atomic<bool> running_{false};
   std::atomic<std::uint64_t> admitted_{0};
+  std::atomic<std::uint64_t> admitted_prepared_{0};
   std::atomic<std::uint64_t> departed_{0};
   std::atomic<std::uint64_t> failed_{0};
   std::atomic<std::uint64_t> refused_proofs_{0};
