@@ -1,6 +1,9 @@
 #include "http_answers.h"
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
+
+#include "mirell/transport/signal_endpoint.h"
 
 namespace mirell::signal {
 namespace {
@@ -63,7 +66,11 @@ HttpAnswer AnswerHttp(std::string_view method, std::string_view target,
     answer.body = nlohmann::json{{"version", latest->version}, {"url", latest->url}}.dump();
     return answer;
   }
-  if (path == kSignalPath) return Text(426, "this is a WebSocket endpoint\n");
+  if (path == transport::kSignalPath) {
+    return Text(transport::kSignalEndpointStatus,
+                fmt::format("{}\nthis is the WebSocket endpoint of a Mirell signal server\n",
+                            transport::kSignalEndpointMarker));
+  }
   return Text(404, "not found\n");
 }
 

@@ -1,5 +1,6 @@
 // What the signal server answers to plain HTTP requests: the page behind a share link for a person
-// without Mirell, the update endpoint's JSON, and the statuses for everything else.
+// without Mirell, the update endpoint's JSON, the signal endpoint's marker for a GET without an
+// upgrade, and the statuses for everything else.
 #pragma once
 
 #include <optional>
@@ -18,9 +19,6 @@ struct LatestRelease {
   std::string version;
   std::string url;
 };
-
-// The WebSocket endpoint's path.
-inline constexpr std::string_view kSignalPath = "/signal";
 
 // The answer to a request that is not a WebSocket upgrade. `method` and `target` as received.
 // "/s/<anything>" gives the same page whatever the token, so nothing about tokens leaks.

@@ -21,6 +21,7 @@
 #include "mirell/base/logging.h"
 #include "mirell/base/thread_name.h"
 #include "mirell/base/version.h"
+#include "mirell/transport/signal_endpoint.h"
 #include "signal_server.h"
 
 namespace mirell::signal {
@@ -226,7 +227,8 @@ class HttpSession final : public std::enable_shared_from_this<HttpSession<Stream
  private:
   void Handle(http::request<http::string_body> request) {
     const std::string_view target(request.target().data(), request.target().size());
-    if (websocket::is_upgrade(request) && target.substr(0, target.find('?')) == kSignalPath) {
+    if (websocket::is_upgrade(request) &&
+        target.substr(0, target.find('?')) == transport::kSignalPath) {
       beast::get_lowest_layer(stream_).expires_never();
       std::make_shared<WebSocketSession<Stream>>(std::move(stream_), core_, std::move(*slot_))
           ->Accept(std::move(request));

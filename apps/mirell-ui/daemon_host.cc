@@ -5,12 +5,15 @@
 #include "mirell/base/logging.h"
 #include "mirell/daemon/stream_path.h"
 #include "mirell/transport/peer_link.h"
+#include "mirell/transport/signal_endpoint.h"
 #include "executable_path.h"
 #include "share_link.h"
 
 namespace mirell::ui {
 
 namespace {
+
+constexpr std::chrono::milliseconds kSignalServerBound{1500};
 
 session::Sharing::Config SharingConfigOf(const DaemonConfig& config) {
   session::Sharing::Config sharing;
@@ -43,7 +46,11 @@ session::Viewing::Config ViewingConfigOf(const DaemonConfig& config) {
 DaemonHost::DaemonHost(DaemonConfig config)
     : config_(std::move(config)),
       sharing_(registry_, SharingConfigOf(config_)),
-      viewing_(registry_, ViewingConfigOf(config_)) {
+      viewing_(registry_, ViewingConfigOf(config_)),
+      signal_servers_([](const std::string& signal_url) {
+        // Each phase gets the whole bound: the caller stops waiting at the bound anyway.
+        return transport::AnswersAsSignalEndpoint(signal_url, {kSignalServerBound, 4096});
+      }, {kSignalServerBound}) {
   // Nobody gets in unasked.
   sharing_.SetAdmissionRequired(true);
   sharing_.SetAllowlist(WithCommandLineIds(config_.allowlist));
@@ -113,10 +120,20 @@ void DaemonHost::Stop() {
 }
 
 daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
-  const std::string token = ShareTokenFromUrl(url, config_.share_prefix);
-  if (token.empty()) return {};
+  std::string token = ShareTokenFromUrl(url, config_.share_prefix);
+  std::string signal_url = config_.signal_url;
+  if (token.empty()) {
+    std::optional<ShareLink> link = ParseShareLink(url);
+    if (!link) return {};
+    // A link of this program's own share needs no server's word.
+    if (link->token != sharing_.token() && !signal_servers_.IsSignalServer(link->signal_url)) {
+      return {};
+    }
+    token = std::move(link->token);
+    signal_url = std::move(link->signal_url);
+  }
   // May throw; the resolve service then answers nothing and the stub sees the connection end.
-  switch (viewing_.Ensure(token)) {
+  switch (viewing_.Ensure(token, signal_url)) {
     case session::Viewing::EnsureResult::kReady:
       break;
     case session::Viewing::EnsureResult::kTooMany:

@@ -20,6 +20,7 @@
 #include "mirell/session/sharing.h"
 #include "mirell/session/viewing.h"
 #include "mirell/transport/peer_config.h"
+#include "signal_server_check.h"
 
 namespace mirell::ui {
 
@@ -58,15 +59,19 @@ class DaemonHost {
   // A waiting viewer left before anyone decided; same thread and rule.
   void OnViewerPendingGone(std::function<void(std::string)> callback);
 
-  // The decision for one URL, as the resolve service gets it: a share link of this deployment
-  // makes sure a stream is there for its token (the host's own, or a watch that plays the card
-  // at once) and is resolved to that token's loopback RTSP address; anything else is not ours.
+  // The decision for one URL, as the resolve service gets it: a share link makes sure a stream is
+  // there for its token (the host's own, or a watch that plays the card at once) and is resolved
+  // to that token's loopback RTSP address; anything else is not ours. A link of this program's
+  // own signal server is taken at once; a link of another host only once that host has said,
+  // within SignalServerCheck's bound, that it is a Mirell signal server, and its watch meets the
+  // host there.
   daemon::ResolveResult Resolve(const std::string& url);
 
   const DaemonConfig& config() const { return config_; }
   daemon::StreamRegistry& registry() { return registry_; }
   session::Sharing& sharing() { return sharing_; }
   session::Viewing& viewing() { return viewing_; }
+  const SignalServerCheck& signal_servers() const { return signal_servers_; }
   const daemon::VRChatIdentityWatcher& identity() const { return identity_; }
   // The resolve endpoint as bound; empty when not started.
   std::string resolve_endpoint() const;
@@ -81,6 +86,8 @@ class DaemonHost {
   daemon::StreamRegistry registry_;
   session::Sharing sharing_;
   session::Viewing viewing_;
+  // Outlives the resolve service, which asks it.
+  SignalServerCheck signal_servers_;
   std::optional<daemon::RtspServer> rtsp_;
   std::optional<daemon::ResolveService> resolve_;
   std::optional<daemon::StubInstaller> stub_;

@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "mirell/transport/signal_endpoint.h"
+
 namespace mirell::signal {
 namespace {
 
@@ -31,9 +33,23 @@ TEST(HttpAnswers, LatestAnswersJsonOnlyWhenConfigured) {
             nlohmann::json::parse(R"({"version":"0.2.0","url":"https://x.example/get"})"));
 }
 
+// A viewer follows a link to a server it does not know only after this answer.
+TEST(HttpAnswers, TheSignalEndpointSaysWhatItIsToAPlainGet) {
+  const auto answer = AnswerHttp("GET", "/signal", std::nullopt);
+  EXPECT_EQ(answer.status, transport::kSignalEndpointStatus);
+  EXPECT_TRUE(answer.body.starts_with(std::string(transport::kSignalEndpointMarker) + "\n"))
+      << answer.body;
+  for (const std::string_view path : {"/", "/s/ABCDEFGHJKMN", "/latest", "/signal/x", "/signals"}) {
+    EXPECT_EQ(AnswerHttp("GET", path, std::nullopt).body.find(transport::kSignalEndpointMarker),
+              std::string::npos)
+        << path;
+  }
+}
+
 TEST(HttpAnswers, OtherPathsAndMethods) {
   EXPECT_EQ(AnswerHttp("GET", "/", std::nullopt).status, 404u);
   EXPECT_EQ(AnswerHttp("GET", "/signal", std::nullopt).status, 426u);
+  EXPECT_EQ(AnswerHttp("GET", "/signal?x=1", std::nullopt).status, 426u);
   EXPECT_EQ(AnswerHttp("POST", "/s/ABC", std::nullopt).status, 405u);
   EXPECT_EQ(AnswerHttp("HEAD", "/s/ABC", std::nullopt).status, 200u);
 }

@@ -23,6 +23,7 @@
 #include "mirell/testsupport/tcp_client.h"
 #include "mirell/testsupport/test_certificates.h"
 #include "mirell/transport/signal_client.h"
+#include "mirell/transport/signal_endpoint.h"
 
 namespace mirell::signal {
 namespace {
@@ -231,6 +232,22 @@ TEST(SignalServer, PlainRequestsGetThePageTheReleaseOrAStatus) {
             0u);
 }
 
+// What a viewer asks before it follows a link to a server it was not configured with.
+TEST(SignalServer, ItsEndpointAnswersAPlainGetAsASignalEndpoint) {
+  ServerConfig config;
+  config.listen = "127.0.0.1:0";
+  SignalServer server(config);
+  server.Start();
+  const std::string url = "ws://127.0.0.1:" + std::to_string(server.port());
+  EXPECT_TRUE(transport::AnswersAsSignalEndpoint(url + "/signal", {1500ms, 8192}));
+  EXPECT_FALSE(transport::AnswersAsSignalEndpoint(url + "/s/ABCDEFGHJKMN", {1500ms, 8192}));
+  EXPECT_FALSE(transport::AnswersAsSignalEndpoint(url + "/", {1500ms, 8192}));
+  EXPECT_FALSE(transport::AnswersAsSignalEndpoint("wss://127.0.0.1:" +
+                                                      std::to_string(server.port()) + "/signal",
+                                                  {1500ms, 8192}))
+      << "no TLS on a plain server";
+}
+
 TEST(SignalServer, ConnectionsBeyondTheLimitAreClosedAtOnce) {
   ServerConfig config;
   config.listen = "127.0.0.1:0";
@@ -388,6 +405,18 @@ TEST_F(SignalServerTls, ACertificateOfATrustedCaForTheHostIsAccepted) {
   EXPECT_TRUE(Registers("wss://127.0.0.1:" + std::to_string(server->port()) + "/signal")) << log();
   const std::string page = testsupport::ExchangeOnce(server->port(), "GET /s/A HTTP/1.1\r\n\r\n", 1s);
   EXPECT_EQ(page.find("200 OK"), std::string::npos) << "plain HTTP on a TLS port";
+}
+
+TEST_F(SignalServerTls, ItsEndpointAnswersAPlainGetOverTlsOnlyWithATrustedCertificate) {
+  setenv("SSL_CERT_FILE", certificates_->Path("ca.pem").c_str(), 1);
+  const auto server = StartServer("localhost");
+  const auto other = StartServer("other");
+  EXPECT_TRUE(transport::AnswersAsSignalEndpoint(
+      "wss://localhost:" + std::to_string(server->port()) + "/signal", {1500ms, 8192}));
+  EXPECT_FALSE(transport::AnswersAsSignalEndpoint(
+      "wss://localhost:" + std::to_string(other->port()) + "/signal", {1500ms, 8192}));
+  EXPECT_FALSE(transport::AnswersAsSignalEndpoint(
+      "ws://localhost:" + std::to_string(server->port()) + "/signal", {1500ms, 8192}));
 }
 
 TEST_F(SignalServerTls, ACertificateForAnotherNameIsRefused) {

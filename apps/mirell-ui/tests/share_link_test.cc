@@ -4,16 +4,27 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+
 #include "mirell/testsupport/subprocess.h"
 
 #include "daemon_host.h"
 #include "options.h"
 #include "mirell/transport/share_token.h"
 #include "mirell/transport/signal_client.h"
+#include "mirell/transport/signal_endpoint.h"
+#include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/tcp_client.h"
+#include "mirell/testsupport/build_speed.h"
+#include "signal_server.h"
 
 namespace mirell::ui {
 namespace {
+
+using testsupport::Eventually;
 
 constexpr std::string_view kPrefix = "mirell.example/s/";
 
@@ -60,6 +71,39 @@ TEST(ShareToken, ShortOrSchemelessUrlsAreNoLinks) {
   EXPECT_EQ(ShareTokenFromUrl("", kPrefix), "");
   EXPECT_EQ(ShareTokenFromUrl("ab", kPrefix), "");
   EXPECT_EQ(ShareTokenFromUrl("mirell.example/s/7QK2M0Z5XH3B", kPrefix), "");
+}
+
+TEST(ShareLink, AnyHostsLinkNamesItsSignalServer) {
+  const auto secure = ParseShareLink("https://share.example.org/s/7QK2M0Z5XH3B?t=1");
+  ASSERT_TRUE(secure.has_value());
+  EXPECT_EQ(secure->token, "7QK2M0Z5XH3B");
+  EXPECT_EQ(secure->authority, "share.example.org");
+  EXPECT_EQ(secure->signal_url, "wss://share.example.org/signal");
+  const auto plain = ParseShareLink("HTTP://192.168.1.20:8443/s/7QK2M0Z5XH3B");
+  ASSERT_TRUE(plain.has_value());
+  EXPECT_EQ(plain->signal_url, "ws://192.168.1.20:8443/signal");
+  const auto literal = ParseShareLink("https://[2001:db8::1]:8443/s/7QK2M0Z5XH3B#x");
+  ASSERT_TRUE(literal.has_value());
+  EXPECT_EQ(literal->signal_url, "wss://[2001:db8::1]:8443/signal");
+}
+
+TEST(ShareLink, WhatIsNotTheLinkFormIsNoLink) {
+  for (const char* url : {
+           "ftp://share.example.org/s/7QK2M0Z5XH3B",        // Only web links name a server.
+           "https://share.example.org/x/7QK2M0Z5XH3B",      // Another path.
+           "https://share.example.org/a/s/7QK2M0Z5XH3B",    // "/s/" not first.
+           "https://share.example.org/s/7QK2M0Z5XH3",       // No token.
+           "https://share.example.org/s/",                  //
+           "https://friend@share.example.org/s/7QK2M0Z5XH3B",  // User-info hides the host.
+           "https://share.example.org\\@evil.example/s/7QK2M0Z5XH3B",
+           "https://share example.org/s/7QK2M0Z5XH3B",
+           "https:///s/7QK2M0Z5XH3B",
+           "https://share.example.org",
+           "share.example.org/s/7QK2M0Z5XH3B",
+           "",
+       }) {
+    EXPECT_FALSE(ParseShareLink(url).has_value()) << url;
+  }
 }
 
 TEST(DaemonHostResolve, ShareLinkGetsTheLoopbackAddressAndOthersPass) {
@@ -149,6 +193,99 @@ TEST(DaemonHostResolve, ALinkBeyondTheMostWatchedAtOnceIsAnsweredWithTheReason) 
   EXPECT_EQ(refused.reason, "too many share links are playing at once");
   EXPECT_EQ(host.registry().Find("ABCDEFGHJKZZ"), nullptr);
   host.Stop();
+}
+
+// A link says where its server is: a viewer configured for one server plays another's links,
+// once that server has said it is a Mirell signal server.
+class ForeignLinkTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    config_.rtsp_port = testsupport::FreeLoopbackPort();
+    config_.pipe_name = "127.0.0.1:0";
+    config_.install_stub = false;
+    config_.signal_url = "ws://127.0.0.1:9/signal";  // The viewer's own server: nobody there.
+    host_.emplace(config_);
+    host_->Start();
+  }
+  std::string Loopback(std::uint16_t rtsp_port, const std::string& token) const {
+    return fmt::format("rtspt://127.0.0.1:{}/s/{}", rtsp_port, token);
+  }
+  static double SecondsOf(const std::function<void()>& step) {
+    const auto start = std::chrono::steady_clock::now();
+    step();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  }
+
+  DaemonConfig config_;
+  std::optional<DaemonHost> host_;
+};
+
+TEST_F(ForeignLinkTest, ALinkOfAnotherMirellServerIsWatchedThere) {
+  signal::ServerConfig server_config;
+  server_config.listen = "127.0.0.1:0";
+  signal::SignalServer server(server_config);
+  server.Start();
+  const std::string link = fmt::format("http://127.0.0.1:{}/s/ABCDEFGHJKMN", server.port());
+  const auto resolved = host_->Resolve(link);
+  EXPECT_EQ(resolved.status, daemon::ResolveStatus::kResolved);
+  EXPECT_EQ(resolved.url, Loopback(config_.rtsp_port, "ABCDEFGHJKMN"));
+  EXPECT_EQ(host_->viewing().WatchCount(), 1u);
+  EXPECT_TRUE(Eventually([&] { return server.open_connections() == 1u; }))
+      << "the watch meets the host at the link's server";
+  EXPECT_EQ(host_->Resolve(link).status, daemon::ResolveStatus::kResolved);
+  EXPECT_EQ(host_->Resolve(fmt::format("http://127.0.0.1:{}/s/ABCDEFGHJKMP", server.port())).status,
+            daemon::ResolveStatus::kResolved);
+  EXPECT_EQ(host_->signal_servers().probes(), 1u) << "the server's answer is kept";
+  host_->Stop();
+}
+
+// A web server that is not Mirell's, even one with pages at the link's paths, is left to the real
+// resolver, and asked only once.
+TEST_F(ForeignLinkTest, ALookAlikeLinkOnAnotherWebServerPassesWithinTheBound) {
+  testsupport::TempDir site;
+  std::filesystem::create_directories(site.path() / "s");
+  std::ofstream(site.path() / "s" / "ABCDEFGHJKMN") << "a page";
+  std::ofstream(site.path() / "signal") << transport::kSignalEndpointMarker << '\n';
+  const std::uint16_t port = testsupport::FreeLoopbackPort();
+  testsupport::ChildProcess web({"/usr/bin/python3", "-m", "http.server", "--bind", "127.0.0.1",
+                                 "--directory", site.path().string(), std::to_string(port)});
+  ASSERT_TRUE(Eventually([&] { return testsupport::LoopbackPortAccepts(port); }));
+  const std::string link = fmt::format("http://127.0.0.1:{}/s/ABCDEFGHJKMN", port);
+  daemon::ResolveResult result;
+  EXPECT_LT(SecondsOf([&] { result = host_->Resolve(link); }), 1.5);
+  EXPECT_EQ(result.status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(host_->viewing().WatchCount(), 0u);
+  EXPECT_EQ(host_->Resolve(link).status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(host_->signal_servers().probes(), 1u);
+  host_->Stop();
+}
+
+TEST_F(ForeignLinkTest, AServerThatNeverAnswersCostsNoMoreThanTheBoundAndOnlyOnce) {
+  testsupport::SilentListener silent;
+  const std::string link = fmt::format("https://127.0.0.1:{}/s/ABCDEFGHJKMN", silent.port());
+  daemon::ResolveResult result;
+  const double first = SecondsOf([&] { result = host_->Resolve(link); });
+  EXPECT_EQ(result.status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_GE(first, 1.4);
+  EXPECT_LT(first, 1.5 + (testsupport::kSanitizedBuild ? 1.0 : 0.3));
+  const double again = SecondsOf([&] { result = host_->Resolve(link); });
+  EXPECT_EQ(result.status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_LT(again, 0.2) << "the silence is kept";
+  EXPECT_EQ(host_->signal_servers().probes(), 1u);
+  host_->Stop();
+}
+
+// A token watched through one server is not played for a link of another that nobody vouched
+// for.
+TEST_F(ForeignLinkTest, AWatchedTokenOnAnUnknownHostIsStillAsked) {
+  ASSERT_EQ(host_->Resolve("https://mirell.example/s/ABCDEFGHJKMN").status,
+            daemon::ResolveStatus::kResolved)
+      << "the viewer's own server";
+  testsupport::SilentListener silent;
+  const std::string other = fmt::format("http://127.0.0.1:{}/s/ABCDEFGHJKMN", silent.port());
+  EXPECT_EQ(host_->Resolve(other).status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(host_->signal_servers().probes(), 1u);
+  host_->Stop();
 }
 
 TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {

@@ -82,12 +82,14 @@ class ViewingAcrossProcesses : public ::testing::Test {
     ASSERT_TRUE(WaitForEvent("hosting", 30s)) << Events();
   }
 
-  void StartViewer(bool wait_for_card = true) {
+  // Configured for `signal_url`, this test's server when empty.
+  void StartViewer(bool wait_for_card = true, std::string signal_url = {}) {
+    if (signal_url.empty()) signal_url = SignalUrl();
     pipe_port_ = testsupport::FreeLoopbackPort();
     rtsp_port_ = testsupport::FreeLoopbackPort();
     pipe_ = "127.0.0.1:" + std::to_string(pipe_port_);
     viewer_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{ui_.binary().string(), "--signal", SignalUrl(), "--pipe", pipe_,
+        std::vector<std::string>{ui_.binary().string(), "--signal", signal_url, "--pipe", pipe_,
                                  "--rtsp-port", std::to_string(rtsp_port_), "--no-stub"},
         Headless(home_.path()));
     ASSERT_TRUE(ui_.WaitForLog(rtsp_port_, pipe_, "listening " + pipe_)) << ViewerLog();
@@ -276,6 +278,30 @@ TEST_F(ViewingAcrossProcesses, TheCardPlaysAtOnceAndTheHostFollowsAdmission) {
   EXPECT_EQ(playback.log.find("rror while decoding"), std::string::npos) << playback.log;
   EXPECT_TRUE(ViewerLogged("stream up, card frames="));
   EXPECT_TRUE(ViewerLogged("token=" + credentials_.token + " connected"));
+}
+
+// A link names its server: a viewer whose own server is another plays it, with the host's
+// pictures and sound once the host lets it in.
+TEST_F(ViewingAcrossProcesses, ALinkOfAnotherServerPlaysForAViewerConfiguredForItsOwn) {
+  const std::uint16_t own_port = testsupport::FreeLoopbackPort();
+  ChildProcess own({MIRELL_SIGNAL_BINARY, "--listen", "127.0.0.1:" + std::to_string(own_port)});
+  ASSERT_TRUE(Eventually([&] { return testsupport::LoopbackPortAccepts(own_port); }));
+  viewer_.reset();
+  StartViewer(true, "ws://127.0.0.1:" + std::to_string(own_port) + "/signal");
+  const std::string link =
+      "http://127.0.0.1:" + std::to_string(signal_port_) + "/s/" + credentials_.token;
+  EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE " + link + "\n"), "OK " + RtspUrl() + "\n");
+  auto player = Play(8);
+  const std::string peer = WaitForPending();
+  ASSERT_FALSE(peer.empty()) << Events() << ViewerLog();
+  Command("approve " + peer);
+  EXPECT_TRUE(WaitForEvent("viewers 1"));
+  const Playback playback = Finish(*player);
+  const double host_from = FirstTimeOf(playback, kHostSize);
+  ASSERT_GT(host_from, 0) << playback.log;
+  std::size_t sound_after = 0;
+  for (const Played& block : playback.audio) sound_after += block.time > host_from ? 1u : 0u;
+  EXPECT_GT(sound_after, 20u) << playback.log;
 }
 
 TEST_F(ViewingAcrossProcesses, AnAllowlistedViewerIsLetInWithoutBeingAsked) {

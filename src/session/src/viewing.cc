@@ -131,6 +131,10 @@ bool Viewing::IdleDrop(IdleState& state, std::size_t players, std::int64_t now,
 }
 
 Viewing::EnsureResult Viewing::Ensure(const std::string& token) {
+  return Ensure(token, signal_url_);
+}
+
+Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::string& signal_url) {
   if (token.empty()) return EnsureResult::kFailed;
   // The host's own stream when this program shares the token: no peer connection is made.
   if (registry_.Find(token)) return EnsureResult::kReady;
@@ -151,7 +155,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token) {
     }
     peer_config.ice_servers = ice_servers_;
     peer_config.ice_policy = ice_policy_;
-    signal_config.url = signal_url_;
+    signal_config.url = signal_url;
     signal_config.token = token;
     if (share_identity_) {
       signal_config.identity = identity_;
@@ -179,7 +183,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token) {
   defaults.channels = kDefaultChannels;
   defaults.audio_kbps = audio_kbps_;
   ApplyMedia(stream, defaults);
-  if (!signal_url_.empty()) stream.ExpectDescription();
+  if (!signal_url.empty()) stream.ExpectDescription();
 
   try {
     watch->link = transport::CreateAnswerer(peer_config);
@@ -226,7 +230,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token) {
     }
   });
 
-  if (signal_url_.empty()) {
+  if (signal_url.empty()) {
     LOG_WARN("token={} no signal url", token);
     registry_.Publish(token, watch->stream);
     std::lock_guard lock(mutex_);

@@ -127,4 +127,19 @@ bool LoopbackPortAccepts(std::uint16_t port) {
   }
 }
 
+SilentListener::SilentListener() {
+  fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd_ < 0) throw std::runtime_error("socket failed");
+  auto address = Loopback(0);
+  socklen_t size = sizeof address;
+  if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd_, 16) != 0 ||
+      getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+    close(fd_);
+    throw std::runtime_error("could not listen on loopback");
+  }
+  port_ = ntohs(address.sin_port);
+}
+
+SilentListener::~SilentListener() { close(fd_); }
+
 }  // namespace mirell::testsupport

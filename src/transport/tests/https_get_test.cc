@@ -1,15 +1,14 @@
 #include "mirell/transport/https_get.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <memory>
 
 #include "mirell/base/logging.h"
 #include "mirell/testsupport/https_test_server.h"
+#include "mirell/testsupport/tcp_client.h"
+#include "mirell/transport/signal_endpoint.h"
 
 namespace mirell::transport {
 namespace {
@@ -25,27 +24,7 @@ class HttpsGetTest : public ::testing::Test {
   testsupport::HttpsTestServer* server_ = &testsupport::SharedHttpsTestSite().server;
 };
 
-// A TCP port that takes connections (the kernel completes them) and never says a word.
-class SilentListener {
- public:
-  SilentListener() {
-    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::listen(fd_, 4);
-    socklen_t size = sizeof address;
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
-    port_ = ntohs(address.sin_port);
-  }
-  ~SilentListener() { ::close(fd_); }
-  int port() const { return port_; }
-
- private:
-  int fd_ = -1;
-  int port_ = 0;
-};
+using testsupport::SilentListener;
 
 double SecondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -116,6 +95,33 @@ TEST_F(HttpsGetTest, AServerThatNeverAnswersEndsTheRequestAtTheLimit) {
   const double after_handshake = SecondsSince(start);
   EXPECT_GE(after_handshake, 0.9);
   EXPECT_LT(after_handshake, 3.5);
+}
+
+// A web server that is not a Mirell signal server, whatever it answers, is not taken for one.
+TEST_F(HttpsGetTest, OnlyTheSignalEndpointsMarkerMakesASignalEndpoint) {
+  const std::string site = "wss://127.0.0.1:" + std::to_string(server_->port());
+  const HttpsGetLimits limits{1500ms, 8192};
+  server_->Put("marked", std::string(kSignalEndpointMarker) + "\n");
+  EXPECT_FALSE(AnswersAsSignalEndpoint(site + "/files/marked", limits)) << "200 is no endpoint";
+  EXPECT_FALSE(AnswersAsSignalEndpoint(site + "/status/426", limits)) << "426 without the marker";
+  EXPECT_FALSE(AnswersAsSignalEndpoint(site + "/signal", limits)) << "404";
+  EXPECT_FALSE(AnswersAsSignalEndpoint("https://127.0.0.1:1/signal", limits)) << "not a ws URL";
+  EXPECT_FALSE(AnswersAsSignalEndpoint("", limits));
+}
+
+TEST_F(HttpsGetTest, ASignalEndpointThatNeverAnswersIsNoneAtTheLimit) {
+  const HttpsGetLimits limits{1000ms, 8192};
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(AnswersAsSignalEndpoint(
+      "wss://127.0.0.1:" + std::to_string(server_->port()) + "/silent", limits));
+  EXPECT_GE(SecondsSince(start), 0.9);
+  EXPECT_LT(SecondsSince(start), 3.5);
+  SilentListener listener;
+  start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(
+      AnswersAsSignalEndpoint("ws://127.0.0.1:" + std::to_string(listener.port()) + "/signal", limits));
+  EXPECT_GE(SecondsSince(start), 0.9);
+  EXPECT_LT(SecondsSince(start), 3.5);
 }
 
 TEST_F(HttpsGetTest, NothingListeningFailsAtOnce) {

@@ -58,7 +58,10 @@ class Viewing {
   // Makes sure a stream is published under the token: the host's own when this program shares
   // it, else a new watch that plays the card at once and fetches the host's media. Waits for
   // nothing but the card, at most 120 ms.
+  // The watch meets the host at `signal_url` (empty: it plays only the card); without one, at
+  // the configured signal server.
   EnsureResult Ensure(const std::string& token);
+  EnsureResult Ensure(const std::string& token, const std::string& signal_url);
   // Drops the watches that are done or have had no player for the grace period.
   void Poll();
   // Ends every watch.
@@ -103,7 +106,7 @@ class Viewing {
   void StartWaitingCards();
 
   daemon::StreamRegistry& registry_;
-  std::string signal_url_;
+  const std::string signal_url_;
   bool share_identity_;
   std::vector<transport::IceServer> ice_servers_;
   std::uint32_t ice_policy_;

@@ -45,4 +45,19 @@ bool LoopbackPortAccepts(std::uint16_t port);
 // the range the kernel gives outgoing connections, so that none of those can take it meanwhile.
 std::uint16_t FreeLoopbackPort();
 
+// A port on 127.0.0.1 that takes connections (the kernel completes them) and never says a word:
+// a server that never answers.
+class SilentListener {
+ public:
+  SilentListener();
+  ~SilentListener();
+  SilentListener(const SilentListener&) = delete;
+  SilentListener& operator=(const SilentListener&) = delete;
+  std::uint16_t port() const { return port_; }
+
+ private:
+  int fd_ = -1;
+  std::uint16_t port_ = 0;
+};
+
 }  // namespace mirell::testsupport
