@@ -9,7 +9,7 @@
 
 #include "mirell/base/logging.h"
 #include "server_options.h"
-#include "signal_server.h"
+#include "mirell/signal/signal_server.h"
 
 int main(int argc, char** argv) {
   using namespace mirell;

@@ -5,7 +5,7 @@
 #include <span>
 #include <string>
 
-#include "signal_server.h"
+#include "mirell/signal/signal_server.h"
 
 namespace mirell::signal {
 

@@ -1,7 +1,7 @@
 // Our signal client against our signal server over real sockets, plain and TLS (with a CA and
 // certificates made at test time by the openssl command), the HTTP answers, and the server as a
 // process.
-#include "signal_server.h"
+#include "mirell/signal/signal_server.h"
 
 #include <gtest/gtest.h>
 #include <arpa/inet.h>

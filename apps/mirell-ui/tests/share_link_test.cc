@@ -19,7 +19,7 @@
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/tcp_client.h"
 #include "mirell/testsupport/build_speed.h"
-#include "signal_server.h"
+#include "mirell/signal/signal_server.h"
 
 namespace mirell::ui {
 namespace {

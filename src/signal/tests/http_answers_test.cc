@@ -1,4 +1,4 @@
-#include "http_answers.h"
+#include "mirell/signal/http_answers.h"
 
 #include <gtest/gtest.h>
 

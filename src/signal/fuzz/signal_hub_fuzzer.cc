@@ -5,7 +5,7 @@
 #include <set>
 #include <string>
 
-#include "signal_hub.h"
+#include "mirell/signal/signal_hub.h"
 
 namespace {
 

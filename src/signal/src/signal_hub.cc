@@ -1,4 +1,4 @@
-#include "signal_hub.h"
+#include "mirell/signal/signal_hub.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,4 +1,4 @@
-#include "signal_router.h"
+#include "mirell/signal/signal_router.h"
 
 namespace mirell::signal {
 

@@ -1,5 +1,5 @@
 // The hub's protocol rules with a router that records, and time that the test moves.
-#include "signal_hub.h"
+#include "mirell/signal/signal_hub.h"
 
 #include <gtest/gtest.h>
 

@@ -24,7 +24,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "signal_router.h"
+#include "mirell/signal/signal_router.h"
 
 namespace mirell::signal {
 

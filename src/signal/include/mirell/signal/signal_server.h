@@ -10,8 +10,8 @@
 #include <optional>
 #include <string>
 
-#include "http_answers.h"
-#include "signal_hub.h"
+#include "mirell/signal/http_answers.h"
+#include "mirell/signal/signal_hub.h"
 
 namespace mirell::signal {
 

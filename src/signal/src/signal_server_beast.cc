@@ -22,7 +22,7 @@
 #include "mirell/base/thread_name.h"
 #include "mirell/base/version.h"
 #include "mirell/transport/signal_endpoint.h"
-#include "signal_server.h"
+#include "mirell/signal/signal_server.h"
 
 namespace mirell::signal {
 namespace {
