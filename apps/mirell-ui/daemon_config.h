@@ -28,6 +28,9 @@ struct DaemonConfig {
   std::string pipe_name{daemon::kDefaultResolveEndpoint};  // The resolve endpoint.
   std::string share_prefix{kDefaultSharePrefix};            // Host and path, no scheme.
   std::string signal_url{kDefaultSignalUrl};
+  // Not 0: this program is the meeting place, serving the signal protocol on this port of every
+  // interface (signal_url is then its own loopback address, share_prefix its network address).
+  std::uint16_t local_signal_port = 0;
   std::vector<transport::IceServer> ice_servers;
   std::uint32_t ice_policy = 0;
   session::Allowlist allowlist;  // As stored.

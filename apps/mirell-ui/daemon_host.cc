@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <stdexcept>
+
 #include "mirell/base/logging.h"
 #include "mirell/daemon/stream_path.h"
 #include "mirell/transport/peer_link.h"
@@ -70,6 +72,7 @@ void DaemonHost::Start() {
   RefreshIdentity();
   // Set first, so that Stop cleans up after a start that fails half-way.
   started_ = true;
+  if (config_.local_signal_port != 0) StartMeetingPlace();
   // The WebRTC stack's set-up and certificate now rather than in the first resolve, which must
   // answer at once, or in the first viewer's connection.
   transport::InitialiseTransportLogging();
@@ -114,10 +117,37 @@ void DaemonHost::Stop() {
     resolve_->Stop();
     resolve_.reset();
   }
+  // After the share, whose host said goodbye through it.
+  if (meeting_) {
+    meeting_->Stop();
+    meeting_.reset();
+  }
   // The installer puts VRChat's resolver back as it goes; a failure there is logged and left,
   // with its marker, to the next start.
   stub_.reset();
 }
+
+void DaemonHost::StartMeetingPlace() {
+  signal::ServerConfig server;
+  // Every interface: friends on the network, or through a forwarded port, meet here.
+  server.listen = fmt::format("0.0.0.0:{}", config_.local_signal_port);
+  meeting_.emplace(server);
+  try {
+    meeting_->Start();
+  } catch (const std::exception& error) {
+    meeting_.reset();
+    // The check's own words are for the log; the person gets the reason.
+    std::string reason = error.what();
+    if (const auto dash = reason.find(" - "); dash != std::string::npos) reason.erase(0, dash + 3);
+    throw std::runtime_error(
+        fmt::format("could not be the meeting place on port {} ({}); give another with --signal "
+                    "local:PORT, or choose a signal server",
+                    config_.local_signal_port, reason));
+  }
+  LOG_INFO("meeting place: this computer, port {}, links {}", meeting_->port(), config_.share_prefix);
+}
+
+std::uint16_t DaemonHost::meeting_port() const { return meeting_ ? meeting_->port() : 0; }
 
 daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
   std::string token = ShareTokenFromUrl(url, config_.share_prefix);

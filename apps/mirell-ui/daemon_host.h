@@ -19,6 +19,7 @@
 #include "mirell/daemon/vrchat_identity.h"
 #include "mirell/session/sharing.h"
 #include "mirell/session/viewing.h"
+#include "mirell/signal/signal_server.h"
 #include "mirell/transport/peer_config.h"
 #include "signal_server_check.h"
 
@@ -75,6 +76,8 @@ class DaemonHost {
   const daemon::VRChatIdentityWatcher& identity() const { return identity_; }
   // The resolve endpoint as bound; empty when not started.
   std::string resolve_endpoint() const;
+  // The port this program serves as the meeting place on; 0 when it is not one, or not started.
+  std::uint16_t meeting_port() const;
   // The RTSP server's port; 0 when not started.
   std::uint16_t rtsp_port() const;
   // Whether the stub is in place of VRChat's resolver.
@@ -88,6 +91,8 @@ class DaemonHost {
   session::Viewing viewing_;
   // Outlives the resolve service, which asks it.
   SignalServerCheck signal_servers_;
+  // This computer as the meeting place, when it is one.
+  std::optional<signal::SignalServer> meeting_;
   std::optional<daemon::RtspServer> rtsp_;
   std::optional<daemon::ResolveService> resolve_;
   std::optional<daemon::StubInstaller> stub_;
@@ -98,6 +103,8 @@ class DaemonHost {
 
   // The stored list with the command line's ids, which go by their claim.
   session::Allowlist WithCommandLineIds(session::Allowlist allowlist) const;
+  // Serves the signal protocol on config_.local_signal_port; throws Error with the reason.
+  void StartMeetingPlace();
   // Hands a newly seen VRChat account to the watches, for the joins made from now on.
   void RefreshIdentity();
 };

@@ -1,5 +1,8 @@
 #include "options.h"
 
+#include "lan_address.h"
+#include "meeting_place.h"
+
 #include <cstdio>
 #include <algorithm>
 #include <functional>
@@ -7,6 +10,8 @@
 
 #include "mirell/daemon/vrchat_identity.h"
 #include "mirell/transport/web_socket.h"
+#include "lan_address.h"
+#include "meeting_place.h"
 
 namespace mirell::ui {
 namespace {
@@ -83,7 +88,9 @@ const std::vector<Option>& Table() {
          line.share.admit_everyone = true;
          return {};
        }},
-      {"--signal", "", "URL", Section::kService, "the signal server (ws:// or wss://); share links use its host",
+      {"--signal", "", "URL", Section::kService,
+       "where shares meet their viewers: a signal server (ws:// or wss://), whose host share links "
+       "use, or \"local\" (\"local:PORT\") for this computer itself, on port 8443 by default",
        [](CommandLine& line, const std::string& value) -> std::string {
          if (std::string error = SignalUrlError(value); !error.empty()) return error;
          line.signal_url = value;
@@ -210,6 +217,10 @@ void ApplyServiceOptions(const CommandLine& line, DaemonConfig& config) {
   config.pipe_name = line.start.pipe_name;
   if (line.no_stub) config.install_stub = false;
   if (line.signal_url) {
+    if (const std::optional<std::uint16_t> port = LocalMeetingPort(*line.signal_url)) {
+      UseLocalMeeting(config, *port, LanAddress());
+      return;
+    }
     config.signal_url = *line.signal_url;
     // One option points at a whole deployment: its share links live on the same host.
     const std::string prefix = DeriveSharePrefix(config.signal_url);
@@ -261,9 +272,9 @@ std::string UsageText() {
 }
 
 std::string SignalUrlError(const std::string& signal_url) {
-  if (transport::IsWebSocketUrl(signal_url)) return {};
+  if (transport::IsWebSocketUrl(signal_url) || LocalMeetingPort(signal_url)) return {};
   return "--signal takes the ws:// or wss:// URL of a signal server (such as "
-         "wss://mirell.example/signal), not \"" + signal_url + "\"";
+         "wss://share.example.org/signal), or local, or local:PORT, not \"" + signal_url + "\"";
 }
 
 std::string DeriveSharePrefix(const std::string& signal_url) {

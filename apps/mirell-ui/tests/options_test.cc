@@ -1,5 +1,8 @@
 #include "options.h"
 
+#include "lan_address.h"
+#include "meeting_place.h"
+
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -118,6 +121,35 @@ TEST(CommandLine, ASignalUrlThatNoConnectionCouldUseIsAMistake) {
     EXPECT_NE(line.error.find("--signal takes the ws:// or wss:// URL"), std::string::npos) << url;
     EXPECT_FALSE(line.signal_url.has_value());
   }
+}
+
+// "This computer": the program serves the signal protocol itself, meets its own clients on
+// loopback, and its links name its network address.
+TEST(CommandLine, LocalMakesThisComputerTheMeetingPlace) {
+  DaemonConfig config;
+  ApplyServiceOptions(Parse({"--signal", "local"}), config);
+  EXPECT_EQ(config.local_signal_port, 8443);
+  EXPECT_EQ(config.signal_url, "ws://127.0.0.1:8443/signal");
+  EXPECT_EQ(config.share_prefix, LanAddress() + ":8443/s/");
+  EXPECT_EQ(DeriveUpdateUrl(config.signal_url), "") << "nothing to ask a plain server of one's own";
+  DaemonConfig other;
+  ApplyServiceOptions(Parse({"--signal", "local:9443"}), other);
+  EXPECT_EQ(other.local_signal_port, 9443);
+  EXPECT_EQ(other.signal_url, "ws://127.0.0.1:9443/signal");
+  DaemonConfig elsewhere;
+  ApplyServiceOptions(Parse({"--signal", "wss://share.example.org/signal"}), elsewhere);
+  EXPECT_EQ(elsewhere.local_signal_port, 0);
+}
+
+TEST(CommandLine, ALocalPlaceWithABadPortIsAMistake) {
+  for (const char* place : {"local:", "local:0", "local:70000", "local:abc", "local:80x", "localhost",
+                            "local:1234567", "LOCAL"}) {
+    const CommandLine line = Parse({"--signal", place});
+    EXPECT_NE(line.error.find("or local, or local:PORT"), std::string::npos) << place << ": " << line.error;
+    EXPECT_FALSE(line.signal_url.has_value()) << place;
+  }
+  EXPECT_EQ(LocalMeetingPort("local:1"), 1);
+  EXPECT_EQ(LocalMeetingPort("local:65535"), 65535);
 }
 
 TEST(CommandLine, EmptyUpdateUrlIsGiven) {

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
 #include <stdlib.h>
 
 #include <filesystem>
@@ -12,6 +13,8 @@
 #include "mirell/testsupport/subprocess.h"
 
 #include "daemon_host.h"
+#include "lan_address.h"
+#include "meeting_place.h"
 #include "options.h"
 #include "mirell/transport/share_token.h"
 #include "mirell/transport/signal_client.h"
@@ -24,7 +27,9 @@
 namespace mirell::ui {
 namespace {
 
+using namespace std::chrono_literals;
 using testsupport::Eventually;
+using transport::HttpsGetLimits;
 
 constexpr std::string_view kPrefix = "mirell.example/s/";
 
@@ -286,6 +291,60 @@ TEST_F(ForeignLinkTest, AWatchedTokenOnAnUnknownHostIsStillAsked) {
   EXPECT_EQ(host_->Resolve(other).status, daemon::ResolveStatus::kNotOurs);
   EXPECT_EQ(host_->signal_servers().probes(), 1u);
   host_->Stop();
+}
+
+// This computer as the meeting place: a signal server of its own on every interface, reachable at
+// the network address its links name, and gone with the program.
+TEST(DaemonHostMeeting, ThisComputerServesTheSignalProtocolOnItsNetworkAddress) {
+  DaemonConfig config;
+  config.rtsp_port = testsupport::FreeLoopbackPort();
+  config.pipe_name = "127.0.0.1:0";
+  config.install_stub = false;
+  const std::uint16_t port = testsupport::FreeLoopbackPort();
+  UseLocalMeeting(config, port, LanAddress());
+  DaemonHost host(config);
+  host.Start();
+  EXPECT_EQ(host.meeting_port(), port);
+  const HttpsGetLimits limits{1500ms, 4096};
+  EXPECT_TRUE(transport::AnswersAsSignalEndpoint(config.signal_url, limits));
+  EXPECT_TRUE(transport::AnswersAsSignalEndpoint(fmt::format("ws://{}:{}/signal", LanAddress(), port), limits));
+  EXPECT_EQ(config.share_prefix, fmt::format("{}:{}/s/", LanAddress(), port));
+  host.Stop();
+  EXPECT_EQ(host.meeting_port(), 0);
+  EXPECT_FALSE(testsupport::LoopbackPortAccepts(port));
+}
+
+TEST(DaemonHostMeeting, ATakenPortEndsTheStartWithTheReasonAndTheWayOut) {
+  testsupport::SilentListener taken;
+  DaemonConfig config;
+  config.rtsp_port = testsupport::FreeLoopbackPort();
+  config.pipe_name = "127.0.0.1:0";
+  config.install_stub = false;
+  UseLocalMeeting(config, taken.port(), "127.0.0.1");
+  DaemonHost host(config);
+  try {
+    host.Start();
+    FAIL() << "served on a taken port";
+  } catch (const std::exception& error) {
+    const std::string what = error.what();
+    EXPECT_EQ(what.rfind(fmt::format("could not be the meeting place on port {} (", taken.port()), 0), 0u)
+        << what;
+    EXPECT_NE(what.find("--signal local:PORT"), std::string::npos) << what;
+    EXPECT_EQ(what.find("check failed"), std::string::npos) << what;
+  }
+  host.Stop();
+}
+
+TEST(LanAddress, IsAnIpv4AddressThatReachesThisComputer) {
+  const std::string address = LanAddress();
+  in_addr parsed{};
+  ASSERT_EQ(inet_pton(AF_INET, address.c_str(), &parsed), 1) << address;
+  signal::ServerConfig server_config;
+  server_config.listen = "0.0.0.0:0";
+  signal::SignalServer server(server_config);
+  server.Start();
+  EXPECT_TRUE(transport::AnswersAsSignalEndpoint(fmt::format("ws://{}:{}/signal", address, server.port()),
+                                                 {1500ms, 4096}));
 }
 
 TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {

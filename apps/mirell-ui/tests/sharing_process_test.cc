@@ -112,9 +112,12 @@ class SharingAcrossProcesses : public ::testing::Test {
   }
 
   // The sharing mirell-ui with the given share options; returns the link it printed.
-  std::string StartHost(const std::vector<std::string>& share_options, bool with_window = false) {
+  // Meeting at `signal` ("--signal"'s value), this test's server when empty.
+  std::string StartHost(const std::vector<std::string>& share_options, bool with_window = false,
+                        std::string signal = {}) {
+    if (signal.empty()) signal = SignalUrl();
     std::vector<std::string> argv{"sh", "-c", "exec \"$0\" \"$@\" > \"" + (dir_.path() / "host.out").string() + "\"",
-                                  ui_.binary().string(), "--signal", SignalUrl(), "--pipe", host_.pipe,
+                                  ui_.binary().string(), "--signal", signal, "--pipe", host_.pipe,
                                   "--rtsp-port", std::to_string(host_.rtsp_port), "--no-stub"};
     argv.insert(argv.end(), share_options.begin(), share_options.end());
     testsupport::ProcessOptions environment = UiEnvironment();
@@ -129,9 +132,10 @@ class SharingAcrossProcesses : public ::testing::Test {
     return link;
   }
 
-  void StartViewer() {
+  void StartViewer(std::string signal = {}) {
+    if (signal.empty()) signal = SignalUrl();
     viewer_.process = std::make_unique<ChildProcess>(
-        std::vector<std::string>{ui_.binary().string(), "--signal", SignalUrl(), "--pipe", viewer_.pipe,
+        std::vector<std::string>{ui_.binary().string(), "--signal", signal, "--pipe", viewer_.pipe,
                                  "--rtsp-port", std::to_string(viewer_.rtsp_port), "--no-stub"},
         UiEnvironment());
     ASSERT_TRUE(ui_.WaitForLog(viewer_.rtsp_port, viewer_.pipe, "listening " + viewer_.pipe)) << ViewerLog();
@@ -239,6 +243,40 @@ TEST_F(SharingAcrossProcesses, AWindowAndItsSoundPlayOnAnotherMirell) {
   EXPECT_GT(at_tone, 0.001);
   EXPECT_GT(at_tone, 100 * capture::PowerAt(last, 440));
   EXPECT_GT(at_tone, 100 * capture::PowerAt(last, 990));
+}
+
+// No other program runs: the sharing Mirell is the meeting place, and its link, which names this
+// computer's network address, plays on a Mirell pointed at it.
+TEST_F(SharingAcrossProcesses, AHostThatIsTheMeetingPlaceSharesWithNoServerRunning) {
+  signal_.reset();
+  StartDisplay(1280, 720);
+  auto window = OpenWindow({"--title", "Moving Demo", "--size", "640x360", "--color", "FF0000", "--color2",
+                            "0000FF", "--alternate-ms", "400"},
+                           660);
+  const std::uint16_t meeting_port = testsupport::FreeLoopbackPort();
+  const std::string link = StartHost({"--share-window", "moving demo", "--admit-everyone"}, false,
+                                     "local:" + std::to_string(meeting_port));
+  std::smatch parts;
+  ASSERT_TRUE(std::regex_match(link, parts, std::regex("http://([0-9.]+):" + std::to_string(meeting_port) +
+                                                         "/s/[0-9A-Z]{12}")))
+      << link << HostLog();
+  EXPECT_TRUE(HostLogged("meeting place: this computer, port " + std::to_string(meeting_port)));
+  StartViewer("ws://" + parts[1].str() + ":" + std::to_string(meeting_port) + "/signal");
+  auto player = Play(Resolve(link), 6);
+  const Recording recording = Finish(*player);
+
+  ASSERT_GT(recording.pictures.size(), 100u) << recording.log << ViewerLog();
+  std::size_t red = 0, blue = 0;
+  for (std::size_t i = 0; i < recording.pictures.size(); ++i) {
+    const Rgb centre = recording.At(i, kThumbWidth / 2, kThumbHeight / 2);
+    red += centre.red() ? 1u : 0u;
+    blue += centre.blue() ? 1u : 0u;
+  }
+  EXPECT_GT(red, 20u);
+  EXPECT_GT(blue, 20u);
+  ASSERT_GT(recording.sound.size(), 48000u * 3) << recording.log;
+  const std::vector<float> last(recording.sound.end() - 96000, recording.sound.end());
+  EXPECT_GT(capture::PowerAt(last, 660), 0.001);
 }
 
 TEST_F(SharingAcrossProcesses, AMonitorIsLetterboxedToTheOutputSize) {
