@@ -51,15 +51,67 @@ session::ShareTarget ResolveShareTarget(const ShareOptions& options,
   return target;
 }
 
-void LogPendingViewers(DaemonHost& host) {
-  host.OnViewerPending([](session::PendingViewer viewer) {
-    LOG_INFO("viewer {} waits to be let in; says it is {} ({}), {}", viewer.connection_id,
-             viewer.identity.empty() ? "nobody" : viewer.identity,
+void LogPendingViewers(DaemonHost& host, const std::string& instance_options) {
+  host.OnViewerPending([instance_options](session::PendingViewer viewer) {
+    const std::string& peer = viewer.connection_id;
+    LOG_WARN("viewer {} waits to be let in; says it is {} ({}), {}. Let them in with: mirell-ui "
+             "--admit {}{}; send them away with: mirell-ui --deny {}{}",
+             peer, viewer.identity.empty() ? "nobody" : viewer.identity,
              viewer.display_name.empty() ? "no name" : viewer.display_name,
-             viewer.key_fingerprint.empty() ? "proved no key" : "proved key " + viewer.key_fingerprint);
+             viewer.key_fingerprint.empty() ? "proved no key" : "proved key " + viewer.key_fingerprint,
+             peer, instance_options, peer, instance_options);
   });
   host.OnViewerPendingGone(
       [](std::string connection_id) { LOG_INFO("viewer {} left while waiting", connection_id); });
+}
+
+std::string InstanceOptions(const StartOptions& start) {
+  const DaemonConfig defaults;
+  std::string options;
+  if (start.rtsp_port != defaults.rtsp_port) options += fmt::format(" --rtsp-port {}", start.rtsp_port);
+  if (start.pipe_name != defaults.pipe_name) options += fmt::format(" --pipe {}", start.pipe_name);
+  return options;
+}
+
+InstanceReply AnswerInstanceRequest(DaemonHost& host, const InstanceRequest& request) {
+  session::Sharing& sharing = host.sharing();
+  switch (request.kind) {
+    case InstanceRequest::Kind::kShow:
+      return {false, "nothing to show: this mirell-ui runs without a window"};
+    case InstanceRequest::Kind::kShare:
+      if (host.config().signal_url.empty()) {
+        return {false, "no meeting place is chosen in the running mirell-ui; start it with --signal URL or "
+                       "--signal local"};
+      }
+      try {
+        if (request.share.admit_everyone) sharing.SetAdmissionRequired(false);
+        const auto windows = capture::EnumerateWindows();
+        const auto monitors = capture::EnumerateMonitors();
+        sharing.Start(ResolveShareTarget(request.share, windows, monitors));
+      } catch (const std::exception& error) {
+        LOG_WARN("a later start's share failed: {}", error.what());
+        return {false, error.what()};
+      }
+      LOG_INFO("share link {} (asked by a later start)", sharing.link());
+      return {true, sharing.link()};
+    case InstanceRequest::Kind::kAdmit:
+    case InstanceRequest::Kind::kDeny: {
+      bool waiting = false;
+      for (const session::PendingViewer& viewer : sharing.pending_viewers()) {
+        waiting = waiting || viewer.connection_id == request.peer;
+      }
+      if (!waiting) return {false, fmt::format("no viewer {} is waiting to be let in", request.peer)};
+      if (request.kind == InstanceRequest::Kind::kAdmit) {
+        sharing.Admit(request.peer);
+        LOG_INFO("viewer {} let in (asked by a later start)", request.peer);
+        return {true, fmt::format("viewer {} is let in", request.peer)};
+      }
+      sharing.Deny(request.peer);
+      LOG_INFO("viewer {} sent away (asked by a later start)", request.peer);
+      return {true, fmt::format("viewer {} is sent away", request.peer)};
+    }
+  }
+  return {false, "the request was not understood"};
 }
 
 void StartCommandLineShare(DaemonHost& host, const ShareOptions& options) {

@@ -5,6 +5,7 @@
 #include <span>
 
 #include "daemon_host.h"
+#include "instance_request.h"
 #include "mirell/capture/capture_targets.h"
 #include "mirell/session/sharing.h"
 #include "options.h"
@@ -22,7 +23,17 @@ session::ShareTarget ResolveShareTarget(const ShareOptions& options,
 // link on stdout. Throws when the share cannot start.
 void StartCommandLineShare(DaemonHost& host, const ShareOptions& options);
 
-// Without a window to ask, a waiting viewer is logged with the identity it claims, and waits.
-void LogPendingViewers(DaemonHost& host);
+// Without a window to ask, a waiting viewer is logged at warn with the identity it claims and
+// the command that decides about it ("mirell-ui --admit PEER" + `instance_options`, the options
+// that name this instance when it is not the default one), and waits.
+void LogPendingViewers(DaemonHost& host, const std::string& instance_options);
+
+// The options that name this instance to a later start ("--rtsp-port N --pipe ADDRESS", each only
+// when it is not the default), with a blank in front; empty for the default instance.
+std::string InstanceOptions(const StartOptions& start);
+
+// A later start's share or decision, carried out here (interface thread). A show request is the
+// window's to answer and gets "nothing to show" here.
+InstanceReply AnswerInstanceRequest(DaemonHost& host, const InstanceRequest& request);
 
 }  // namespace mirell::ui

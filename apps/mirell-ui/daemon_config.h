@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "deployment.h"
 #include "mirell/daemon/resolve_endpoint.h"
 #include "mirell/session/sharing.h"
 #include "mirell/transport/identity_key.h"
@@ -26,8 +25,10 @@ struct DaemonConfig {
   std::int64_t prime_ms = 500;  // History a new reader gets; nothing changes it.
   std::uint16_t rtsp_port = 8554;
   std::string pipe_name{daemon::kDefaultResolveEndpoint};  // The resolve endpoint.
-  std::string share_prefix{kDefaultSharePrefix};            // Host and path, no scheme.
-  std::string signal_url{kDefaultSignalUrl};
+  // Where shares meet their viewers (see meeting_place.h); both empty until a place is chosen:
+  // a share then reaches nobody, and links of any server still play.
+  std::string share_prefix;  // Host and path of this place's links, no scheme.
+  std::string signal_url;
   // Not 0: this program is the meeting place, serving the signal protocol on this port of every
   // interface (signal_url is then its own loopback address, share_prefix its network address).
   std::uint16_t local_signal_port = 0;

@@ -150,7 +150,9 @@ void DaemonHost::StartMeetingPlace() {
 std::uint16_t DaemonHost::meeting_port() const { return meeting_ ? meeting_->port() : 0; }
 
 daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
-  std::string token = ShareTokenFromUrl(url, config_.share_prefix);
+  // Without a meeting place of its own, every link is another server's.
+  std::string token =
+      config_.share_prefix.empty() ? std::string() : ShareTokenFromUrl(url, config_.share_prefix);
   std::string signal_url = config_.signal_url;
   if (token.empty()) {
     std::optional<ShareLink> link = ParseShareLink(url);

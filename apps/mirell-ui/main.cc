@@ -8,6 +8,7 @@
 #include <QString>
 #include <QMetaObject>
 #include <QTimer>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -20,8 +21,11 @@
 #include "command_line_share.h"
 #include "daemon_host.h"
 #include "instance_key.h"
+#include "instance_request.h"
 #include "log_location.h"
 #include "main_window.h"
+#include "meeting_place.h"
+#include "meeting_place_dialog.h"
 #include "mirell/base/logging.h"
 #include "mirell/base/process_memory.h"
 #include "mirell/base/version.h"
@@ -55,6 +59,37 @@ bool HasScreenForMessages() {
 bool IsSet(const char* name) {
   const char* value = std::getenv(name);
   return value != nullptr && *value != '\0';
+}
+
+// This run's request to the instance already running with its key, and that instance's answer
+// as this run's: the link or what was done on stdout and 0, else the reason on stderr and 1. A
+// show request is posted without waiting for the answer, as before.
+int AskTheRunningInstance(const mirell::ui::CommandLine& line) {
+  using namespace mirell::ui;
+  const InstanceRequest request = RequestOf(line);
+  if (request.kind == InstanceRequest::Kind::kShow) {
+    AskRunningInstance(EncodeRequest(request), std::chrono::milliseconds(500));
+    return 0;
+  }
+  if (!line.share.allow.empty()) {
+    std::fprintf(stderr, "mirell-ui: --allow goes with a share this run starts; the running mirell-ui "
+                         "asks about its viewers itself (--admit and --deny decide)\n");
+    return 2;
+  }
+  // A share starts its capture and encoder before it answers.
+  const std::optional<std::string> answer = AskRunningInstance(EncodeRequest(request), std::chrono::seconds(30));
+  const std::optional<InstanceReply> reply = answer ? DecodeReply(*answer) : std::nullopt;
+  if (!reply) {
+    std::fprintf(stderr, "mirell-ui: the mirell-ui already running with this RTSP port and resolve endpoint "
+                         "did not answer\n");
+    return 1;
+  }
+  if (!reply->ok) {
+    std::fprintf(stderr, "mirell-ui: %s\n", reply->text.c_str());
+    return 1;
+  }
+  std::printf("%s\n", reply->text.c_str());
+  return 0;
 }
 
 // With no display at all (a server, a container) Qt would abort looking for one; the program
@@ -102,14 +137,15 @@ int main(int argc, char** argv) {
   const std::string default_key =
       InstanceKey(DaemonConfig{}.rtsp_port, DaemonConfig{}.pipe_name);
   const ShareOptions& share = line.share;
-  // Another instance with this key runs and has been asked to show itself. A share asked for here
-  // would not happen, and a script waiting for its link must hear so.
-  if (!AcquireSingleInstance(key)) {
-    if (!share.wants_share()) return 0;
+  // Another instance with this key runs: it is asked to show itself, or to do what this command
+  // line asks (a share, a decision about a viewer), and its answer is this run's.
+  if (!AcquireSingleInstance(key)) return AskTheRunningInstance(line);
+  if (line.admit || line.deny) {
     std::fprintf(stderr,
-                 "mirell-ui: could not share: mirell-ui is already running with this RTSP port and "
-                 "resolve endpoint; stop it first, or give this run its own --rtsp-port and --pipe\n");
-    return 1;
+                 "mirell-ui: no mirell-ui is running with this RTSP port and resolve endpoint: --admit "
+                 "and --deny decide about a viewer waiting for a running share (give them its "
+                 "--rtsp-port and --pipe, if it has others)\n");
+    return 2;
   }
 
   const bool without_display = RunWithoutDisplay();
@@ -136,15 +172,36 @@ int main(int argc, char** argv) {
            config.video_kbps, config.audio_kbps, config.mono ? "mono" : "stereo");
   // The command line beats the stored settings.
   ApplyServiceOptions(line, config);
+  NetworkSettings network = LoadNetworkSettings();
+  if (!line.signal_url) {
+    std::string place = network.meeting;
+    if (!place.empty() && !MeetingPlaceError(place).empty()) {
+      LOG_WARN("the stored meeting place \"{}\" is not usable; it is asked for again", place);
+      place.clear();
+    }
+    // The first start asks, once, before the window.
+    if (place.empty() && HasScreenForMessages()) {
+      place = AskMeetingPlace();
+      if (!place.empty()) {
+        network.meeting = place;
+        SaveNetworkSettings(network);
+      }
+    }
+    if (!place.empty()) ApplyMeetingPlace(config, place);
+  }
+  if (config.signal_url.empty()) {
+    LOG_WARN("no meeting place is chosen: shares reach nobody until one is (Network..., or "
+             "--signal URL / --signal local); links of any Mirell server still play");
+    if (share.wants_share()) {
+      std::fprintf(stderr, "mirell-ui: could not share: no meeting place is chosen; give --signal "
+                           "URL (a signal server) or --signal local (this computer)\n");
+      return 2;
+    }
+  } else {
+    LOG_INFO("meeting place {}", config.local_signal_port != 0 ? "this computer" : config.signal_url);
+  }
   const std::string update_url = line.update_url ? *line.update_url : DeriveUpdateUrl(config.signal_url);
   LOG_DEBUG("update check {}", update_url.empty() ? "off" : update_url);
-  // A signal server no connection could use ends the run before anything starts.
-  if (const std::string error = SignalUrlError(config.signal_url); !error.empty()) {
-    LOG_ERROR("{}", error);
-    std::fprintf(stderr, "mirell-ui: %s\n", error.c_str());
-    return 2;
-  }
-  const NetworkSettings network = LoadNetworkSettings();
   config.ice_servers = BuildIceServers(network);
   config.ice_policy = 0;
   LOG_INFO("STUN {}, relay {}", network.stun == "custom" ? network.custom_stun : network.stun,
@@ -199,7 +256,6 @@ int main(int argc, char** argv) {
   if (HasScreenForMessages()) {
     window = std::make_unique<MainWindow>(&host);
     window->show();
-    InstallShowRequestFilter(window.get());
     MainWindow* prompt_target = window.get();
     // Called on a session thread: the prompt runs on the interface thread.
     host.OnViewerPending([prompt_target](session::PendingViewer viewer) {
@@ -217,8 +273,21 @@ int main(int argc, char** argv) {
   } else {
     QObject::connect(&poll_timer, &QTimer::timeout, [&host] { host.Poll(); });
     poll_timer.start(500);
-    LogPendingViewers(host);
+    LogPendingViewers(host, InstanceOptions(start));
   }
+  // Later starts' requests: the window shows itself; shares and decisions are the host's.
+  MainWindow* shown = window.get();
+  ServeInstanceRequests([&host, shown](const std::string& text) {
+    const std::optional<InstanceRequest> request = DecodeRequest(text);
+    if (!request) return EncodeReply({false, "the request was not understood"});
+    if (request->kind == InstanceRequest::Kind::kShow && shown != nullptr) {
+      shown->showNormal();
+      shown->raise();
+      shown->activateWindow();
+      return EncodeReply({true, "shown"});
+    }
+    return EncodeReply(AnswerInstanceRequest(host, *request));
+  });
 
   // Once the window shows; nothing waits for its answer.
   std::optional<UpdateCheck> update_check;

@@ -213,8 +213,9 @@ void MainWindow::Refresh() {
   watching_label_->setText(watching == 0
                                ? tr("Not watching anybody.")
                                : tr("Watching %1 other share(s).").arg(watching));
-  tray_->setToolTip(sharing.active() ? tr("Mirell - sharing %1").arg(Q(sharing.label()))
-                                     : tr("Mirell"));
+  // The tray says where the share meets, as the window does.
+  tray_->setToolTip(sharing.active() ? tr("Mirell - sharing %1\n%2").arg(Q(sharing.label()), signal_label_->text())
+                                     : tr("Mirell\n%1").arg(signal_label_->text()));
 }
 
 void MainWindow::RefreshShare() {
@@ -232,7 +233,7 @@ void MainWindow::RefreshShare() {
                  "play. Check the log."));
     link_edit_->clear();
     sound_label_->clear();
-    signal_label_->clear();
+    signal_label_->setText(IdleMeetingText(MeetingPlace()));
     time_left_label_->clear();
     extend_button_->setEnabled(false);
     return;
@@ -260,10 +261,15 @@ void MainWindow::RefreshShare() {
   }
 }
 
+QString MainWindow::MeetingPlace() const {
+  const DaemonConfig& config = host_->config();
+  return MeetingPlaceName(config.signal_url, config.local_signal_port, config.share_prefix);
+}
+
 void MainWindow::RefreshSignal() {
   const session::Sharing& sharing = host_->sharing();
   const session::SignalState state = sharing.signal_state();
-  const QString server = ServerName(host_->config().signal_url);
+  const QString server = MeetingPlace();
   const std::string reason = sharing.refusal();
   signal_label_->setText(SignalStateText(state, server, reason));
   // Once per share: a refusal is no passing state, and the person may be looking elsewhere.

@@ -71,6 +71,8 @@ class MainWindow : public QMainWindow {
   void RefreshIdentity();
   // The line about the signal server, and the tray's word once when it refused the share.
   void RefreshSignal();
+  // The meeting place as the window names it (MeetingPlaceName).
+  QString MeetingPlace() const;
   void ShowFromTray();
   // Carries out the person's answer about one waiting viewer.
   void Answer(const QString& connection_id, const QString& user_id, const QString& display_name,

@@ -2,7 +2,9 @@
 
 #include <charconv>
 
+#include "lan_address.h"
 #include "mirell/transport/signal_endpoint.h"
+#include "mirell/transport/web_socket.h"
 
 namespace mirell::ui {
 
@@ -19,6 +21,35 @@ std::optional<std::uint16_t> LocalMeetingPort(std::string_view place) {
     return std::nullopt;
   }
   return static_cast<std::uint16_t>(port);
+}
+
+std::string MeetingPlaceError(const std::string& place) {
+  if (transport::IsWebSocketUrl(place) || LocalMeetingPort(place)) return {};
+  return "--signal takes the ws:// or wss:// URL of a signal server (such as "
+         "wss://share.example.org/signal), or local, or local:PORT, not \"" + place + "\"";
+}
+
+void ApplyMeetingPlace(DaemonConfig& config, const std::string& place) {
+  if (const std::optional<std::uint16_t> port = LocalMeetingPort(place)) {
+    UseLocalMeeting(config, *port, LanAddress());
+    return;
+  }
+  config.signal_url = place;
+  config.local_signal_port = 0;
+  // One address points at a whole deployment: its share links live on the same host.
+  config.share_prefix = DeriveSharePrefix(place);
+}
+
+std::string DeriveSharePrefix(const std::string& signal_url) {
+  const auto slashes = signal_url.find("://");
+  if (slashes == std::string::npos) return {};
+  const std::string scheme = signal_url.substr(0, slashes);
+  if (scheme != "ws" && scheme != "wss") return {};
+  const auto authority_start = slashes + 3;
+  const auto authority_end = signal_url.find_first_of("/?#", authority_start);
+  const std::string authority = signal_url.substr(authority_start, authority_end - authority_start);
+  if (authority.empty() || authority.find('@') != std::string::npos) return {};
+  return authority + "/s/";
 }
 
 void UseLocalMeeting(DaemonConfig& config, std::uint16_t port, const std::string& address) {

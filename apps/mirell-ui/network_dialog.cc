@@ -7,6 +7,7 @@
 #include <QLineEdit>
 #include <QVBoxLayout>
 
+#include "meeting_place_chooser.h"
 #include "mirell/transport/stun_choices.h"
 
 namespace mirell::ui {
@@ -27,6 +28,10 @@ NetworkDialog::NetworkDialog(NetworkSettings current, QWidget* parent)
   setWindowTitle(tr("Network"));
   setMinimumWidth(560);
   auto* layout = new QVBoxLayout(this);
+  auto* meeting_heading = new QLabel(tr("<b>Where your viewers meet you</b> (from the next start)"), this);
+  layout->addWidget(meeting_heading);
+  meeting_chooser_ = new MeetingPlaceChooser(settings_.meeting, this);
+  layout->addWidget(meeting_chooser_);
   layout->addWidget(WrappedLabel(
       tr("To reach someone on another network, Mirell needs this computer's public address. A "
          "STUN server tells it. That server sees that you are connecting, and nothing else."),
@@ -96,6 +101,8 @@ void NetworkDialog::ChoiceChanged() {
 }
 
 void NetworkDialog::Accept() {
+  if (!meeting_chooser_->Check().isEmpty()) return;  // Said under the field; the dialog stays.
+  settings_.meeting = meeting_chooser_->place();
   settings_.stun = stun_combo_->currentData().toString().toStdString();
   settings_.custom_stun = custom_stun_edit_->text().trimmed().toStdString();
   settings_.turn_url = turn_url_edit_->text().trimmed().toStdString();

@@ -1,4 +1,4 @@
-// "Network": which STUN server learns of this computer's connections, and the user's own TURN
+// "Network": where shares meet their viewers, which STUN server learns of this computer's connections, and the user's own TURN
 // relay. The texts say what each choice tells whom; the relay password goes to the desktop's
 // secret store when the caller saves.
 #pragma once
@@ -13,6 +13,8 @@ class QLineEdit;
 
 namespace mirell::ui {
 
+class MeetingPlaceChooser;
+
 class NetworkDialog : public QDialog {
   Q_OBJECT
 
@@ -21,6 +23,7 @@ class NetworkDialog : public QDialog {
 
   // The chosen values, after Accept.
   const NetworkSettings& settings() const { return settings_; }
+  MeetingPlaceChooser* meeting_chooser() const { return meeting_chooser_; }
 
  private slots:
   void ChoiceChanged();
@@ -28,6 +31,7 @@ class NetworkDialog : public QDialog {
 
  private:
   NetworkSettings settings_;
+  MeetingPlaceChooser* meeting_chooser_ = nullptr;
   QComboBox* stun_combo_ = nullptr;
   QLabel* stun_note_ = nullptr;
   QLineEdit* custom_stun_edit_ = nullptr;

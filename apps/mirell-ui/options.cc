@@ -1,6 +1,5 @@
 #include "options.h"
 
-#include "lan_address.h"
 #include "meeting_place.h"
 
 #include <cstdio>
@@ -88,11 +87,23 @@ const std::vector<Option>& Table() {
          line.share.admit_everyone = true;
          return {};
        }},
+      {"--admit", "", "PEER", Section::kShare,
+       "let the viewer PEER in, who waits for the share of the mirell-ui already running (give\n"
+       "it that run's --rtsp-port and --pipe, if it has others)",
+       [](CommandLine& line, const std::string& value) -> std::string {
+         line.admit = value;
+         return {};
+       }},
+      {"--deny", "", "PEER", Section::kShare, "send the waiting viewer PEER away, as --admit finds them",
+       [](CommandLine& line, const std::string& value) -> std::string {
+         line.deny = value;
+         return {};
+       }},
       {"--signal", "", "URL", Section::kService,
        "where shares meet their viewers: a signal server (ws:// or wss://), whose host share links "
        "use, or \"local\" (\"local:PORT\") for this computer itself, on port 8443 by default",
        [](CommandLine& line, const std::string& value) -> std::string {
-         if (std::string error = SignalUrlError(value); !error.empty()) return error;
+         if (std::string error = MeetingPlaceError(value); !error.empty()) return error;
          line.signal_url = value;
          return {};
        }},
@@ -209,6 +220,13 @@ CommandLine ParseCommandLine(Arguments arguments, const DaemonConfig& defaults) 
     fail("--share-window and --share-monitor cannot both be given: a share has one target");
   }
   if (line.tools_dir && !line.restore_vrchat) fail("--tools-dir goes with --restore-vrchat");
+  if (line.admit && line.deny) fail("--admit and --deny cannot both be given: one decision at a time");
+  if ((line.admit || line.deny) && line.share.wants_share()) {
+    fail("--admit and --deny decide about a viewer of the running share; they start no share");
+  }
+  if ((line.admit && line.admit->empty()) || (line.deny && line.deny->empty())) {
+    fail("--admit and --deny need the waiting viewer's id, as the log names it");
+  }
   return line;
 }
 
@@ -216,16 +234,7 @@ void ApplyServiceOptions(const CommandLine& line, DaemonConfig& config) {
   config.rtsp_port = line.start.rtsp_port;
   config.pipe_name = line.start.pipe_name;
   if (line.no_stub) config.install_stub = false;
-  if (line.signal_url) {
-    if (const std::optional<std::uint16_t> port = LocalMeetingPort(*line.signal_url)) {
-      UseLocalMeeting(config, *port, LanAddress());
-      return;
-    }
-    config.signal_url = *line.signal_url;
-    // One option points at a whole deployment: its share links live on the same host.
-    const std::string prefix = DeriveSharePrefix(config.signal_url);
-    if (!prefix.empty()) config.share_prefix = prefix;
-  }
+  if (line.signal_url) ApplyMeetingPlace(config, *line.signal_url);
 }
 
 std::vector<std::string> OptionNames() {
@@ -269,24 +278,6 @@ std::string UsageText() {
       "for another port or endpoint; the run before is kept beside it with \".1\" added.\n"
       "SIGINT and SIGTERM end it cleanly.\n";
   return text;
-}
-
-std::string SignalUrlError(const std::string& signal_url) {
-  if (transport::IsWebSocketUrl(signal_url) || LocalMeetingPort(signal_url)) return {};
-  return "--signal takes the ws:// or wss:// URL of a signal server (such as "
-         "wss://share.example.org/signal), or local, or local:PORT, not \"" + signal_url + "\"";
-}
-
-std::string DeriveSharePrefix(const std::string& signal_url) {
-  const auto slashes = signal_url.find("://");
-  if (slashes == std::string::npos) return {};
-  const std::string scheme = signal_url.substr(0, slashes);
-  if (scheme != "ws" && scheme != "wss") return {};
-  const auto authority_start = slashes + 3;
-  const auto authority_end = signal_url.find_first_of("/?#", authority_start);
-  const std::string authority = signal_url.substr(authority_start, authority_end - authority_start);
-  if (authority.empty() || authority.find('@') != std::string::npos) return {};
-  return authority + "/s/";
 }
 
 std::string DeriveUpdateUrl(const std::string& signal_url) {

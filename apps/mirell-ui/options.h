@@ -53,6 +53,9 @@ struct CommandLine {
   bool no_stub = false;
   std::optional<std::string> log_file;  // "--log-file PATH": the log there instead.
   ShareOptions share;
+  // "--admit PEER" / "--deny PEER": a decision about a viewer waiting for the running instance.
+  std::optional<std::string> admit;
+  std::optional<std::string> deny;
   // "--restore-vrchat" with its "--tools-dir".
   bool restore_vrchat = false;
   std::optional<std::string> tools_dir;
@@ -62,8 +65,7 @@ struct CommandLine {
 // Reads every option over the defaults of `defaults` (its port and resolve endpoint).
 CommandLine ParseCommandLine(Arguments arguments, const DaemonConfig& defaults);
 
-// "--signal", "--rtsp-port", "--pipe" and "--no-stub" into `config`; "--signal" also moves the
-// share prefix to the signal server's host (see DeriveSharePrefix).
+// "--signal" (ApplyMeetingPlace), "--rtsp-port", "--pipe" and "--no-stub" into `config`.
 void ApplyServiceOptions(const CommandLine& line, DaemonConfig& config);
 
 // What "mirell-ui --help" prints: every option of the table, grouped as a person looks for them,
@@ -72,16 +74,8 @@ std::string UsageText();
 // The options' names, in the table's order (for the tests that keep README beside the table).
 std::vector<std::string> OptionNames();
 
-// Why the signal server's URL cannot be used ("--signal" given something other than a ws:// or
-// wss:// URL), for the person who typed it; empty when it can.
-std::string SignalUrlError(const std::string& signal_url);
-
 // The update endpoint of a signal server: "https://" + host + "/latest" for a "wss://" URL with
 // a path behind its host; empty (no update check) for anything else.
 std::string DeriveUpdateUrl(const std::string& signal_url);
-
-// The share links of the deployment a signal server belongs to: "ws[s]://host[:port]/..." gives
-// "host[:port]/s/". Empty for a URL of another form (the built-in prefix then stays).
-std::string DeriveSharePrefix(const std::string& signal_url);
 
 }  // namespace mirell::ui

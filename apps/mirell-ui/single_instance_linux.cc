@@ -1,9 +1,11 @@
+#include <QByteArray>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QObject>
 #include <QString>
-#include <QWidget>
+#include <QTimer>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -15,6 +17,7 @@
 #include <cstring>
 #include <system_error>
 
+#include "instance_request.h"
 #include "single_instance.h"
 
 namespace mirell::ui {
@@ -44,21 +47,17 @@ bool IsPrivateDirectory(const std::filesystem::path& directory) {
          (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
 
-// Posted, not awaited: the running instance may be busy, and nobody handles a request sent
-// before its window exists (accepted: the user starts again).
-void SendShowRequest(const std::filesystem::path& socket_path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string path = socket_path.string();
-  if (path.size() >= sizeof(address.sun_path)) return;
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (socket < 0) return;
-  if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
-    const char request = '\n';
-    [[maybe_unused]] const ssize_t sent = ::send(socket, &request, 1, MSG_NOSIGNAL);
+// Waits until `socket` is ready for `events` or `deadline` passes.
+bool WaitFor(int socket, short events, std::chrono::steady_clock::time_point deadline) {
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    pollfd entry{socket, events, 0};
+    const int ready = ::poll(&entry, 1, static_cast<int>(left.count()));
+    if (ready > 0) return true;
+    if (ready < 0 && errno != EINTR) return false;
   }
-  ::close(socket);
 }
 
 }  // namespace
@@ -88,13 +87,42 @@ bool AcquireSingleInstance(const std::string& key) {
     return true;
   }
   ::close(lock);
-  SendShowRequest(ShowSocketPath(directory, key));
   return false;
 }
 
-void InstallShowRequestFilter(QWidget* window) {
+std::optional<std::string> AskRunningInstance(const std::string& request,
+                                              std::chrono::milliseconds limit) {
+  const std::filesystem::path directory = InstanceDirectory();
+  if (directory.empty()) return std::nullopt;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = ShowSocketPath(directory, InstanceKeyOfThisProcess()).string();
+  if (path.size() >= sizeof(address.sun_path)) return std::nullopt;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (socket < 0) return std::nullopt;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  std::optional<std::string> reply;
+  const std::string line = request + "\n";
+  if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+      ::send(socket, line.data(), line.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(line.size())) {
+    std::string received;
+    char buffer[1024];
+    while (received.find('\n') == std::string::npos && received.size() <= kMaxInstanceLine &&
+           WaitFor(socket, POLLIN, deadline)) {
+      const ssize_t got = ::recv(socket, buffer, sizeof buffer, 0);
+      if (got <= 0) break;
+      received.append(buffer, static_cast<std::size_t>(got));
+    }
+    if (const auto end = received.find('\n'); end != std::string::npos) reply = received.substr(0, end);
+  }
+  ::close(socket);
+  return reply;
+}
+
+void ServeInstanceRequests(std::function<std::string(const std::string& request)> answer) {
   static QLocalServer* server = nullptr;  // Installed once, never freed.
-  if (server != nullptr || window == nullptr) return;
+  if (server != nullptr) return;
   const std::filesystem::path directory = InstanceDirectory();
   if (directory.empty()) return;
   const QString path =
@@ -104,14 +132,23 @@ void InstallShowRequestFilter(QWidget* window) {
   server = new QLocalServer;
   server->setSocketOptions(QLocalServer::UserAccessOption);
   if (!server->listen(path)) return;
-  QObject::connect(server, &QLocalServer::newConnection, window, [window] {
+  QObject::connect(server, &QLocalServer::newConnection, server, [answer = std::move(answer)] {
     while (QLocalSocket* connection = server->nextPendingConnection()) {
-      connection->disconnectFromServer();
-      connection->deleteLater();
+      // Nobody holds the interface thread: a request that does not come in time is dropped.
+      QTimer::singleShot(2000, connection, [connection] { connection->abort(); });
+      QObject::connect(connection, &QLocalSocket::disconnected, connection, &QObject::deleteLater);
+      QObject::connect(connection, &QLocalSocket::readyRead, connection, [connection, answer] {
+        if (!connection->canReadLine()) {
+          if (connection->bytesAvailable() > static_cast<qint64>(kMaxInstanceLine)) connection->abort();
+          return;
+        }
+        const QByteArray line = connection->readLine(static_cast<qint64>(kMaxInstanceLine) + 2);
+        const std::string request = line.trimmed().toStdString();
+        const std::string reply = answer(request) + "\n";
+        connection->write(reply.data(), static_cast<qint64>(reply.size()));
+        connection->disconnectFromServer();  // After what was written has gone.
+      });
     }
-    window->showNormal();
-    window->raise();
-    window->activateWindow();
   });
 }
 

@@ -34,9 +34,14 @@ void SetUpViewersTable(QTableWidget& table) {
         Tr("Video sent to this viewer, averaged over a few seconds. Your actual usage is about 3% "
            "higher."));
   }
-  table.horizontalHeader()->setStretchLastSection(true);
-  // Who it is must read whole: the first column takes the width of its longest name.
-  table.horizontalHeader()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
+  // Every column stays in view: the numbers and the state take what they need, who it is takes
+  // the rest, and a name too long for it loses its middle ("(checked)" at the end stays; the
+  // tooltip has it whole).
+  QHeaderView& header = *table.horizontalHeader();
+  header.setStretchLastSection(false);
+  header.setSectionResizeMode(0, QHeaderView::Stretch);
+  for (int column = 1; column < 4; ++column) header.setSectionResizeMode(column, QHeaderView::ResizeToContents);
+  table.setTextElideMode(Qt::ElideMiddle);
   table.verticalHeader()->hide();
   table.setSelectionBehavior(QAbstractItemView::SelectRows);
   table.setSelectionMode(QAbstractItemView::SingleSelection);

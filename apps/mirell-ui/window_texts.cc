@@ -46,6 +46,21 @@ QString ServerName(const std::string& signal_url) {
   return Q(rest.substr(0, rest.find('/')));
 }
 
+QString MeetingPlaceName(const std::string& signal_url, std::uint16_t local_port,
+                         const std::string& share_prefix) {
+  if (signal_url.empty()) return {};
+  if (local_port == 0) return ServerName(signal_url);
+  return Tr("this computer (%1)").arg(Q(share_prefix.substr(0, share_prefix.find('/'))));
+}
+
+QString IdleMeetingText(const QString& place) {
+  if (place.isEmpty()) {
+    return Tr("No meeting place is chosen, so nobody can join a share: choose one in "
+              "Network... (it applies from the next start).");
+  }
+  return Tr("Shares meet at %1.").arg(place);
+}
+
 QString SignalStateText(session::SignalState state, const QString& server, const std::string& reason) {
   switch (state) {
     case session::SignalState::kOff:

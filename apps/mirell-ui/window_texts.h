@@ -23,6 +23,12 @@ QString PeerStateText(transport::PeerState state);
 // The host (and port) of a "ws://" or "wss://" URL, as a person knows the server; the URL itself
 // when it has no such form.
 QString ServerName(const std::string& signal_url);
+// The meeting place as a person knows it: "this computer (192.168.1.20:8443)" when this program
+// is the meeting place, else ServerName of its signal server; empty when none is chosen.
+QString MeetingPlaceName(const std::string& signal_url, std::uint16_t local_port,
+                         const std::string& share_prefix);
+// Where shares meet while nothing is shared: "Shares meet at ...", or how to choose a place.
+QString IdleMeetingText(const QString& place);
 // Where a share stands with its signal server: "Meeting at ...", "Can't reach ... - retrying",
 // "... refused this share: <reason>".
 QString SignalStateText(session::SignalState state, const QString& server, const std::string& reason);

@@ -126,7 +126,8 @@ TEST_F(StubUnderWine, ShareLinkPrintsTheDaemonsAddressFromARunningMirell) {
   ProcessOptions options;
   options.environment["QT_QPA_PLATFORM"] = "offscreen";
   options.environment["HOME"] = home.path().string();
-  mirell::testsupport::ChildProcess ui({MIRELL_UI_BINARY, "--no-stub", "--pipe", "127.0.0.1:" + std::to_string(pipe_port_),
+  // A deployment with nobody behind it: its links resolve at once and their watches play the card.
+  mirell::testsupport::ChildProcess ui({MIRELL_UI_BINARY, "--no-stub", "--signal", "wss://mirell.example/signal", "--pipe", "127.0.0.1:" + std::to_string(pipe_port_),
                                         "--rtsp-port", std::to_string(rtsp_port)},
                                        options);
   ASSERT_TRUE(WaitForPort(pipe_port_));

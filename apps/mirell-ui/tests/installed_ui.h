@@ -14,6 +14,10 @@
 
 namespace mirell::ui {
 
+// A meeting place for process tests that need one but no server behind it: its links resolve as
+// this deployment's, and their watches play the holding card.
+inline constexpr const char* kNobodysSignalUrl = "wss://mirell.example/signal";
+
 // A copy of the executable in a temporary directory. The programs this test starts write their
 // logs under its state folder: XDG_STATE_HOME is set in this process, which they inherit (a test
 // environment may still give another).

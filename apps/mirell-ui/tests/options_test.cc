@@ -110,7 +110,8 @@ TEST(CommandLine, TheSignalUrlMovesTheSharePrefixToItsHost) {
   EXPECT_EQ(plain.share_prefix, "127.0.0.1:8080/s/");
   DaemonConfig untouched;
   ApplyServiceOptions(Parse({}), untouched);
-  EXPECT_EQ(untouched.share_prefix, "mirell.example/s/");
+  EXPECT_EQ(untouched.share_prefix, "") << "no placeholder: nothing is shared until a place is chosen";
+  EXPECT_EQ(untouched.signal_url, "");
   EXPECT_EQ(DeriveSharePrefix("wss://h?x"), "h/s/");
   EXPECT_EQ(DeriveSharePrefix("https://host/signal"), "");
 }
@@ -152,6 +153,17 @@ TEST(CommandLine, ALocalPlaceWithABadPortIsAMistake) {
   EXPECT_EQ(LocalMeetingPort("local:65535"), 65535);
 }
 
+TEST(CommandLine, AdmitAndDenyAreOneDecisionWithoutAShare) {
+  EXPECT_EQ(Parse({"--admit", "c7"}).admit, std::optional<std::string>("c7"));
+  EXPECT_EQ(Parse({"--deny", "c7"}).deny, std::optional<std::string>("c7"));
+  EXPECT_EQ(Parse({"--admit", "c7", "--deny", "c8"}).error,
+            "--admit and --deny cannot both be given: one decision at a time");
+  EXPECT_EQ(Parse({"--admit", "c7", "--share-monitor", "0"}).error,
+            "--admit and --deny decide about a viewer of the running share; they start no share");
+  EXPECT_EQ(Parse({"--deny", ""}).error, "--admit and --deny need the waiting viewer's id, as the log names it");
+  EXPECT_EQ(Parse({"--admit"}).error, "--admit needs a value (PEER)");
+}
+
 TEST(CommandLine, EmptyUpdateUrlIsGiven) {
   const CommandLine line = Parse({"--update-url", ""});
   ASSERT_TRUE(line.update_url.has_value());
@@ -159,19 +171,19 @@ TEST(CommandLine, EmptyUpdateUrlIsGiven) {
 }
 
 TEST(SignalUrl, OnlyAWebSocketUrlWithAHostIsUsable) {
-  EXPECT_EQ(SignalUrlError(DaemonConfig{}.signal_url), "");
-  EXPECT_EQ(SignalUrlError("ws://127.0.0.1:8080/signal"), "");
-  EXPECT_EQ(SignalUrlError("WSS://mirell.example/signal"), "");
+  EXPECT_EQ(MeetingPlaceError("ws://127.0.0.1:8080/signal"), "");
+  EXPECT_EQ(MeetingPlaceError("WSS://mirell.example/signal"), "");
   for (const char* url : {"", "https://mirell.example/signal", "ftp://x", "wss://", "ws://host:0/signal",
                           "ws://user@host/signal", "--debug-log", "mirell.example/signal"}) {
-    const std::string error = SignalUrlError(url);
+    const std::string error = MeetingPlaceError(url);
     EXPECT_NE(error.find("ws:// or wss://"), std::string::npos) << url;
     EXPECT_NE(error.find(std::string("\"") + url + "\""), std::string::npos) << error;
   }
 }
 
 TEST(UpdateUrl, DerivedFromTheSecureSignalUrl) {
-  EXPECT_EQ(DeriveUpdateUrl(DaemonConfig{}.signal_url), "https://mirell.example/latest");
+  EXPECT_EQ(DeriveUpdateUrl(DaemonConfig{}.signal_url), "") << "no meeting place, no update check";
+  EXPECT_EQ(DeriveUpdateUrl("wss://mirell.example/signal"), "https://mirell.example/latest");
   EXPECT_EQ(DeriveUpdateUrl("wss://host.example:8443/signal/x"), "https://host.example:8443/latest");
 }
 

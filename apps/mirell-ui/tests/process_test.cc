@@ -51,7 +51,7 @@ class UiProcess : public ::testing::Test {
     rtsp_port_ = testsupport::FreeLoopbackPort();
     pipe_ = "127.0.0.1:" + std::to_string(pipe_port_);
     process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+        std::vector<std::string>{ui_.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe_, "--rtsp-port",
                                  std::to_string(rtsp_port_)},
         Headless(home_.path()));
     ASSERT_TRUE(ui_.WaitForLog(rtsp_port_, pipe_, "listening " + pipe_))
@@ -149,7 +149,7 @@ TEST_F(UiProcess, StartsAgainAtOnceOnTheSamePortsAfterStopOrKill) {
     process_->Wait(20s);
     ui_.ForgetLog(rtsp_port_, pipe_);
     process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+        std::vector<std::string>{ui_.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe_, "--rtsp-port",
                                  std::to_string(rtsp_port_)},
         Headless(home_.path()));
     ASSERT_TRUE(ui_.WaitForLog(rtsp_port_, pipe_, "listening " + pipe_))
@@ -165,7 +165,7 @@ TEST(UiSignalOption, LinksOfTheConfiguredHostResolveAndTheBuiltInOnesPass) {
   const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
   const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
   const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
-  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port),
+  ChildProcess process({ui.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port),
                         "--signal", "ws://127.0.0.1:8080/signal"},
                        Headless(home.path()));
   ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "listening " + pipe)) << ui.Log(rtsp_port, pipe);
@@ -205,7 +205,7 @@ std::size_t CountOf(const std::string& text, const std::string& part) {
 TEST_F(UiProcess, ASecondStartWithTheSameOptionsExitsAtOnceAndLeavesTheLogAlone) {
   const std::string log_before = ui_.Log(rtsp_port_, pipe_);
   const auto second = testsupport::RunProcess(
-      {ui_.binary().string(), "--pipe", pipe_, "--rtsp-port", std::to_string(rtsp_port_)},
+      {ui_.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe_, "--rtsp-port", std::to_string(rtsp_port_)},
       [&] {
         auto options = Headless(home_.path());
         options.timeout = 10s;
@@ -220,20 +220,33 @@ TEST_F(UiProcess, ASecondStartWithTheSameOptionsExitsAtOnceAndLeavesTheLogAlone)
   EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://example.com/\n"), "PASS\n");
 }
 
-// A script that asks a second start for a share hears that none was made, and why, instead of
-// a quiet exit 0 with no link; a command line that cannot be followed is named as it would be
-// without the running instance.
-TEST_F(UiProcess, AShareAskedOfASecondStartIsRefusedWithTheReason) {
+// A second start's share is the running instance's to make: its answer is the second start's,
+// here the reason it could not (no display, no monitor), with exit code 1. A command line that
+// cannot be followed is named as it would be without the running instance.
+TEST_F(UiProcess, AShareAskedOfASecondStartIsTheRunningInstancesAndItsReasonIsTold) {
   auto options = Headless(home_.path());
-  options.timeout = 10s;
-  const auto second = testsupport::RunProcess({ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+  options.timeout = 40s;
+  const auto second = testsupport::RunProcess({ui_.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe_, "--rtsp-port",
                                                std::to_string(rtsp_port_), "--share-monitor", "0"},
                                               options);
   EXPECT_FALSE(second.timed_out);
   EXPECT_EQ(second.exit_code, 1) << second.err;
-  EXPECT_NE(second.err.find("could not share: mirell-ui is already running"), std::string::npos) << second.err;
+  EXPECT_EQ(second.err, "mirell-ui: there is no monitor 0: this display has 0 (0 is the first)\n");
   EXPECT_EQ(second.out, "");
-  const auto bad = testsupport::RunProcess({ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+  EXPECT_TRUE(ui_.WaitForLog(rtsp_port_, pipe_, "a later start's share failed: there is no monitor 0"))
+      << ui_.Log(rtsp_port_, pipe_);
+  // Nobody waits for this instance's share: a decision about a viewer is answered so.
+  const auto admit = testsupport::RunProcess({ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+                                              std::to_string(rtsp_port_), "--admit", "c42"},
+                                             options);
+  EXPECT_EQ(admit.exit_code, 1) << admit.err;
+  EXPECT_EQ(admit.err, "mirell-ui: no viewer c42 is waiting to be let in\n");
+  const auto allow = testsupport::RunProcess({ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+                                              std::to_string(rtsp_port_), "--share-monitor", "0", "--allow",
+                                              "usr_00000000-0000-0000-0000-000000000000"},
+                                             options);
+  EXPECT_EQ(allow.exit_code, 2) << allow.err;
+  const auto bad = testsupport::RunProcess({ui_.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe_, "--rtsp-port",
                                             std::to_string(rtsp_port_), "--share-monitor", "first"},
                                            options);
   EXPECT_EQ(bad.exit_code, 2) << bad.err;
@@ -246,7 +259,7 @@ TEST_F(UiProcess, AnotherPortOrEndpointRunsBesideIt) {
   const std::uint16_t other_rtsp = testsupport::FreeLoopbackPort();
   const std::uint16_t other_pipe_port = testsupport::FreeLoopbackPort();
   const std::string other_pipe = "127.0.0.1:" + std::to_string(other_pipe_port);
-  ChildProcess other({ui_.binary().string(), "--pipe", other_pipe, "--rtsp-port",
+  ChildProcess other({ui_.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", other_pipe, "--rtsp-port",
                       std::to_string(other_rtsp)},
                      Headless(home_.path()));
   ASSERT_TRUE(ui_.WaitForLog(other_rtsp, other_pipe, "listening " + other_pipe))
@@ -261,7 +274,7 @@ TEST_F(UiProcess, AKilledInstanceLeavesNoLockBehind) {
   process_->Signal(SIGKILL);
   process_->Wait(10s);
   ui_.ForgetLog(rtsp_port_, pipe_);
-  ChildProcess again({ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+  ChildProcess again({ui_.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe_, "--rtsp-port",
                       std::to_string(rtsp_port_)},
                      Headless(home_.path()));
   EXPECT_TRUE(ui_.WaitForLog(rtsp_port_, pipe_, "listening " + pipe_)) << ui_.Log(rtsp_port_, pipe_);
@@ -279,7 +292,7 @@ TEST(UiQualitySettings, StoredValuesAreReadAtStartAndSanitised) {
       << "[quality]\nwidth=1920\nheight=1080\nfps=5\nvideoKbps=10000\naudioKbps=112\nmono=true\n";
   const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
   const std::string pipe = "127.0.0.1:" + std::to_string(testsupport::FreeLoopbackPort());
-  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)},
+  ChildProcess process({ui.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)},
                        Headless(home.path()));
   ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "listening " + pipe)) << ui.Log(rtsp_port, pipe);
   const std::string log = ui.Log(rtsp_port, pipe);
@@ -300,7 +313,7 @@ TEST(UiNoDisplay, StartsWithoutAWindowAndServesResolves) {
   options.environment["QT_QPA_PLATFORM"] = std::nullopt;
   options.environment["DISPLAY"] = std::nullopt;
   options.environment["WAYLAND_DISPLAY"] = std::nullopt;
-  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port",
+  ChildProcess process({ui.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe, "--rtsp-port",
                         std::to_string(rtsp_port)},
                        options);
   ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "listening " + pipe)) << ui.Log(rtsp_port, pipe);
@@ -362,7 +375,7 @@ TEST(UiSingleInstance, ASecondStartShowsTheHiddenWindowOfTheFirst) {
   testsupport::ProcessOptions options = Headless(home.path());
   options.environment["QT_QPA_PLATFORM"] = "xcb";
   options.environment["DISPLAY"] = display.name();
-  const std::vector<std::string> command{ui.binary().string(), "--pipe", pipe, "--rtsp-port",
+  const std::vector<std::string> command{ui.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe, "--rtsp-port",
                                          std::to_string(rtsp_port), "--no-stub"};
   ChildProcess first(command, options);
   ASSERT_TRUE(WaitForVisibility(display.name(), "^Mirell$", true)) << ui.Log(rtsp_port, pipe);
@@ -393,7 +406,7 @@ TEST(UiRtspPort, PortZeroIsAnsweredWithThePortBound) {
   InstalledUi ui;
   const std::uint16_t pipe_port = testsupport::FreeLoopbackPort();
   const std::string pipe = "127.0.0.1:" + std::to_string(pipe_port);
-  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port", "0"},
+  ChildProcess process({ui.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe, "--rtsp-port", "0"},
                        Headless(home.path()));
   ASSERT_TRUE(ui.WaitForLog(0, pipe, "listening " + pipe)) << ui.Log(0, pipe);
   const std::string answer =
@@ -435,7 +448,7 @@ TEST(UiStartFailure, WithoutAScreenTheFailureIsLoggedAndTheProcessExits) {
     options.environment["QT_QPA_PLATFORM"] = platform;
     options.timeout = 20s;
     const auto result = testsupport::RunProcess(
-        {ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)}, options);
+        {ui.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)}, options);
     EXPECT_FALSE(result.timed_out) << platform;
     EXPECT_EQ(result.exit_code, 1) << platform << "\n" << result.err;
     const std::string log = ui.Log(rtsp_port, pipe);
@@ -482,7 +495,7 @@ TEST(UiStartFailure, TakenEndpointShowsTheBoxAndExitsWithOne) {
   options.environment["DISPLAY"] = display.name();
   options.environment["QT_QPA_PLATFORM"] = "xcb";
   options.environment["MIRELL_LOG"] = "debug";
-  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port",
+  ChildProcess process({ui.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe, "--rtsp-port",
                         std::to_string(rtsp_port)},
                        options);
 
@@ -528,7 +541,7 @@ class UiStub : public ::testing::Test {
 };
 
 TEST_F(UiStub, InstalledAtStartAndRestoredAtExit) {
-  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)},
+  ChildProcess process({ui.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)},
                        Headless(home.path()));
   ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "installed the stub into " + tools.string()))
       << ui.Log(rtsp_port, pipe);
@@ -550,7 +563,7 @@ TEST_F(UiStub, InstalledAtStartAndRestoredAtExit) {
 // directory, which even root cannot write over): the failure is logged, the process still ends
 // normally, the marker stays, and the next start restores.
 TEST_F(UiStub, ARestoreThatFailsAtExitIsLoggedAndTheNextStartRecovers) {
-  const std::vector<std::string> argv{ui.binary().string(), "--pipe", pipe, "--rtsp-port",
+  const std::vector<std::string> argv{ui.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe, "--rtsp-port",
                                       std::to_string(rtsp_port)};
   {
     ChildProcess process(argv, Headless(home.path()));
@@ -582,7 +595,7 @@ TEST_F(UiStub, ARestoreThatFailsAtExitIsLoggedAndTheNextStartRecovers) {
 }
 
 TEST_F(UiStub, NoStubLeavesVrchatAloneAndStillServes) {
-  ChildProcess process({ui.binary().string(), "--no-stub", "--pipe", pipe, "--rtsp-port",
+  ChildProcess process({ui.binary().string(), "--no-stub", "--signal", kNobodysSignalUrl, "--pipe", pipe, "--rtsp-port",
                         std::to_string(rtsp_port)},
                        Headless(home.path()));
   ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "listening " + pipe));
@@ -666,6 +679,42 @@ TEST(UiOptions, AMistakeStartsNothingAndEndsWithExitCode2) {
   EXPECT_FALSE(std::filesystem::exists(tools / "mirell-stub.state"));
 }
 
+// A decision about a viewer is the running instance's: with none running, nothing starts.
+TEST(UiOptions, AdmitWithoutARunningInstanceEndsWithExitCode2) {
+  testsupport::TempDir home;
+  InstalledUi ui;
+  const std::string pipe = "127.0.0.1:" + std::to_string(testsupport::FreeLoopbackPort());
+  auto options = Headless(home.path());
+  options.timeout = 20s;
+  const auto result = testsupport::RunProcess(
+      {ui.binary().string(), "--pipe", pipe, "--rtsp-port", "0", "--admit", "c1"}, options);
+  EXPECT_EQ(result.exit_code, 2) << result.err;
+  EXPECT_TRUE(result.err.starts_with("mirell-ui: no mirell-ui is running with this RTSP port and resolve endpoint: "
+                                     "--admit and --deny decide"))
+      << result.err;
+  EXPECT_FALSE(std::filesystem::exists(ui.LogDirectory())) << "a log was written";
+}
+
+// No meeting place, and no screen to ask on: a share asked for on the command line could reach
+// nobody, so nothing starts and the sentence says how to give one.
+TEST(UiOptions, AShareWithoutAMeetingPlaceEndsWithExitCode2AndTheWayToGiveOne) {
+  testsupport::TempDir home;
+  InstalledUi ui;
+  const std::string pipe = "127.0.0.1:" + std::to_string(testsupport::FreeLoopbackPort());
+  auto options = Headless(home.path());
+  options.timeout = 30s;
+  const auto result = testsupport::RunProcess(
+      {ui.binary().string(), "--pipe", pipe, "--rtsp-port", "0", "--no-stub", "--share-monitor", "0"}, options);
+  EXPECT_FALSE(result.timed_out);
+  EXPECT_EQ(result.exit_code, 2) << result.err;
+  EXPECT_TRUE(result.err.ends_with(
+      "\nmirell-ui: could not share: no meeting place is chosen; give --signal URL (a signal server) "
+      "or --signal local (this computer)\n"))
+      << result.err;
+  EXPECT_EQ(ui.Log(0, pipe).find("listening"), std::string::npos) << "it started its services";
+  EXPECT_EQ(result.out, "") << "no link";
+}
+
 // The log is where the desktop keeps state (~/.local/state/mirell without XDG_STATE_HOME), never
 // beside the program, and the run before stays beside it: a crash's log survives the restart.
 TEST(UiLog, TheLogIsKeptWithTheStateAndTheRunBeforeStaysBesideIt) {
@@ -680,7 +729,7 @@ TEST(UiLog, TheLogIsKeptWithTheStateAndTheRunBeforeStaysBesideIt) {
   // Runs until its log at `path` says it listens (a finished run's log, which ends with its stop,
   // does not count), then stops it.
   const auto run = [&](const std::vector<std::string>& extra, const std::filesystem::path& path) {
-    std::vector<std::string> argv{ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)};
+    std::vector<std::string> argv{ui.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)};
     argv.insert(argv.end(), extra.begin(), extra.end());
     ChildProcess process(argv, options);
     EXPECT_TRUE(Eventually([&] {

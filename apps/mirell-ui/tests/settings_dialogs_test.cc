@@ -7,7 +7,9 @@
 #include <QDesktopServices>
 #include <QDialogButtonBox>
 #include <QLineEdit>
+#include <QLabel>
 #include <QMainWindow>
+#include <QRadioButton>
 #include <QMessageBox>
 #include <QSettings>
 #include <QTimer>
@@ -16,6 +18,8 @@
 #include <thread>
 
 #include "mirell/testsupport/https_test_server.h"
+#include "meeting_place_chooser.h"
+#include "meeting_place_dialog.h"
 #include "network_dialog.h"
 #include "qt_test_application.h"
 #include "update_prompt.h"
@@ -77,8 +81,8 @@ TEST(NetworkDialogTest, TheChoicesTheirNotesAndTheWordsAboutWhoLearnsWhat) {
     EXPECT_EQ(parts.combo->itemData(i).toString(), ids[i]);
   }
   EXPECT_EQ(parts.combo->currentIndex(), 0);
-  EXPECT_EQ(LabelStartingWith(dialog, "Already involved"),
-            "Already involved: Mirell's links and signalling go through Cloudflare.");
+  EXPECT_EQ(LabelStartingWith(dialog, "The default."),
+            "The default. Tells Cloudflare when you start a connection, and nothing else.");
   EXPECT_FALSE(parts.custom->isEnabled());
   EXPECT_TRUE(parts.custom->placeholderText().endsWith(":3478"));
   EXPECT_TRUE(parts.turn_url->placeholderText().endsWith(":3478"));
@@ -108,17 +112,17 @@ TEST(NetworkDialogTest, TheChoicesTheirNotesAndTheWordsAboutWhoLearnsWhat) {
 
 TEST(NetworkDialogTest, TheStoredChoiceIsSelectedAndAnUnknownOneShowsTheFirst) {
   TestApplication();
-  NetworkDialog none(NetworkSettings{"none", "", "", "", ""});
+  NetworkDialog none(NetworkSettings{"", "none", "", "", "", ""});
   EXPECT_EQ(PartsOf(none).combo->currentData().toString(), "none");
   EXPECT_EQ(LabelStartingWith(none, "Contacts nothing"),
             "Contacts nothing. Works on a LAN, won't connect between two homes.");
-  NetworkDialog unknown(NetworkSettings{"opendns", "", "", "", ""});
+  NetworkDialog unknown(NetworkSettings{"", "opendns", "", "", "", ""});
   EXPECT_EQ(PartsOf(unknown).combo->currentIndex(), 0);
 }
 
 TEST(NetworkDialogTest, LeavingCustomDisablesTheAddressButKeepsAndSavesIt) {
   TestApplication();
-  NetworkDialog dialog(NetworkSettings{"custom", "stun:mine.example:3478", "", "", ""});
+  NetworkDialog dialog(NetworkSettings{"", "custom", "stun:mine.example:3478", "", "", ""});
   const DialogParts parts = PartsOf(dialog);
   EXPECT_TRUE(parts.custom->isEnabled());
   EXPECT_EQ(parts.custom->text(), "stun:mine.example:3478");
@@ -156,11 +160,93 @@ TEST(NetworkDialogTest, AddressesAreTrimmedButNameAndPasswordKeepTheirBlanks) {
 
 TEST(NetworkDialogTest, AStoredPasswordIsShownHiddenAndAnEmptyOneAsAnEmptyField) {
   TestApplication();
-  NetworkDialog with(NetworkSettings{"none", "", "turn:r.example", "bob", "hunter2"});
+  NetworkDialog with(NetworkSettings{"", "none", "", "turn:r.example", "bob", "hunter2"});
   EXPECT_EQ(PartsOf(with).password->text(), "hunter2");
   EXPECT_EQ(PartsOf(with).password->echoMode(), QLineEdit::Password);
-  NetworkDialog without(NetworkSettings{"none", "", "turn:r.example", "bob", ""});
+  NetworkDialog without(NetworkSettings{"", "none", "", "turn:r.example", "bob", ""});
   EXPECT_TRUE(PartsOf(without).password->text().isEmpty());
+}
+
+// The words under each choice, as one text.
+QString TextsOf(const QWidget& widget) {
+  QString all;
+  for (const QLabel* label : widget.findChildren<QLabel*>()) all += label->text() + "\n";
+  return all;
+}
+
+// The first start's question: this computer is offered first, and each choice says what it means.
+TEST(MeetingPlaceTest, TheFirstStartOffersThisComputerAndSaysWhatEachChoiceMeans) {
+  TestApplication();
+  MeetingPlaceDialog dialog;
+  EXPECT_EQ(dialog.windowTitle(), "Where do your friends meet you?");
+  MeetingPlaceChooser& chooser = *dialog.chooser();
+  EXPECT_TRUE(chooser.local_button()->isChecked());
+  EXPECT_EQ(chooser.place(), "local");
+  const QString texts = TextsOf(dialog);
+  EXPECT_TRUE(texts.contains("on port 8443")) << texts.toStdString();
+  EXPECT_TRUE(texts.contains("forward port 8443 on your router")) << texts.toStdString();
+  EXPECT_TRUE(texts.contains("not encrypted")) << texts.toStdString();
+  EXPECT_TRUE(texts.contains("wss://share.example.org/signal")) << texts.toStdString();
+  dialog.show();
+  SaveScreenshot(dialog, "meeting-place-dialog");
+  ASSERT_NE(ButtonNamed(dialog, "Continue"), nullptr);
+  ButtonNamed(dialog, "Continue")->click();
+  EXPECT_EQ(dialog.result(), QDialog::Accepted);
+  EXPECT_EQ(dialog.place(), "local");
+}
+
+TEST(MeetingPlaceTest, ATypedServerIsChosenAndABadAddressKeepsTheDialogOpenWithTheReason) {
+  TestApplication();
+  MeetingPlaceDialog dialog;
+  dialog.show();
+  MeetingPlaceChooser& chooser = *dialog.chooser();
+  chooser.server_button()->setChecked(true);
+  ButtonNamed(dialog, "Continue")->click();
+  EXPECT_NE(dialog.result(), QDialog::Accepted) << "nothing typed";
+  EXPECT_TRUE(TextsOf(dialog).contains("Type the signal server's address"));
+  chooser.server_edit()->setText("https://share.example.org/signal");
+  ButtonNamed(dialog, "Continue")->click();
+  EXPECT_NE(dialog.result(), QDialog::Accepted);
+  EXPECT_TRUE(TextsOf(dialog).contains("is not a signal server's address")) << TextsOf(dialog).toStdString();
+  SaveScreenshot(dialog, "meeting-place-dialog-bad-address");
+  chooser.server_edit()->setText("  wss://share.example.org/signal ");
+  ButtonNamed(dialog, "Continue")->click();
+  EXPECT_EQ(dialog.result(), QDialog::Accepted);
+  EXPECT_EQ(dialog.place(), "wss://share.example.org/signal");
+}
+
+TEST(MeetingPlaceTest, PuttingItOffChoosesNothing) {
+  TestApplication();
+  WhenModalOpens([](QWidget& modal) { ButtonNamed(modal, "Not now")->click(); });
+  EXPECT_EQ(AskMeetingPlace(), "");
+}
+
+TEST(MeetingPlaceTest, NetworkShowsTheStoredPlaceAndSavesTheOneChosen) {
+  TestApplication();
+  NetworkSettings local_port;
+  local_port.meeting = "local:9443";
+  NetworkDialog kept(local_port);
+  EXPECT_TRUE(kept.meeting_chooser()->local_button()->isChecked());
+  EXPECT_TRUE(TextsOf(kept).contains("on port 9443"));
+  Save(kept);
+  EXPECT_EQ(kept.settings().meeting, "local:9443");
+
+  NetworkSettings server;
+  server.meeting = "wss://a.example/signal";
+  NetworkDialog changed(server);
+  EXPECT_TRUE(changed.meeting_chooser()->server_button()->isChecked());
+  EXPECT_EQ(changed.meeting_chooser()->server_edit()->text(), "wss://a.example/signal");
+  changed.show();
+  SaveScreenshot(changed, "network-dialog-meeting-place");
+  changed.meeting_chooser()->local_button()->setChecked(true);
+  Save(changed);
+  EXPECT_EQ(changed.settings().meeting, "local");
+
+  NetworkDialog bad(server);
+  bad.meeting_chooser()->server_edit()->setText("share.example.org");
+  Save(bad);
+  EXPECT_NE(bad.result(), QDialog::Accepted);
+  EXPECT_EQ(bad.settings().meeting, "wss://a.example/signal") << "nothing saved";
 }
 
 class UpdatePromptTest : public ::testing::Test {

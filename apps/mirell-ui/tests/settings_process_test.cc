@@ -29,7 +29,7 @@ class SettingsRun {
     std::ofstream(home_.path() / ".config/Mirell/Mirell.conf") << settings;
     testsupport::ProcessOptions headless = Headless(home_.path());
     for (auto& [name, value] : options.environment) headless.environment[name] = value;
-    std::vector<std::string> argv{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+    std::vector<std::string> argv{ui_.binary().string(), "--signal", kNobodysSignalUrl, "--pipe", pipe_, "--rtsp-port",
                                   std::to_string(rtsp_port_)};
     argv.insert(argv.end(), extra.begin(), extra.end());
     started_ = std::chrono::steady_clock::now();

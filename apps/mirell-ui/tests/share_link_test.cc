@@ -116,6 +116,7 @@ TEST(DaemonHostResolve, ShareLinkGetsTheLoopbackAddressAndOthersPass) {
   config.rtsp_port = testsupport::FreeLoopbackPort();
   config.pipe_name = "127.0.0.1:0";
   config.install_stub = false;
+  config.share_prefix = std::string(kPrefix);
   DaemonHost host(config);
   host.Start();
   const auto ours = host.Resolve("https://mirell.example/s/7QK2M0Z5XH3B?t=1");
@@ -134,6 +135,7 @@ TEST(DaemonHostResolve, TheConfiguredSignalHostsLinksAreOursAndTheDefaultOnesAre
   config.rtsp_port = testsupport::FreeLoopbackPort();
   config.pipe_name = "127.0.0.1:0";
   config.install_stub = false;
+  config.share_prefix = std::string(kPrefix);
   const char* arguments[] = {"--signal", "wss://share.example.net:8443/signal"};
   const CommandLine line = ParseCommandLine(Arguments(arguments, 2), config);
   ASSERT_EQ(line.error, "");
@@ -154,6 +156,7 @@ TEST(DaemonHostResolve, AShareLinkGetsAWatchAndAnOwnShareIsServedFromItsOwnStrea
   config.rtsp_port = testsupport::FreeLoopbackPort();
   config.pipe_name = "127.0.0.1:0";
   config.install_stub = false;
+  config.share_prefix = std::string(kPrefix);
   config.signal_url = "ws://127.0.0.1:9/signal";  // Nobody listens: the watch plays the card.
   DaemonHost host(config);
   host.Start();
@@ -186,6 +189,7 @@ TEST(DaemonHostResolve, ALinkBeyondTheMostWatchedAtOnceIsAnsweredWithTheReason) 
   config.rtsp_port = testsupport::FreeLoopbackPort();
   config.pipe_name = "127.0.0.1:0";
   config.install_stub = false;
+  config.share_prefix = std::string(kPrefix);
   config.signal_url = "ws://127.0.0.1:9/signal";  // Nobody listens: each watch plays the card.
   DaemonHost host(config);
   host.Start();
@@ -208,6 +212,7 @@ class ForeignLinkTest : public ::testing::Test {
     config_.rtsp_port = testsupport::FreeLoopbackPort();
     config_.pipe_name = "127.0.0.1:0";
     config_.install_stub = false;
+    config_.share_prefix = std::string(kPrefix);
     config_.signal_url = "ws://127.0.0.1:9/signal";  // The viewer's own server: nobody there.
     host_.emplace(config_);
     host_->Start();
@@ -300,6 +305,7 @@ TEST(DaemonHostMeeting, ThisComputerServesTheSignalProtocolOnItsNetworkAddress) 
   config.rtsp_port = testsupport::FreeLoopbackPort();
   config.pipe_name = "127.0.0.1:0";
   config.install_stub = false;
+  config.share_prefix = std::string(kPrefix);
   const std::uint16_t port = testsupport::FreeLoopbackPort();
   UseLocalMeeting(config, port, LanAddress());
   DaemonHost host(config);
@@ -320,6 +326,7 @@ TEST(DaemonHostMeeting, ATakenPortEndsTheStartWithTheReasonAndTheWayOut) {
   config.rtsp_port = testsupport::FreeLoopbackPort();
   config.pipe_name = "127.0.0.1:0";
   config.install_stub = false;
+  config.share_prefix = std::string(kPrefix);
   UseLocalMeeting(config, taken.port(), "127.0.0.1");
   DaemonHost host(config);
   try {
@@ -352,6 +359,7 @@ TEST(DaemonHostLifecycle, StopTwiceAndStopWithoutStartDoNothing) {
   config.pipe_name = "127.0.0.1:0";
   config.rtsp_port = testsupport::FreeLoopbackPort();
   config.install_stub = false;
+  config.share_prefix = std::string(kPrefix);
   DaemonHost never_started(config);
   never_started.Stop();
   EXPECT_EQ(never_started.resolve_endpoint(), "");

@@ -390,6 +390,82 @@ TEST_F(SharingAcrossProcesses, AListedFriendsComputerGetsInAtOnceAndTheirIdElsew
   EXPECT_FALSE(claimer.offered());
 }
 
+// The waiting viewers of a share without a window are logged with the commands that decide about
+// them, and those commands, run as a later start, decide in the running instance.
+TEST_F(SharingAcrossProcesses, AWaitingViewerIsLoggedWithTheCommandsThatLetThemInOrSendThemAway) {
+  StartDisplay(1280, 720);
+  auto window = OpenWindow({"--title", "Asked Door", "--size", "320x180"}, 0);
+  const std::string link = StartHost({"--share-window", "Asked Door"});
+  ASSERT_TRUE(HostLogged("hosting")) << HostLog();
+  Joiner first(SignalUrl(), TokenOf(link), kFriend);
+  Joiner second(SignalUrl(), TokenOf(link), kStranger);
+  // "viewer PEER waits ... Let them in with: mirell-ui --admit PEER --rtsp-port N --pipe P; ..."
+  const std::string instance =
+      " --rtsp-port " + std::to_string(host_.rtsp_port) + " --pipe " + host_.pipe;
+  const auto peer_of = [&](const std::string& user) {
+    std::smatch match;
+    const std::string log = HostLog();
+    const std::regex line("warn .*viewer (\\S+) waits to be let in; says it is " + user +
+                          " .*Let them in with: mirell-ui --admit (\\S+)" + instance +
+                          "; send them away with: mirell-ui --deny (\\S+)" + instance);
+    if (!std::regex_search(log, match, line) || match[1] != match[2] || match[1] != match[3]) return std::string();
+    return match[1].str();
+  };
+  std::string first_peer, second_peer;
+  ASSERT_TRUE(Eventually([&] { return !(first_peer = peer_of(kFriend)).empty(); }, 20s)) << HostLog();
+  ASSERT_TRUE(Eventually([&] { return !(second_peer = peer_of(kStranger)).empty(); }, 20s)) << HostLog();
+
+  testsupport::ProcessOptions options = UiEnvironment();
+  options.timeout = 30s;
+  const auto decide = [&](const char* option, const std::string& peer) {
+    return testsupport::RunProcess({ui_.binary().string(), "--pipe", host_.pipe, "--rtsp-port",
+                                    std::to_string(host_.rtsp_port), option, peer},
+                                   options);
+  };
+  const auto admitted = decide("--admit", first_peer);
+  EXPECT_EQ(admitted.exit_code, 0) << admitted.err;
+  EXPECT_EQ(admitted.out, "viewer " + first_peer + " is let in\n");
+  EXPECT_TRUE(Eventually([&] { return first.offered(); }, 20s)) << HostLog();
+  const auto denied = decide("--deny", second_peer);
+  EXPECT_EQ(denied.exit_code, 0) << denied.err;
+  EXPECT_EQ(denied.out, "viewer " + second_peer + " is sent away\n");
+  const auto again = decide("--admit", second_peer);
+  EXPECT_EQ(again.exit_code, 1);
+  EXPECT_EQ(again.err, "mirell-ui: no viewer " + second_peer + " is waiting to be let in\n");
+  std::this_thread::sleep_for(1s);
+  EXPECT_FALSE(second.offered());
+}
+
+// A Mirell already runs without a share; a second start with the same ports asks it for one and
+// prints the link it got, which plays.
+TEST_F(SharingAcrossProcesses, ASecondStartHandsItsShareToTheRunningInstanceAndPrintsTheLink) {
+  StartDisplay(1280, 720);
+  auto window = OpenWindow({"--title", "Moving Demo", "--size", "640x360", "--color", "FF0000", "--color2",
+                            "0000FF", "--alternate-ms", "400"},
+                           660);
+  host_.process = std::make_unique<ChildProcess>(
+      std::vector<std::string>{ui_.binary().string(), "--signal", SignalUrl(), "--pipe", host_.pipe,
+                               "--rtsp-port", std::to_string(host_.rtsp_port), "--no-stub"},
+      UiEnvironment());
+  ASSERT_TRUE(HostLogged("listening " + host_.pipe)) << HostLog();
+  testsupport::ProcessOptions options = UiEnvironment();
+  options.timeout = 40s;
+  const auto second = testsupport::RunProcess({ui_.binary().string(), "--pipe", host_.pipe, "--rtsp-port",
+                                               std::to_string(host_.rtsp_port), "--share-window", "moving demo",
+                                               "--admit-everyone"},
+                                              options);
+  EXPECT_EQ(second.exit_code, 0) << second.err;
+  ASSERT_TRUE(std::regex_match(second.out, std::regex("http://127\\.0\\.0\\.1:" + std::to_string(signal_port_) +
+                                                      "/s/[0-9A-Z]{12}\n")))
+      << second.out << second.err;
+  const std::string link = second.out.substr(0, second.out.size() - 1);
+  EXPECT_TRUE(HostLogged("share link " + link + " (asked by a later start)")) << HostLog();
+  StartViewer();
+  auto player = Play(Resolve(link), 4);
+  const Recording recording = Finish(*player);
+  EXPECT_GT(recording.pictures.size(), 60u) << recording.log;
+}
+
 TEST_F(SharingAcrossProcesses, WithoutAdmissionOptionsEveryViewerWaits) {
   StartDisplay(1280, 720);
   auto window = OpenWindow({"--title", "Closed Door", "--size", "320x180"}, 0);

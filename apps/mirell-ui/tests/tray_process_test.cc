@@ -56,15 +56,23 @@ class UiOnADesktop : public ::testing::Test {
     options_.environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=/nonexistent";
     rtsp_port_ = testsupport::FreeLoopbackPort();
     pipe_ = "127.0.0.1:" + std::to_string(testsupport::FreeLoopbackPort());
-    std::vector<std::string> argv{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
-                                  std::to_string(rtsp_port_), "--no-stub"};
-    for (const std::string& extra : ExtraArguments()) argv.push_back(extra);
-    ui_process_ = std::make_unique<ChildProcess>(argv, options_);
+    StartUi();
+    if (!StartsWithTheWindow()) return;
     ASSERT_TRUE(WaitFor([&] { return WindowVisible(); })) << ui_.Log(rtsp_port_, pipe_);
     // The window and the tray icon's own.
     ASSERT_TRUE(WaitFor([&] { return VisibleMenus() >= 2; })) << "no tray icon";
   }
 
+  void StartUi() {
+    std::vector<std::string> argv{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+                                  std::to_string(rtsp_port_), "--no-stub"};
+    for (const std::string& extra : MeetingArguments()) argv.push_back(extra);
+    for (const std::string& extra : ExtraArguments()) argv.push_back(extra);
+    ui_process_ = std::make_unique<ChildProcess>(argv, options_);
+  }
+
+  virtual std::vector<std::string> MeetingArguments() const { return {"--signal", kNobodysSignalUrl}; }
+  virtual bool StartsWithTheWindow() const { return true; }
   virtual std::vector<std::string> ExtraArguments() const { return {}; }
   std::string Log() const { return ui_.Log(rtsp_port_, pipe_); }
   bool WindowNamedVisible(const std::string& name) {
@@ -140,6 +148,25 @@ TEST_F(UiOnADesktop, ClosingTheWindowLeavesItInTheTrayAndShowBringsItBack) {
   EXPECT_EQ(ui_process_->Wait(20s).exit_code, 0);
 }
 
+// Closed to the tray, the window comes back when the person starts Mirell again: the second
+// start asks the first to show it and ends.
+TEST_F(UiOnADesktop, ASecondStartBringsBackTheWindowClosedToTheTray) {
+  const std::string window = Run({"xdotool", "search", "--onlyvisible", "--name", "^Mirell$"});
+  Run({"xdotool", "windowactivate", "--sync", window.substr(0, window.find('\n')), "key",
+       "--clearmodifiers", "alt+F4"});
+  ASSERT_TRUE(WaitFor([&] { return !WindowVisible(); }));
+  std::vector<std::string> argv{ui_.binary().string(), "--pipe", pipe_, "--rtsp-port",
+                                std::to_string(rtsp_port_), "--no-stub"};
+  for (const std::string& extra : MeetingArguments()) argv.push_back(extra);
+  testsupport::ProcessOptions options = options_;
+  options.timeout = 20s;
+  const auto second = testsupport::RunProcess(argv, options);
+  EXPECT_EQ(second.exit_code, 0) << second.err;
+  EXPECT_TRUE(WaitFor([&] { return WindowVisible(); })) << Log();
+  Screenshot("desktop_window_back_after_second_start");
+  EXPECT_TRUE(ui_process_->Running());
+}
+
 TEST_F(UiOnADesktop, QuitFromTheTrayMenuEndsTheProgramInOrder) {
   ASSERT_TRUE(OpenTrayMenu()) << ui_.Log(rtsp_port_, pipe_);
   // "Quit Mirell" is the menu's last entry: a click near the menu's bottom edge.
@@ -180,6 +207,44 @@ TEST_F(UiOnADesktop, NetworkFromTheTrayMenuOpensTheNetworkDialog) {
   Run({"xdotool", "windowactivate", "--sync", dialog.substr(0, dialog.find('\n')), "key", "Escape"});
   EXPECT_TRUE(WaitFor([&] { return !WindowNamedVisible("Network"); }, 10s));
   EXPECT_TRUE(ui_process_->Running());
+}
+
+// A first start: no meeting place stored, none on the command line.
+class UiFirstStartOnADesktop : public UiOnADesktop {
+ protected:
+  std::vector<std::string> MeetingArguments() const override { return {}; }
+  bool StartsWithTheWindow() const override { return false; }
+};
+
+TEST_F(UiFirstStartOnADesktop, TheFirstStartAsksWhereToMeetBeforeTheWindowAndKeepsTheAnswer) {
+  const std::string title = "Where do your friends meet you\\?";  // A pattern: the ? stands for itself.
+  ASSERT_TRUE(WaitFor([&] { return WindowNamedVisible(title); })) << Log();
+  EXPECT_FALSE(WindowVisible()) << "asked before the window";
+  Screenshot("desktop_first_start_meeting_place");
+  const std::string dialog = Run({"xdotool", "search", "--onlyvisible", "--name", "^Where do your friends"});
+  ASSERT_FALSE(dialog.empty());
+  // As a person with a server of their own: into the address field, type, and Continue.
+  Run({"xdotool", "windowactivate", "--sync", dialog.substr(0, dialog.find('\n')), "key", "Tab"});
+  Run({"xdotool", "type", "--delay", "20", "ws://127.0.0.1:9/signal"});
+  Run({"xdotool", "key", "Return"});
+  ASSERT_TRUE(WaitFor([&] { return WindowVisible(); })) << Log();
+  EXPECT_FALSE(WindowNamedVisible(title));
+  EXPECT_NE(Log().find("meeting place ws://127.0.0.1:9/signal"), std::string::npos) << Log();
+  const std::string stored = testsupport::ReadFileText(home_.path() / ".config/Mirell/Mirell.conf");
+  EXPECT_NE(stored.find("meeting=ws://127.0.0.1:9/signal"), std::string::npos) << stored;
+  Screenshot("desktop_first_start_window");
+  ui_process_->Signal(SIGTERM);
+  ASSERT_EQ(ui_process_->Wait(20s).exit_code, 0);
+
+  // Asked once: the next start goes straight to the window, meeting where it was told.
+  ui_.ForgetLog(rtsp_port_, pipe_);
+  StartUi();
+  ASSERT_TRUE(WaitFor([&] { return WindowVisible(); })) << Log();
+  EXPECT_FALSE(WindowNamedVisible(title));
+  EXPECT_TRUE(WaitFor([&] { return Log().find("meeting place ws://127.0.0.1:9/signal") != std::string::npos; }))
+      << Log();
+  ui_process_->Signal(SIGTERM);
+  EXPECT_EQ(ui_process_->Wait(20s).exit_code, 0);
 }
 
 // A share of the whole screen with a one-minute limit, started from the command line.

@@ -213,7 +213,7 @@ class MainWindowTest : public ::testing::Test {
     // Nothing of a real VRChat installation is read.
     previous_home_ = qgetenv("HOME");
     qputenv("HOME", QByteArray::fromStdString(home_.path().string()));
-    config_.signal_url.clear();
+    config_.share_prefix = "mirell.example/s/";  // Links, but no signal server here.
     config_.install_stub = false;
     host_ = std::make_unique<DaemonHost>(config_);
   }

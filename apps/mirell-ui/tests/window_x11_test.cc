@@ -261,11 +261,15 @@ TEST_F(WindowOnX11, PickingAWindowInTheMainWindowStartsAShareAndStopEndsIt) {
                                                 "ffff00", "--bars"});
   ASSERT_NE(window.id(), 0u);
   DaemonConfig config;
-  config.signal_url.clear();  // Played from this machine only: no signal server here.
+  // Played from this machine only: links of a deployment, but no signal server here.
+  config.share_prefix = "mirell.example/s/";
   config.install_stub = false;
   DaemonHost host(config);
   MainWindow main_window(&host);
   main_window.show();
+  EXPECT_EQ(main_window.tray()->toolTip(),
+            "Mirell\nNo meeting place is chosen, so nobody can join a share: choose one in Network... "
+            "(it applies from the next start).");
 
   // The picker opens modally from "Share something..."; a person picks the window and shares.
   QTimer::singleShot(0, [&] {
@@ -292,14 +296,17 @@ TEST_F(WindowOnX11, PickingAWindowInTheMainWindowStartsAShareAndStopEndsIt) {
   for (const char* enabled : {"Stop sharing", "Copy", "New link", "Give it longer"}) {
     EXPECT_TRUE(ButtonNamed(main_window, enabled)->isEnabled()) << enabled;
   }
-  EXPECT_EQ(main_window.tray()->toolTip(), "Mirell - sharing Shared from the window");
+  EXPECT_EQ(main_window.tray()->toolTip(),
+            "Mirell - sharing Shared from the window\n"
+            "No signal server is set: the share plays on this computer only.");
   SaveScreenshot(main_window, "main_window_sharing");
 
   ButtonNamed(main_window, "Stop sharing")->click();
   EXPECT_FALSE(host.sharing().active());
   EXPECT_TRUE(main_window.findChild<QLineEdit*>()->text().isEmpty());
   EXPECT_FALSE(ButtonNamed(main_window, "Stop sharing")->isEnabled());
-  EXPECT_EQ(main_window.tray()->toolTip(), "Mirell");
+  EXPECT_TRUE(main_window.tray()->toolTip().startsWith("Mirell\nNo meeting place is chosen"))
+      << main_window.tray()->toolTip().toStdString();
 }
 
 TEST_F(WindowOnX11, AShareWithoutATimeLimitOffersNoExtensionAndNoCountdown) {
@@ -307,7 +314,7 @@ TEST_F(WindowOnX11, AShareWithoutATimeLimitOffersNoExtensionAndNoCountdown) {
                                                 "--color", "0000ff", "--color2", "ffff00", "--bars"});
   ASSERT_NE(window.id(), 0u);
   DaemonConfig config;
-  config.signal_url.clear();
+  config.share_prefix = "mirell.example/s/";  // No signal server here.
   config.install_stub = false;
   config.share_lifetime_minutes = 0;
   DaemonHost host(config);

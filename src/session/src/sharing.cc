@@ -489,7 +489,8 @@ std::string Sharing::token() const {
 
 std::string Sharing::link() const {
   std::lock_guard lock(mutex_);
-  if (!state_) return {};
+  // Without a meeting place there is no link anyone could open.
+  if (!state_ || config_.share_prefix.empty()) return {};
   // A link opens the page of the server it names: a plain ws:// server serves plain http://.
   const bool plain = EqualsIgnoringAsciiCase(std::string_view(config_.signal_url).substr(0, 5), "ws://");
   return fmt::format("{}://{}{}", plain ? "http" : "https", config_.share_prefix, state_->token);

@@ -121,6 +121,20 @@ class SharingTest : public ::testing::Test {
   daemon::StreamRegistry registry_;
 };
 
+// No meeting place, so no address anyone could open: the share plays here and has no link.
+TEST_F(SharingTest, WithoutAMeetingPlaceAShareHasNoLink) {
+  auto window = OpenWindow("No place", "00FF00");
+  Sharing::Config config = SmallConfig();
+  config.share_prefix.clear();
+  Sharing sharing(registry_, config);
+  sharing.Start(WindowTarget(*window, "No place"));
+  EXPECT_TRUE(sharing.active());
+  EXPECT_EQ(sharing.token().size(), 12u);
+  EXPECT_EQ(sharing.link(), "");
+  EXPECT_EQ(sharing.signal_state(), SignalState::kOff);
+  sharing.Stop();
+}
+
 TEST_F(SharingTest, WithoutASignalServerTheStreamIsPublishedAndPlaysLocally) {
   auto window = OpenWindow("Local only", "00FF00", 440);
   Sharing sharing(registry_, SmallConfig());

@@ -5,7 +5,7 @@ namespace mirell::transport {
 const std::vector<StunChoice>& StunChoices() {
   static const std::vector<StunChoice> choices{
       {"cloudflare", "Cloudflare", "stun:stun.cloudflare.com:3478",
-       "Already involved: Mirell's links and signalling go through Cloudflare."},
+       "The default. Tells Cloudflare when you start a connection, and nothing else."},
       {"google", "Google", "stun:stun.l.google.com:19302",
        "Reachable from almost anywhere. Tells Google when you start a connection."},
       {"none", "None", "", "Contacts nothing. Works on a LAN, won't connect between two homes."},

@@ -20,6 +20,7 @@ std::string ReadText(const QSettings& stored, const char* key) {
 NetworkSettings LoadNetworkSettings() {
   const QSettings stored;
   NetworkSettings settings;
+  settings.meeting = ReadText(stored, "network/meeting");
   const std::string stun = stored.value("network/stun", "cloudflare").toString().toStdString();
   if (stun == kCustom || transport::FindStunChoice(stun)) {
     settings.stun = stun;
@@ -36,6 +37,7 @@ NetworkSettings LoadNetworkSettings() {
 
 void SaveNetworkSettings(const NetworkSettings& settings) {
   QSettings stored;
+  stored.setValue("network/meeting", QString::fromStdString(settings.meeting));
   stored.setValue("network/stun", QString::fromStdString(settings.stun));
   stored.setValue("network/customStun", QString::fromStdString(settings.custom_stun));
   stored.setValue("network/turnUrl", QString::fromStdString(settings.turn_url));

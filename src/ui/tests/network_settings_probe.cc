@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
   QCoreApplication::setApplicationName("Mirell");
   using mirell::ui::NetworkSettings;
   if (argc == 7 && std::strcmp(argv[1], "save") == 0) {
-    mirell::ui::SaveNetworkSettings(NetworkSettings{argv[2], argv[3], argv[4], argv[5], argv[6]});
+    mirell::ui::SaveNetworkSettings(NetworkSettings{"", argv[2], argv[3], argv[4], argv[5], argv[6]});
     return 0;
   }
   if (argc == 2 && std::strcmp(argv[1], "load") == 0) {

@@ -47,7 +47,7 @@ TEST_F(NetworkStore, NothingStoredIsCloudflareAndNoRelay) {
 }
 
 TEST_F(NetworkStore, TheTextKeysAreStoredAsTyped) {
-  SaveNetworkSettings({"custom", "stun:not a url", "turn:relay.example:3478", " bob ", ""});
+  SaveNetworkSettings({"", "custom", "stun:not a url", "turn:relay.example:3478", " bob ", ""});
   const QSettings stored;
   EXPECT_EQ(stored.value("network/stun").toString(), "custom");
   EXPECT_EQ(stored.value("network/customStun").toString(), "stun:not a url");
@@ -61,19 +61,19 @@ TEST_F(NetworkStore, TheTextKeysAreStoredAsTyped) {
 }
 
 TEST_F(NetworkStore, NoneWithoutARelayGivesNoServerAtAll) {
-  EXPECT_TRUE(BuildIceServers({"none", "", "", "", ""}).empty());
+  EXPECT_TRUE(BuildIceServers({"", "none", "", "", "", ""}).empty());
 }
 
 TEST_F(NetworkStore, CustomWithAnEmptyAddressGivesNoServerEither) {
-  EXPECT_TRUE(BuildIceServers({"custom", "", "", "", ""}).empty());
-  const auto servers = BuildIceServers({"custom", "stun:mine.example:3478", "", "", ""});
+  EXPECT_TRUE(BuildIceServers({"", "custom", "", "", "", ""}).empty());
+  const auto servers = BuildIceServers({"", "custom", "stun:mine.example:3478", "", "", ""});
   ASSERT_EQ(servers.size(), 1u);
   EXPECT_EQ(servers[0].url, "stun:mine.example:3478");
   EXPECT_TRUE(servers[0].username.empty());
 }
 
 TEST_F(NetworkStore, NoneWithARelayGivesTheRelayAlone) {
-  const auto servers = BuildIceServers({"none", "", "turn:relay.example:3478", "bob", "pw "});
+  const auto servers = BuildIceServers({"", "none", "", "turn:relay.example:3478", "bob", "pw "});
   ASSERT_EQ(servers.size(), 1u);
   EXPECT_EQ(servers[0].url, "turn:relay.example:3478");
   EXPECT_EQ(servers[0].username, "bob");
@@ -81,7 +81,7 @@ TEST_F(NetworkStore, NoneWithARelayGivesTheRelayAlone) {
 }
 
 TEST_F(NetworkStore, StunComesBeforeTheRelay) {
-  const auto servers = BuildIceServers({"google", "ignored", "turn:relay.example", "u", "p"});
+  const auto servers = BuildIceServers({"", "google", "ignored", "turn:relay.example", "u", "p"});
   ASSERT_EQ(servers.size(), 2u);
   EXPECT_EQ(servers[0].url, "stun:stun.l.google.com:19302");
   EXPECT_EQ(servers[1].url, "turn:relay.example");
@@ -100,7 +100,7 @@ TEST_F(NetworkStore, AnUnknownChoiceIsReplacedOnEveryLoadUntilSaved) {
 }
 
 TEST_F(NetworkStore, WithoutASecretStoreThePasswordIsNotKeptAndReadsEmpty) {
-  SaveNetworkSettings({"none", "", "turn:relay.example", "bob", "hunter2"});
+  SaveNetworkSettings({"", "none", "", "turn:relay.example", "bob", "hunter2"});
   EXPECT_TRUE(QSettings().value("network/turnCredential").toByteArray().isEmpty());
   const NetworkSettings loaded = LoadNetworkSettings();
   EXPECT_TRUE(loaded.turn_credential.empty());

@@ -144,7 +144,7 @@ class Sharing {
   // Why the server refused the running share; empty when it did not.
   std::string refusal() const;
   // "https://" + share prefix + token ("http://" for a plain ws:// signal server, whose page is
-  // plain too); empty without a share.
+  // plain too); empty without a share or without a share prefix (no meeting place).
   std::string link() const;
   std::size_t viewer_count() const;
   std::uint32_t uplink_kbps() const;  // Summed over the viewers.

@@ -12,6 +12,9 @@
 namespace mirell::ui {
 
 struct NetworkSettings {
+  // Where shares meet their viewers: "" until chosen, "local" or "local:PORT" for this computer,
+  // else a signal server's ws:// or wss:// URL. Checked by the program that uses it.
+  std::string meeting;
   std::string stun = "cloudflare";  // An id of the STUN choices, or "custom".
   std::string custom_stun;
   std::string turn_url;
