@@ -3,6 +3,7 @@
 #include <charconv>
 
 #include "lan_address.h"
+#include "mirell/base/logging.h"
 #include "mirell/transport/signal_endpoint.h"
 #include "mirell/transport/web_socket.h"
 
@@ -31,7 +32,11 @@ std::string MeetingPlaceError(const std::string& place) {
 
 void ApplyMeetingPlace(DaemonConfig& config, const std::string& place) {
   if (const std::optional<std::uint16_t> port = LocalMeetingPort(place)) {
-    UseLocalMeeting(config, *port, LanAddress());
+    const std::string address = LanAddress();
+    if (address == "127.0.0.1") {
+      LOG_WARN("this computer has no network address: its share links reach nobody but itself");
+    }
+    UseLocalMeeting(config, *port, address);
     return;
   }
   config.signal_url = place;

@@ -66,8 +66,9 @@ inline testsupport::ProcessOptions Headless(const std::filesystem::path& home) {
   std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
   options.environment["XDG_RUNTIME_DIR"] = runtime.string();
   options.environment["XDG_CONFIG_HOME"] = (home / ".config").string();  // The stored settings.
-  // Neither the user's keyring nor, unless a test stores otherwise, a STUN server on the internet.
-  options.environment["DBUS_SESSION_BUS_ADDRESS"] = std::nullopt;
+  // Neither the user's keyring nor, unless a test stores otherwise, a STUN server on the internet;
+  // and no session bus that libdbus would start by itself where it can.
+  options.environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=/nonexistent";
   const std::filesystem::path settings = home / ".config/Mirell/Mirell.conf";
   if (!std::filesystem::exists(settings)) {
     std::filesystem::create_directories(settings.parent_path());

@@ -2,6 +2,7 @@
 // channels, priming, time stamps, sender reports, a stalled reader, withdrawal and Stop.
 #include "mirell/daemon/rtsp_server.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/version.h"
 #include "mirell/daemon/stream_path.h"
 #include "mirell/daemon/stream_registry.h"
 #include "mirell/testsupport/build_speed.h"
@@ -29,6 +31,9 @@ using namespace std::chrono_literals;
 using testing::RtspResponse;
 using testing::RtspTestClient;
 using testsupport::Eventually;
+
+// Every answer names the server and its version.
+const std::string kServer = fmt::format("Server: mirell/{}\r\n", kVersionMajorMinor);
 
 const std::vector<std::uint8_t> kSequenceHeader = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E, 0xD9,
                                                    0, 0, 0, 1, 0x68, 0xCE, 0x3C, 0x80};
@@ -102,7 +107,7 @@ TEST_F(RtspServerTest, OptionsAnswersExactly) {
   RtspTestClient client(server_.port());
   const auto response = client.Request("OPTIONS", uri_, 7);
   EXPECT_EQ(response.raw,
-            "RTSP/1.0 200 OK\r\nCSeq: 7\r\nServer: mirell/0.1\r\n"
+            "RTSP/1.0 200 OK\r\nCSeq: 7\r\n" + kServer + ""
             "Public: OPTIONS, DESCRIBE, SETUP, PLAY, TEARDOWN\r\n\r\n");
 }
 
@@ -129,7 +134,7 @@ TEST_F(RtspServerTest, TwoClientsGetSessionIdsThatDifferByTheirClientIds) {
 TEST_F(RtspServerTest, UnknownStreamIs404AndTheConnectionGoesOn) {
   RtspTestClient client(server_.port());
   const auto response = client.Request("DESCRIBE", "rtsp://127.0.0.1/s/nothing", 3);
-  EXPECT_EQ(response.raw, "RTSP/1.0 404 Not Found\r\nCSeq: 3\r\nServer: mirell/0.1\r\n\r\n");
+  EXPECT_EQ(response.raw, "RTSP/1.0 404 Not Found\r\nCSeq: 3\r\n" + kServer + "\r\n");
   EXPECT_TRUE(WaitForLog("uri=rtsp://127.0.0.1/s/nothing not published"));
   EXPECT_EQ(client.Request("PLAY", "rtsp://127.0.0.1/s/nothing", 4).status, 404);
   EXPECT_EQ(client.Request("OPTIONS", uri_, 5).status, 200);
@@ -144,7 +149,7 @@ TEST_F(RtspServerTest, DescribedStreamWithoutHeaderIsWaitedForThen503) {
   const auto response = client.Request("DESCRIBE", uri_, 1);
   EXPECT_GE(std::chrono::steady_clock::now() - started, 2990ms);
   EXPECT_EQ(response.raw,
-            "RTSP/1.0 503 Service Unavailable\r\nCSeq: 1\r\nServer: mirell/0.1\r\nRetry-After: 1\r\n\r\n");
+            "RTSP/1.0 503 Service Unavailable\r\nCSeq: 1\r\n" + kServer + "Retry-After: 1\r\n\r\n");
 }
 
 TEST_F(RtspServerTest, ASequenceHeaderArrivingDuringTheWaitIsUsed) {
@@ -217,15 +222,15 @@ TEST_F(RtspServerTest, TwoRequestsAndAnRtcpFrameInOneWriteAreHandledInOrder) {
   const auto second = client.ReadResponse();
   EXPECT_EQ(first.status_line, "RTSP/1.0 200 OK");
   EXPECT_EQ(first.headers.at("CSeq"), "1");
-  EXPECT_EQ(second.raw, "RTSP/1.0 501 Not Implemented\r\nCSeq: 2\r\nServer: mirell/0.1\r\n\r\n");
+  EXPECT_EQ(second.raw, "RTSP/1.0 501 Not Implemented\r\nCSeq: 2\r\n" + kServer + "\r\n");
 }
 
 TEST_F(RtspServerTest, RequestLineWithOneBlankIs400WithCseqZero) {
   RtspTestClient client(server_.port());
   client.SendRaw("OPTIONS\trtsp://x\r\nCSeq: 9\r\n\r\n");
-  EXPECT_EQ(client.ReadResponse().raw, "RTSP/1.0 400 Bad Request\r\nCSeq: 0\r\nServer: mirell/0.1\r\n\r\n");
+  EXPECT_EQ(client.ReadResponse().raw, "RTSP/1.0 400 Bad Request\r\nCSeq: 0\r\n" + kServer + "\r\n");
   client.SendRaw("OPTIONS rtsp://x\r\nCSeq: 9\r\n\r\n");
-  EXPECT_EQ(client.ReadResponse().raw, "RTSP/1.0 400 Bad Request\r\nCSeq: 0\r\nServer: mirell/0.1\r\n\r\n");
+  EXPECT_EQ(client.ReadResponse().raw, "RTSP/1.0 400 Bad Request\r\nCSeq: 0\r\n" + kServer + "\r\n");
 }
 
 TEST_F(RtspServerTest, UnparseableFloodIsDroppedWithAWarningAndTheConnectionGoesOn) {
@@ -239,7 +244,7 @@ TEST_F(RtspServerTest, UdpTransportIs461) {
   RtspTestClient client(server_.port());
   const auto response = client.Request("SETUP", uri_ + "/trackID=0", 1,
                                        "Transport: RTP/AVP;unicast;client_port=1000-1001\r\n");
-  EXPECT_EQ(response.raw, "RTSP/1.0 461 Unsupported Transport\r\nCSeq: 1\r\nServer: mirell/0.1\r\n\r\n");
+  EXPECT_EQ(response.raw, "RTSP/1.0 461 Unsupported Transport\r\nCSeq: 1\r\n" + kServer + "\r\n");
   EXPECT_TRUE(WaitForLog("transport=RTP/AVP;unicast;client_port=1000-1001 unsupported"));
 }
 
@@ -517,7 +522,7 @@ TEST_F(RtspServerTest, TeardownAnswersAndClosesTheConnection) {
   EXPECT_EQ(stream_->frames().SubscriberCount(), 1u);
   client.SendRaw("TEARDOWN " + uri_ + " RTSP/1.0\r\nCSeq: 9\r\n\r\nOPTIONS " + uri_ + " RTSP/1.0\r\nCSeq: 10\r\n\r\n");
   const auto response = client.ReadResponse();
-  EXPECT_EQ(response.raw, "RTSP/1.0 200 OK\r\nCSeq: 9\r\nServer: mirell/0.1\r\nSession: 4D524C01\r\n\r\n");
+  EXPECT_EQ(response.raw, "RTSP/1.0 200 OK\r\nCSeq: 9\r\n" + kServer + "Session: 4D524C01\r\n\r\n");
   EXPECT_TRUE(client.WaitClosed(2s));
   EXPECT_EQ(stream_->frames().SubscriberCount(), 0u);
   EXPECT_TRUE(WaitForLog("client=1 disconnected"));
