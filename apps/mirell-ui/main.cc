@@ -246,8 +246,11 @@ int main(int argc, char** argv) {
     std::fprintf(stderr,
                  "mirell-ui: running without a window (no display): it plays share links for VRChat, "
                  "resolving on %s with its RTSP server on port %u; to share from here, start it with "
-                 "--share-window TEXT or --share-monitor N\n",
-                 host.resolve_endpoint().c_str(), static_cast<unsigned>(host.rtsp_port()));
+                 "%s--share-window TEXT or --share-monitor N\n",
+                 host.resolve_endpoint().c_str(), static_cast<unsigned>(host.rtsp_port()),
+                 config.signal_url.empty()
+                     ? "--signal URL or --signal local (where friends meet you) and "
+                     : "");
   }
   // The window is the heartbeat that ends expired or orphaned shares and drops ended watches;
   // where nobody can see a window, a timer of its own does that.

@@ -302,6 +302,28 @@ TEST(UiQualitySettings, StoredValuesAreReadAtStartAndSanitised) {
   EXPECT_EQ(process.Wait(20s).exit_code, 0);
 }
 
+// Without a display and without a meeting place, the one line a person sees says both things a
+// share from here needs.
+TEST(UiNoDisplay, WithoutAMeetingPlaceTheLineSaysHowToGiveOne) {
+  InstalledUi ui;
+  testsupport::TempDir home;
+  const std::uint16_t rtsp_port = testsupport::FreeLoopbackPort();
+  const std::string pipe = "127.0.0.1:" + std::to_string(testsupport::FreeLoopbackPort());
+  testsupport::ProcessOptions options = Headless(home.path());
+  options.environment["QT_QPA_PLATFORM"] = std::nullopt;
+  options.environment["DISPLAY"] = std::nullopt;
+  options.environment["WAYLAND_DISPLAY"] = std::nullopt;
+  ChildProcess process({ui.binary().string(), "--pipe", pipe, "--rtsp-port", std::to_string(rtsp_port)}, options);
+  ASSERT_TRUE(ui.WaitForLog(rtsp_port, pipe, "listening " + pipe)) << ui.Log(rtsp_port, pipe);
+  process.Signal(SIGTERM);
+  const auto result = process.Wait(20s);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_NE(result.err.find("; to share from here, start it with --signal URL or --signal local (where friends "
+                            "meet you) and --share-window TEXT or --share-monitor N\n"),
+            std::string::npos)
+      << result.err;
+}
+
 // Started where there is no display at all (a server): no window, and everything else as usual.
 TEST(UiNoDisplay, StartsWithoutAWindowAndServesResolves) {
   InstalledUi ui;
