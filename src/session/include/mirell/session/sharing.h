@@ -6,7 +6,8 @@
 // viewers does not change the cost of capture and encoding. The stream is published under the
 // token, so that this machine can play its own share through the loopback RTSP server.
 //
-// Threads: every operation comes from the interface thread. The pending handler, the keyframe
+// Threads: every operation comes from the interface thread, except token(), which the resolver
+// also asks from its own thread (it takes mutex_, so it may wait out a retarget). The pending handler, the keyframe
 // handlers and the signal client's handlers run on library threads. mutex_ guards the settings,
 // the allowlist and the state; it is held through the whole of Retarget (no reader sees a
 // half-swapped share) and released around the stopping in Stop and Revoke, which wait for
