@@ -226,11 +226,16 @@ void MainWindow::RefreshShare() {
   copy_button_->setEnabled(active);
   new_link_button_->setEnabled(active);
   if (!active) {
-    status_label_->setText(
-        host_->stub_installed()
-            ? tr("Not sharing. Links other people give you will still play.")
-            : tr("Not sharing. Mirell couldn't replace VRChat's resolver, so share links won't "
-                 "play. Check the log."));
+    if (host_->stub_installed()) {
+      status_label_->setText(tr("Not sharing. Links other people give you will still play."));
+    } else if (!host_->config().install_stub) {
+      // Asked for: not a failure to report.
+      status_label_->setText(tr("Not sharing. Started with --no-stub: VRChat's own resolver stays "
+                                "in place, so share links pasted in VRChat won't play."));
+    } else {
+      status_label_->setText(tr("Not sharing. Mirell couldn't replace VRChat's resolver, so share "
+                                "links won't play. Check the log."));
+    }
     link_edit_->clear();
     sound_label_->clear();
     signal_label_->setText(IdleMeetingText(MeetingPlace()));

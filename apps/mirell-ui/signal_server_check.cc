@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "mirell/base/logging.h"
+#include "mirell/base/thread_name.h"
 
 namespace mirell::ui {
 
@@ -38,6 +39,7 @@ bool SignalServerCheck::IsSignalServer(const std::string& signal_url) {
     running_[signal_url] = running;
     ++probes_;
     threads_.emplace_back([this, signal_url, running] {
+      NameThisThread("server-check");
       const bool yes = probe_(signal_url);
       std::lock_guard done_lock(mutex_);
       running->done = true;

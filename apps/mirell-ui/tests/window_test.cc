@@ -241,6 +241,15 @@ TEST_F(MainWindowTest, WithoutAShareOnlyTheShareButtonWorks) {
   EXPECT_EQ(window.windowTitle(), "Mirell");
   EXPECT_EQ(window.size(), QSize(660, 620));
   EXPECT_EQ(LabelStartingWith(window, "Not sharing."),
+            "Not sharing. Started with --no-stub: VRChat's own resolver stays in place, so share "
+            "links pasted in VRChat won't play.")
+      << "asked for, not a failure";
+  DaemonConfig failed = config_;
+  failed.install_stub = true;  // Asked for, and not in place (the host is not even started).
+  DaemonHost failed_host(failed);
+  MainWindow failed_window(&failed_host);
+  failed_window.show();
+  EXPECT_EQ(LabelStartingWith(failed_window, "Not sharing."),
             "Not sharing. Mirell couldn't replace VRChat's resolver, so share links won't play. "
             "Check the log.");
   EXPECT_EQ(LabelStartingWith(window, "VRChat account:"),
