@@ -20,14 +20,12 @@
 #include "mirell/base/logging.h"
 #include "mirell/capture/audio_capturer.h"
 #include "process_tree.h"
+#include "sample_clock.h"
 
 namespace mirell::capture {
 namespace {
 
 constexpr auto kSetupLimit = std::chrono::seconds(2);
-constexpr std::int64_t kReanchorLimit100ns = 50'000;  // Re-anchor the sample clock beyond 5 ms,
-constexpr std::int64_t kDriftWindow100ns = 2'000'000;  // seen over 200 ms of sound,
-constexpr std::int64_t kGap100ns = 1'000'000;          // or at once past 100 ms.
 // With several streams, a stream that has given nothing while another holds this much counts
 // as silent for that stretch (a paused application on PipeWire sends no data at all).
 constexpr std::int64_t kMixWait100ns = 300'000;
@@ -422,55 +420,20 @@ class PulseAudioCapturer final : public IAudioCapturer {
     Deliver(mix_.data(), ready / format_.channels, 0);
   }
 
-  // Time stamps follow the sample count from an anchor on the steady clock. A buffer's
-  // measured start (now, less its length and what is queued behind it) is never earlier than
-  // the truth, only later by however long the server held it back (it sends in bursts: 20 ms
-  // here, 512-frame periods on PipeWire). So the lower envelope of the measurements is the time
-  // line: a measurement below the prediction moves the anchor back to it; a prediction that
-  // stays more than 5 ms below every measurement for 200 ms (a server whose clock runs slower
-  // than ours) moves it forward by that much; a measurement 100 ms past the prediction is a
-  // gap (the application paused) and re-anchors at once.
+  // Time stamps from the sample count (SampleClock: the lower envelope of the measurements).
   void Deliver(const float* samples, std::size_t frames, std::size_t frames_behind, bool silent = false) {
     if (!on_audio_) return;
     const auto to_100ns = [&](std::uint64_t count) {
       return static_cast<std::int64_t>(count * 10'000'000 / format_.sample_rate);
     };
+    if (clock_.sample_rate() != format_.sample_rate) clock_ = SampleClock(format_.sample_rate);
     const std::int64_t measured = SteadyNowNs() / 100 - to_100ns(frames + frames_behind);
-    std::int64_t predicted = anchor_ + to_100ns(frames_since_anchor_);
-    const std::int64_t lateness = measured - predicted;
-    if (!anchored_ || lateness < 0 || lateness > kGap100ns) {
-      // Moving back never goes behind the buffer before: time stamps only rise.
-      const std::int64_t at = anchored_ && lateness < 0 ? std::max(measured, last_timestamp_ + 1) : measured;
-      Reanchor(at);
-      predicted = at;
-    } else {
-      least_lateness_ = std::min(least_lateness_, lateness);
-      window_frames_ += frames;
-      if (to_100ns(window_frames_) >= kDriftWindow100ns) {
-        if (least_lateness_ > kReanchorLimit100ns) {
-          Reanchor(predicted + least_lateness_);
-          predicted = anchor_;
-        }
-        least_lateness_ = INT64_MAX;
-        window_frames_ = 0;
-      }
-    }
-    const std::int64_t timestamp = predicted;
-    last_timestamp_ = timestamp;
-    frames_since_anchor_ += frames;
+    const std::int64_t timestamp = clock_.Stamp(measured, frames);
     try {
       on_audio_(AudioBuffer{samples, frames, timestamp, silent});
     } catch (const std::exception& error) {
       LOG_DEBUG("{}: a buffer was lost: {}", name_, error.what());
     }
-  }
-
-  void Reanchor(std::int64_t at) {
-    anchored_ = true;
-    anchor_ = at;
-    frames_since_anchor_ = 0;
-    least_lateness_ = INT64_MAX;
-    window_frames_ = 0;
   }
 
   void Shutdown() {
@@ -504,12 +467,7 @@ class PulseAudioCapturer final : public IAudioCapturer {
   std::int64_t silence_from_ = 0;  // 100 ns; where the silence sent so far ends, 0 when none.
   std::vector<float> silence_;
   AudioCallback on_audio_;
-  bool anchored_ = false;
-  std::int64_t anchor_ = 0;
-  std::uint64_t frames_since_anchor_ = 0;
-  std::int64_t last_timestamp_ = 0;
-  std::int64_t least_lateness_ = INT64_MAX;  // Over the current drift window.
-  std::uint64_t window_frames_ = 0;
+  SampleClock clock_{48000};  // Made again for the format's rate at the first buffer.
   std::atomic<bool> running_{false};
 };
 
