@@ -95,7 +95,10 @@ class AvSyncPlayerTest : public ::testing::Test {
     testing::FixtureOptions options;
     options.width = 320;
     options.height = 240;
-    options.frames = 600;  // 20 s: no test plays past the end of the fixture into its loop.
+    // 60 s: no test plays past the end of the fixture into its loop, not even three GStreamer
+    // runs of which two stalled (each ends at its 16 s limit). With 20 s, a run after a stall
+    // crossed the loop, where the tracks start again apart, and measured that.
+    options.frames = 1800;
     options.video_source =
         "color=c=black:s=320x240:r=30,drawbox=color=white:t=fill:enable='eq(mod(n\\,30)\\,0)'";
     options.audio_source =
