@@ -1,5 +1,6 @@
 #include "share_link.h"
 
+#include "mirell/base/ascii.h"
 #include "mirell/transport/share_token.h"
 #include "mirell/transport/signal_endpoint.h"
 
@@ -12,15 +13,6 @@ std::string TokenAt(std::string_view rest) {
   // Anything else is no link of ours, and no watch is made for it.
   if (!transport::IsShareToken(rest)) return {};
   return std::string(rest);
-}
-
-bool EqualsIgnoringCase(std::string_view text, std::string_view lower) {
-  if (text.size() != lower.size()) return false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) != lower[i]) return false;
-  }
-  return true;
 }
 
 }  // namespace
@@ -38,8 +30,8 @@ std::optional<ShareLink> ParseShareLink(std::string_view url) {
   const auto scheme_end = url.find("://");
   if (scheme_end == std::string_view::npos) return std::nullopt;
   const std::string_view scheme = url.substr(0, scheme_end);
-  const bool secure = EqualsIgnoringCase(scheme, "https");
-  if (!secure && !EqualsIgnoringCase(scheme, "http")) return std::nullopt;
+  const bool secure = EqualsIgnoringAsciiCase(scheme, "https");
+  if (!secure && !EqualsIgnoringAsciiCase(scheme, "http")) return std::nullopt;
   const std::string_view rest = url.substr(scheme_end + 3);
   const auto path = rest.find('/');
   if (path == std::string_view::npos || path == 0) return std::nullopt;

@@ -4,7 +4,9 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -200,6 +202,41 @@ std::size_t CountOf(const std::string& text, const std::string& part) {
   std::size_t count = 0;
   for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
   return count;
+}
+
+// What another program of this user might send to the instance's socket: one line, whatever
+// it is, answered; a flood without an end closed unanswered; the instance goes on either way.
+std::string SendToInstance(const std::filesystem::path& socket_path, const std::string& bytes) {
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socket_path.c_str());
+  std::string received;
+  if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    [[maybe_unused]] const ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    char buffer[512];
+    pollfd entry{fd, POLLIN, 0};
+    while (::poll(&entry, 1, 5000) > 0) {
+      const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
+      if (got <= 0) break;
+      received.append(buffer, static_cast<std::size_t>(got));
+    }
+  }
+  ::close(fd);
+  return received;
+}
+
+TEST_F(UiProcess, TheInstanceSocketAnswersNonsenseAndClosesAFloodAndGoesOn) {
+  const std::filesystem::path socket_path =
+      home_.path() / ".run" / ("mirell-" + InstanceKey(rtsp_port_, pipe_) + ".show");
+  ASSERT_TRUE(Eventually([&] { return std::filesystem::exists(socket_path); }, 10s));
+  EXPECT_EQ(SendToInstance(socket_path, "{\"do\":\"explode\"}\n"),
+            "{\"ok\":false,\"text\":\"the request was not understood\"}\n");
+  EXPECT_EQ(SendToInstance(socket_path, std::string(100'000, 'x')), "") << "closed unanswered";
+  EXPECT_EQ(SendToInstance(socket_path, "{\"do\":\"admit\",\"peer\":\"c1\"}\n"),
+            "{\"ok\":false,\"text\":\"no viewer c1 is waiting to be let in\"}\n");
+  EXPECT_TRUE(process_->Running());
+  EXPECT_EQ(ExchangeOnce(pipe_port_, "RESOLVE https://example.com/\n"), "PASS\n");
 }
 
 TEST_F(UiProcess, ASecondStartWithTheSameOptionsExitsAtOnceAndLeavesTheLogAlone) {
