@@ -1,6 +1,8 @@
 #include "server_options.h"
 
 #include <charconv>
+#include <fstream>
+#include <sstream>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -28,7 +30,8 @@ constexpr std::string_view kValueOptions[] = {
     "--listen",         "--tls-cert",          "--tls-key",
     "--latest-version", "--latest-url",        "--max-connections", "--max-connections-per-address",
     "--max-message-bytes", "--max-viewers-per-token", "--max-tokens-per-connection",
-    "--messages-per-second", "--idle-seconds", "--grace-seconds", "--max-tokens", "--reserve-hours"};
+    "--messages-per-second", "--idle-seconds", "--grace-seconds", "--max-tokens", "--reserve-hours",
+    "--relay-url",      "--relay-secret-file"};
 
 bool IsValueOption(std::string_view option) {
   for (const std::string_view known : kValueOptions) {
@@ -45,6 +48,39 @@ bool IsAddressAndPort(std::string_view text) {
   unsigned value = 0;
   const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), value);
   return !port.empty() && error == std::errc() && end == port.data() + port.size() && value <= 65535;
+}
+
+// rtspt://HOST[:PORT] (or rtsp://), with at most a trailing slash: it is written into pages.
+bool IsRelayUrl(std::string_view text) {
+  std::string_view rest;
+  if (text.starts_with("rtspt://")) {
+    rest = text.substr(8);
+  } else if (text.starts_with("rtsp://")) {
+    rest = text.substr(7);
+  } else {
+    return false;
+  }
+  if (rest.ends_with('/')) rest.remove_suffix(1);
+  if (rest.empty() || rest.front() == ':') return false;
+  for (const char c : rest) {
+    const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                         c == '.' || c == '-' || c == ':' || c == '[' || c == ']';
+    if (!allowed) return false;
+  }
+  return true;
+}
+
+// The file's first line, which must not be empty.
+std::string ReadSecretFile(std::string_view path) {
+  std::ifstream file{std::string(path)};
+  Require(file.good(), "--relay-secret-file: cannot read '{}'", path);
+  std::string secret;
+  std::getline(file, secret);
+  while (!secret.empty() && (secret.back() == '\r' || secret.back() == ' ')) secret.pop_back();
+  Require(secret.size() >= 16, "--relay-secret-file: '{}' holds no secret of 16 characters or more", path);
+  Require(secret.size() <= 256, "--relay-secret-file: the secret in '{}' is longer than 256 characters",
+          path);
+  return secret;
 }
 
 }  // namespace
@@ -103,6 +139,11 @@ ServerOptions ParseServerOptions(std::span<const char* const> arguments) {
       const std::size_t hours = Count(option, value);
       Require(hours <= 8'760, "--reserve-hours is at most 8760 (a year), not {}", hours);
       config.hub.reserve = std::chrono::hours(hours);
+    } else if (option == "--relay-url") {
+      Require(IsRelayUrl(value), "--relay-url wants rtspt://HOST[:PORT], not '{}'", value);
+      config.relay_urls.emplace_back(value);
+    } else if (option == "--relay-secret-file") {
+      config.relay_secret = ReadSecretFile(value);
     } else {
       Require(false, "unknown option '{}' (see --help)", option);
     }
@@ -142,6 +183,14 @@ Usage: mirell-signal [options]
                                away, unless the host ends the share (default 24, at most 8760)
   --max-tokens N               shares held at once, live or kept for a host that is away
                                (default 65536); a new one beyond is refused "server full"
+  --relay-secret-file FILE     let relays that name the secret in FILE (its first line, 16
+                               to 256 characters) join public shares; without it no relay
+                               gets in
+  --relay-url rtspt://HOST[:PORT]
+                               a relay that serves public shares to players without Mirell;
+                               a public share's page names its stream there, so that VRChat
+                               plays the link for everyone (repeatable; a share goes to one
+                               relay, chosen by its token)
   --help                       this text
 
 Paths: GET /signal (WebSocket), GET /s/<token> (a page for a person without Mirell),

@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <vector>
 
 #include <stdexcept>
+
+#include "mirell/testsupport/subprocess.h"
 
 namespace mirell::signal {
 namespace {
@@ -84,6 +87,37 @@ TEST(ServerOptions, ListenTakesAnyAddressFormWithAPort) {
   for (const char* listen : {"127.0.0.1:0", "0.0.0.0:65535", "[::1]:8080", "::1:8080"}) {
     EXPECT_EQ(Parse({"--listen", listen}).config.listen, listen);
   }
+}
+
+TEST(ServerOptions, RelaysAreGivenByAddressAndTheirSecretByFile) {
+  testsupport::TempDir dir;
+  const std::string secret_file = (dir.path() / "relay-secret").string();
+  std::ofstream(secret_file) << "0123456789abcdefXYZ\r\nsecond line ignored\n";
+  const auto options = Parse({"--relay-url", "rtspt://relay.example.org:8554", "--relay-url",
+                              "rtsp://[2001:db8::1]:554/", "--relay-secret-file", secret_file.c_str()});
+  EXPECT_EQ(options.config.relay_urls,
+            (std::vector<std::string>{"rtspt://relay.example.org:8554", "rtsp://[2001:db8::1]:554/"}));
+  EXPECT_EQ(options.config.relay_secret, "0123456789abcdefXYZ");
+  EXPECT_TRUE(Parse({}).config.relay_urls.empty());
+  EXPECT_TRUE(Parse({}).config.relay_secret.empty());
+
+  const auto message = [](std::vector<const char*> arguments) {
+    try {
+      Parse(std::move(arguments));
+    } catch (const std::invalid_argument& error) {
+      return std::string(error.what());
+    }
+    return std::string("accepted");
+  };
+  for (const char* url : {"http://relay.example.org", "rtspt://", "rtspt://:8554", "rtspt://a b",
+                          "rtspt://a/s/x", "rtspt://a\"><script>", "relay.example.org:8554"}) {
+    EXPECT_NE(message({"--relay-url", url}).find("--relay-url wants rtspt://HOST[:PORT]"), std::string::npos)
+        << url;
+  }
+  EXPECT_NE(message({"--relay-secret-file", "/nonexistent/secret"}).find("cannot read"), std::string::npos);
+  std::ofstream(dir.path() / "short") << "tooshort\n";
+  EXPECT_NE(message({"--relay-secret-file", (dir.path() / "short").c_str()}).find("16 characters or more"),
+            std::string::npos);
 }
 
 }  // namespace

@@ -232,6 +232,109 @@ TEST(SignalServer, PlainRequestsGetThePageTheReleaseOrAStatus) {
             0u);
 }
 
+// The page of a public share names its relay's stream, and VRChat's resolver (Debian's yt-dlp, run
+// with VRChat's own arguments) plays the link through it; the page of a share that is not public,
+// and of an unknown token, resolves to nothing, as today.
+TEST(SignalServer, VRChatsResolverPlaysAPublicLinkThroughItsRelayAndNothingElse) {
+  if (!testsupport::HaveProgram("yt-dlp")) GTEST_SKIP() << "needs yt-dlp";
+  ServerConfig config;
+  config.listen = "127.0.0.1:0";
+  config.relay_urls = {"rtspt://relay.example.org:8554"};
+  SignalServer server(config);
+  server.Start();
+  const std::string url = "ws://" + server.address() + "/signal";
+
+  SignalConfig public_config = HostConfig(url);
+  public_config.token = "PUBLICTOKEN1";
+  public_config.is_public = true;
+  SignalConfig private_config = HostConfig(url);
+  private_config.token = "PRIVATETOKEN";
+  auto public_host = transport::CreateHostSignalClient(public_config);
+  auto private_host = transport::CreateHostSignalClient(private_config);
+  Latch<bool> public_ready;
+  Latch<bool> private_ready;
+  public_host->OnReady([&] { public_ready.Set(true); });
+  private_host->OnReady([&] { private_ready.Set(true); });
+  public_host->Start();
+  private_host->Start();
+  ASSERT_TRUE(public_ready.Wait());
+  ASSERT_TRUE(private_ready.Wait());
+
+  testsupport::TempDir home;
+  const auto resolve = [&](const std::string& token) {
+    testsupport::ProcessOptions options;
+    options.environment["HOME"] = home.path().string();
+    options.environment["XDG_CACHE_HOME"] = (home.path() / "cache").string();
+    options.timeout = 60s;
+    return testsupport::RunProcess(
+        {"yt-dlp", "--no-check-certificate", "--no-cache-dir", "--rm-cache-dir", "-f",
+         "(mp4/best)[height<=?1080][height>=?64][width>=?64]", "--get-url",
+         "http://" + server.address() + "/s/" + token},
+        options);
+  };
+  const auto played = resolve("PUBLICTOKEN1");
+  EXPECT_EQ(played.exit_code, 0) << played.err;
+  EXPECT_EQ(played.out, "rtspt://relay.example.org:8554/s/PUBLICTOKEN1\n");
+  for (const char* token : {"PRIVATETOKEN", "UNKNOWNTOKEN"}) {
+    const auto refused = resolve(token);
+    EXPECT_NE(refused.exit_code, 0) << token << ": " << refused.out;
+    EXPECT_EQ(refused.out, "") << token;
+    EXPECT_NE(refused.err.find("Unsupported URL"), std::string::npos) << token << ": " << refused.err;
+  }
+
+  // The share's end takes the video out of its page.
+  public_host->End();
+  EXPECT_NE(resolve("PUBLICTOKEN1").exit_code, 0);
+  private_host->Stop();
+  server.Stop();
+}
+
+// A relay that names the operator's secret gets into a public share, and its host hears that the
+// peer is the relay; into a share that is not public it is refused at once.
+TEST(SignalServer, ARelayJoinsOnlyPublicSharesAndItsHostKnowsIt) {
+  ServerConfig config;
+  config.listen = "127.0.0.1:0";
+  config.relay_secret = "relay-secret-0123456789";
+  SignalServer server(config);
+  server.Start();
+  const std::string url = "ws://" + server.address() + "/signal";
+
+  SignalConfig public_config = HostConfig(url);
+  public_config.is_public = true;
+  auto host = transport::CreateHostSignalClient(public_config);
+  Latch<bool> host_ready;
+  Latch<PeerIdentity> peer_seen;
+  host->OnReady([&] { host_ready.Set(true); });
+  host->OnPeer([&](const std::string&, const PeerIdentity& who) { peer_seen.Set(who); });
+  host->Start();
+  ASSERT_TRUE(host_ready.Wait());
+
+  SignalConfig relay_config;
+  relay_config.url = url;
+  relay_config.token = public_config.token;
+  relay_config.relay_secret = config.relay_secret;
+  auto relay = transport::CreateViewerSignalClient(relay_config);
+  Latch<bool> relay_ready;
+  relay->OnReady([&] { relay_ready.Set(true); });
+  relay->Start();
+  EXPECT_TRUE(relay_ready.Wait());
+  const auto peer = peer_seen.Wait();
+  ASSERT_TRUE(peer.has_value());
+  EXPECT_TRUE(peer->relay);
+  EXPECT_EQ(peer->identity, "");
+
+  relay_config.token = "NOTPUBLIC123";
+  auto refused_relay = transport::CreateViewerSignalClient(relay_config);
+  Latch<std::string> refusal;
+  refused_relay->OnRefused([&](const std::string& reason) { refusal.Set(reason); });
+  refused_relay->Start();
+  EXPECT_EQ(refusal.Wait(), "not a public share");
+  refused_relay->Stop();
+  relay->Stop();
+  host->Stop();
+  server.Stop();
+}
+
 // What a viewer asks before it follows a link to a server it was not configured with.
 TEST(SignalServer, ItsEndpointAnswersAPlainGetAsASignalEndpoint) {
   ServerConfig config;

@@ -9,7 +9,7 @@ namespace mirell::signal {
 namespace {
 
 // Self-contained: no scripts, fonts, pictures or styles from elsewhere.
-constexpr std::string_view kSharePage = R"(<!DOCTYPE html>
+constexpr std::string_view kPageHead = R"(<!DOCTYPE html>
 <html lang="en">
 <head>
 <meta charset="utf-8">
@@ -24,7 +24,9 @@ code { background: #24202e; padding: 0.1em 0.35em; border-radius: 4px; }
 </head>
 <body>
 <main>
-<h1>This is a Mirell share link</h1>
+)";
+
+constexpr std::string_view kShareText = R"(<h1>This is a Mirell share link</h1>
 <p>Someone is sharing their screen or a window, with its sound, through Mirell. The link is
 meant for a video player inside VRChat: paste it there, and the picture and sound play in the
 world, live.</p>
@@ -33,10 +35,48 @@ program that shows a screen or a window to friends inside VRChat: peer to peer, 
 let in unasked, and nothing to set up.</p>
 <p>Nothing plays in a web browser. If you have Mirell, copy this page's address into a
 VRChat video player.</p>
-</main>
+)";
+
+constexpr std::string_view kPublicShareText = R"(<h1>Anyone with this link can watch</h1>
+<p>Someone is sharing their screen or a window, with its sound, through Mirell, and has let in
+everyone who has the link. Paste this page's address into a VRChat video player: the picture
+and sound play in the world, live, for everyone there, whether or not they have Mirell.</p>
+<p>This page does not play it in a web browser.</p>
+)";
+
+constexpr std::string_view kPageTail = R"(</main>
 </body>
 </html>
 )";
+
+// The few characters that matter inside a double-quoted attribute and between tags.
+std::string EscapeHtml(std::string_view text) {
+  std::string escaped;
+  for (const char c : text) {
+    switch (c) {
+      case '&': escaped += "&amp;"; break;
+      case '"': escaped += "&quot;"; break;
+      case '<': escaped += "&lt;"; break;
+      case '>': escaped += "&gt;"; break;
+      default: escaped += c;
+    }
+  }
+  return escaped;
+}
+
+std::string SharePage(const std::string& public_stream) {
+  std::string page(kPageHead);
+  if (public_stream.empty()) {
+    page += kShareText;
+  } else {
+    page += kPublicShareText;
+    // For VRChat's resolver, which plays a page's HTML5 media; a browser cannot play it, so it is
+    // not shown.
+    page += "<video hidden src=\"" + EscapeHtml(public_stream) + "\"></video>\n";
+  }
+  page += kPageTail;
+  return page;
+}
 
 HttpAnswer Text(unsigned status, std::string body) {
   HttpAnswer answer;
@@ -48,14 +88,15 @@ HttpAnswer Text(unsigned status, std::string body) {
 }  // namespace
 
 HttpAnswer AnswerHttp(std::string_view method, std::string_view target,
-                      const std::optional<LatestRelease>& latest) {
+                      const std::optional<LatestRelease>& latest,
+                      const PublicStreamLookup& public_stream) {
   const std::string_view path = target.substr(0, target.find('?'));
   if (method != "GET" && method != "HEAD") return Text(405, "method not allowed\n");
   if (path.starts_with("/s/") && path.size() > 3) {
     HttpAnswer answer;
     answer.status = 200;
     answer.content_type = "text/html; charset=utf-8";
-    answer.body = std::string(kSharePage);
+    answer.body = SharePage(public_stream ? public_stream(path.substr(3)) : std::string());
     return answer;
   }
   if (path == "/latest") {

@@ -70,7 +70,15 @@ bool SameSecret(std::string_view a, std::string_view b) {
   return difference == 0;
 }
 
-SignalHub::SignalHub(Router& router, HubLimits limits) : router_(router), limits_(limits) {}
+SignalHub::SignalHub(Router& router, HubLimits limits, std::string relay_secret)
+    : router_(router),
+      limits_(limits),
+      relay_secret_digest_(relay_secret.empty() ? std::string() : SecretDigest(relay_secret)) {}
+
+bool SignalHub::IsPublic(std::string_view token) const {
+  const auto found = tokens_.find(std::string(token));
+  return found != tokens_.end() && found->second.is_public;
+}
 
 void SignalHub::Opened(ConnectionId id, Clock::time_point now) {
   now_ = now;
@@ -117,6 +125,7 @@ void SignalHub::Host(ConnectionId id, Connection& connection, const std::string&
   if (secret.empty() || secret.size() > kMaxSecretLength) return Refuse(id, "bad secret");
   const auto media = message.find("media");
   if (media != message.end() && !media->is_object()) return Refuse(id, "malformed message");
+  const bool is_public = message.value("public", false);
   const bool already_ours =
       std::find(connection.tokens.begin(), connection.tokens.end(), token_name) != connection.tokens.end();
   if (!already_ours && connection.tokens.size() >= limits_.max_tokens_per_connection) {
@@ -138,6 +147,7 @@ void SignalHub::Host(ConnectionId id, Connection& connection, const std::string&
   Token& token = existing != tokens_.end() ? existing->second : tokens_[token_name];
   token.secret_digest = digest;
   token.media = media != message.end() ? Dump(KnownMedia(*media)) : std::string();
+  token.is_public = is_public;
   if (token.host && *token.host != id) {
     // The same host from a new connection (it restarted, or its network changed).
     const ConnectionId old = *token.host;
@@ -149,12 +159,19 @@ void SignalHub::Host(ConnectionId id, Connection& connection, const std::string&
     router_.Disconnect(old);
     LOG_INFO("connection {} took over a token from connection {}", id, old);
   }
+  // A host that registers again on the same connection (to change what it said) knows its
+  // viewers already.
+  const bool new_host = token.host != id;
   token.host = id;
   connection.role = Role::kHost;
   if (!already_ours) connection.tokens.push_back(token_name);
   router_.Deliver(id, R"({"type":"hosting"})");
+  // A share that is no longer public keeps no relay in it.
+  if (!is_public) SendRelaysAway(token);
   LOG_INFO("connection {} hosts a token with {} viewers waiting", id, token.viewers.size());
-  for (const auto& peer : token.viewers) Announce(token, peer);
+  if (new_host) {
+    for (const auto& peer : token.viewers) Announce(token, peer);
+  }
 }
 
 void SignalHub::Join(ConnectionId id, Connection& connection, const std::string& text) {
@@ -169,7 +186,19 @@ void SignalHub::Join(ConnectionId id, Connection& connection, const std::string&
     return Refuse(id, "name too long");
   }
   if (key.size() > kMaxProofFieldLength) return Refuse(id, "key too long");
+  const auto relay_field = message.find("relay");
+  const bool relay = relay_field != message.end();
   auto found = tokens_.find(token_name);
+  if (relay) {
+    if (!relay_field->is_string() || relay_secret_digest_.empty() ||
+        relay_field->get_ref<const std::string&>().size() > kMaxSecretLength ||
+        !SameSecret(relay_secret_digest_, SecretDigest(relay_field->get<std::string>()))) {
+      LOG_INFO("connection {}: refused a relay with a wrong secret", id);
+      return Refuse(id, "not a relay of this server");
+    }
+    // Unknown and private tokens alike: a relay learns nothing of shares it may not serve.
+    if (found == tokens_.end() || !found->second.is_public) return Refuse(id, "not a public share");
+  }
   if (found != tokens_.end() && found->second.viewers.size() >= limits_.max_viewers_per_token) {
     return Refuse(id, "too many viewers");
   }
@@ -183,6 +212,7 @@ void SignalHub::Join(ConnectionId id, Connection& connection, const std::string&
   viewer.identity = identity;
   viewer.display_name = identity.empty() ? std::string() : display_name;
   viewer.key = key;
+  viewer.relay = relay;
   viewers_[peer] = std::move(viewer);
   token.viewers.push_back(peer);
   connection.role = Role::kViewer;
@@ -211,6 +241,7 @@ void SignalHub::Announce(Token& token, const std::string& peer) {
     if (!viewer.display_name.empty()) announcement["displayName"] = viewer.display_name;
   }
   if (!viewer.key.empty()) announcement["key"] = viewer.key;
+  if (viewer.relay) announcement["relay"] = true;
   router_.Deliver(*token.host, Dump(announcement));
 }
 
@@ -304,6 +335,17 @@ void SignalHub::SendViewersAway(Token& token, std::string_view reason) {
     router_.Deliver(connection, Dump({{"type", "error"}, {"reason", reason}}));
     router_.Disconnect(connection);
     DropViewer(peer, false);
+  }
+}
+
+void SignalHub::SendRelaysAway(Token& token) {
+  for (const auto& peer : std::vector<std::string>(token.viewers)) {
+    const auto viewer = viewers_.find(peer);
+    if (viewer == viewers_.end() || !viewer->second.relay) continue;
+    const ConnectionId connection = viewer->second.connection;
+    router_.Deliver(connection, R"({"reason":"not a public share","type":"error"})");
+    router_.Disconnect(connection);
+    DropViewer(peer, true);
   }
 }
 

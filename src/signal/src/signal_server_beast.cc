@@ -24,6 +24,8 @@
 #include "mirell/transport/signal_endpoint.h"
 #include "mirell/signal/signal_server.h"
 
+#include "mirell/signal/relay_choice.h"
+
 namespace mirell::signal {
 namespace {
 
@@ -42,7 +44,7 @@ constexpr std::size_t kMaxRequestHeadBytes = 8192;
 // on the I/O thread, except the atomics.
 struct ServerCore {
   explicit ServerCore(const ServerConfig& configuration)
-      : config(configuration), hub(router, configuration.hub) {}
+      : config(configuration), hub(router, configuration.hub, configuration.relay_secret) {}
   const ServerConfig config;
   InProcessRouter router;
   SignalHub hub;
@@ -236,7 +238,11 @@ class HttpSession final : public std::enable_shared_from_this<HttpSession<Stream
       return;
     }
     const std::string_view method(request.method_string().data(), request.method_string().size());
-    const HttpAnswer answer = AnswerHttp(method, target, core_.config.latest);
+    const HttpAnswer answer =
+        AnswerHttp(method, target, core_.config.latest, [this](std::string_view token) {
+          if (core_.config.relay_urls.empty() || !core_.hub.IsPublic(token)) return std::string();
+          return RelayStreamUrl(token, core_.config.relay_urls);
+        });
     response_.emplace();
     response_->version(request.version());
     response_->result(answer.status);

@@ -24,6 +24,32 @@ TEST(HttpAnswers, TheSharePageIsTheSameForAnyTokenAndSelfContained) {
   EXPECT_EQ(AnswerHttp("GET", "/s/", std::nullopt).status, 404u);
 }
 
+TEST(HttpAnswers, APublicSharesPageNamesItsRelayStreamForVRChatsResolver) {
+  const PublicStreamLookup lookup = [](std::string_view token) {
+    return token == "PUBLIC123456" ? std::string("rtspt://relay.example.org:8554/s/PUBLIC123456")
+                                   : std::string();
+  };
+  const auto page = AnswerHttp("GET", "/s/PUBLIC123456", std::nullopt, lookup);
+  EXPECT_EQ(page.status, 200u);
+  EXPECT_NE(page.body.find(R"(<video hidden src="rtspt://relay.example.org:8554/s/PUBLIC123456">)"),
+            std::string::npos)
+      << page.body;
+  EXPECT_NE(page.body.find("Anyone with this link can watch"), std::string::npos);
+
+  // Not public, or not known: today's page, the same for both.
+  const auto other = AnswerHttp("GET", "/s/PRIVATE12345", std::nullopt, lookup);
+  EXPECT_EQ(other.body, AnswerHttp("GET", "/s/ZZZZZZZZZZZZ", std::nullopt, lookup).body);
+  EXPECT_EQ(other.body, AnswerHttp("GET", "/s/PRIVATE12345", std::nullopt).body);
+  EXPECT_EQ(other.body.find("<video"), std::string::npos);
+}
+
+TEST(HttpAnswers, TheRelayAddressIsEscapedInThePage) {
+  const auto page = AnswerHttp("GET", "/s/T", std::nullopt,
+                               [](std::string_view) { return std::string(R"(rtspt://a"><script>&)"); });
+  EXPECT_EQ(page.body.find("<script>"), std::string::npos);
+  EXPECT_NE(page.body.find("rtspt://a&quot;&gt;&lt;script&gt;&amp;"), std::string::npos);
+}
+
 TEST(HttpAnswers, LatestAnswersJsonOnlyWhenConfigured) {
   EXPECT_EQ(AnswerHttp("GET", "/latest", std::nullopt).status, 404u);
   const auto answer = AnswerHttp("GET", "/latest", LatestRelease{"0.2.0", "https://x.example/get"});

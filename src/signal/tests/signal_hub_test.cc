@@ -39,7 +39,7 @@ class SignalHubTest : public ::testing::Test {
   SignalHubTest() { limits_.grace = 30s; }
 
   SignalHub& hub() {
-    if (!hub_) hub_.emplace(router_, limits_);
+    if (!hub_) hub_.emplace(router_, limits_, relay_secret_);
     return *hub_;
   }
   ConnectionId Open() {
@@ -75,7 +75,19 @@ class SignalHubTest : public ::testing::Test {
     return messages.empty() ? Json() : messages[0];
   }
 
+  ConnectionId PublicHost(const std::string& token = "TOKEN1") {
+    const ConnectionId id = Open();
+    Say(id, {{"type", "host"}, {"token", token}, {"secret", "s3cret"}, {"public", true}});
+    return id;
+  }
+  ConnectionId JoinAsRelay(const std::string& token, const std::string& secret) {
+    const ConnectionId id = Open();
+    Say(id, {{"type", "join"}, {"token", token}, {"relay", secret}});
+    return id;
+  }
+
   HubLimits limits_;
+  std::string relay_secret_;
   RecordingRouter router_;
   std::optional<SignalHub> hub_;
   Clock::time_point now_ = Clock::time_point() + 1h;
@@ -440,6 +452,86 @@ TEST_F(SignalHubTest, UnknownTypesAreIgnored) {
   Say(host, {{"type", "ping"}});
   EXPECT_TRUE(router_.Take(host).empty());
   EXPECT_FALSE(router_.Disconnected(host));
+}
+
+TEST_F(SignalHubTest, ARelayJoinsAPublicShareAndTheHostHearsItIsTheRelay) {
+  relay_secret_ = "operator-secret";
+  const auto host = PublicHost();
+  EXPECT_EQ(Only(host), Json::parse(R"({"type":"hosting"})"));
+  EXPECT_TRUE(hub().IsPublic("TOKEN1"));
+  const auto relay = JoinAsRelay("TOKEN1", "operator-secret");
+  EXPECT_EQ(Only(relay)["type"], "joined");
+  const Json peer = Only(host);
+  EXPECT_EQ(peer["type"], "peer");
+  EXPECT_EQ(peer["relay"], true);
+  EXPECT_FALSE(router_.Disconnected(relay));
+
+  // An ordinary viewer of the same share is no relay.
+  Join("TOKEN1", "usr_1");
+  EXPECT_FALSE(Only(host).contains("relay"));
+}
+
+TEST_F(SignalHubTest, ARelayGetsIntoNoShareThatIsNotPublicAndUnknownLooksTheSame) {
+  relay_secret_ = "operator-secret";
+  const auto host = Host("PRIVATE1");
+  router_.Take(host);
+  EXPECT_FALSE(hub().IsPublic("PRIVATE1"));
+  const auto into_private = JoinAsRelay("PRIVATE1", "operator-secret");
+  EXPECT_EQ(Only(into_private), Json::parse(R"({"type":"error","reason":"not a public share"})"));
+  EXPECT_TRUE(router_.Disconnected(into_private));
+  const auto into_unknown = JoinAsRelay("UNKNOWN1", "operator-secret");
+  EXPECT_EQ(Only(into_unknown), Json::parse(R"({"type":"error","reason":"not a public share"})"));
+  EXPECT_TRUE(router_.Take(host).empty()) << "the host never hears of a relay";
+  EXPECT_EQ(hub().statistics().viewers, 0u);
+  EXPECT_FALSE(hub().IsPublic("UNKNOWN1")) << "asking made no token";
+}
+
+TEST_F(SignalHubTest, ARelaySecretIsCheckedAndAServerWithoutOneHasNoRelays) {
+  const auto public_host = PublicHost();
+  router_.Take(public_host);
+  // No relay secret configured: every relay is refused.
+  const auto without = JoinAsRelay("TOKEN1", "");
+  EXPECT_EQ(Only(without)["reason"], "not a relay of this server");
+  relay_secret_ = "operator-secret";
+  hub_.reset();
+  const auto host = PublicHost();
+  router_.Take(host);
+  for (const Json& wrong : {Json("operator-secreT"), Json("operator-secret "), Json(""), Json(42)}) {
+    const ConnectionId id = Open();
+    Say(id, {{"type", "join"}, {"token", "TOKEN1"}, {"relay", wrong}});
+    EXPECT_EQ(Only(id)["reason"], "not a relay of this server") << wrong.dump();
+  }
+  EXPECT_TRUE(router_.Take(host).empty());
+}
+
+TEST_F(SignalHubTest, AShareThatStopsBeingPublicSendsItsRelaysAwayAndKeepsItsViewers) {
+  relay_secret_ = "operator-secret";
+  const auto host = PublicHost();
+  router_.Take(host);
+  const auto relay = JoinAsRelay("TOKEN1", "operator-secret");
+  const std::string relay_peer = PeerAnnouncedTo(host);
+  const auto viewer = Join("TOKEN1", "usr_1");
+  PeerAnnouncedTo(host);
+  router_.Take(relay);
+  router_.Take(viewer);
+
+  Say(host, {{"type", "host"}, {"token", "TOKEN1"}, {"secret", "s3cret"}});
+  EXPECT_FALSE(hub().IsPublic("TOKEN1"));
+  EXPECT_EQ(Only(relay), Json::parse(R"({"type":"error","reason":"not a public share"})"));
+  EXPECT_TRUE(router_.Disconnected(relay));
+  EXPECT_FALSE(router_.Disconnected(viewer));
+  const auto messages = router_.Take(host);
+  ASSERT_EQ(messages.size(), 2u);
+  EXPECT_EQ(messages[0], Json::parse(R"({"type":"hosting"})"));
+  EXPECT_EQ(messages[1], Json({{"type", "peer-gone"}, {"peer", relay_peer}}));
+  EXPECT_EQ(hub().statistics().viewers, 1u);
+}
+
+TEST_F(SignalHubTest, APublicFlagOfAnotherTypeIsMalformed) {
+  const auto host = Open();
+  Say(host, {{"type", "host"}, {"token", "TOKEN1"}, {"secret", "s3cret"}, {"public", "yes"}});
+  EXPECT_EQ(Only(host)["reason"], "malformed message");
+  EXPECT_EQ(hub().statistics().tokens, 0u);
 }
 
 TEST(SameSecret, ComparesWholeTexts) {

@@ -63,6 +63,7 @@ std::string MakeHostMessage(const SignalConfig& config) {
     if (!media.audio_config.empty()) object["audioConfig"] = media.audio_config;
     message["media"] = std::move(object);
   }
+  if (config.is_public) message["public"] = true;
   return Dump(message);
 }
 
@@ -73,6 +74,7 @@ std::string MakeJoinMessage(const SignalConfig& config) {
     if (!config.display_name.empty()) message["displayName"] = config.display_name;
   }
   if (!config.key.empty()) message["key"] = config.key;
+  if (!config.relay_secret.empty()) message["relay"] = config.relay_secret;
   return Dump(message);
 }
 
@@ -120,6 +122,7 @@ ServerMessage ParseServerMessage(std::string_view text) {
     message.identity.display_name = root.value("displayName", std::string());
     if (message.identity.identity.empty()) message.identity.display_name.clear();
     message.identity.key = root.value("key", std::string());
+    message.identity.relay = root.value("relay", false);
   } else if (message.type == "peer-gone") {
     message.kind = Kind::kPeerGone;
     message.peer = root.value("peer", std::string());

@@ -11,10 +11,11 @@
 
 namespace mirell::transport {
 
-// "host" with token, secret and, when set, media (audioConfig only when non-empty).
+// "host" with token, secret and, when set, media (audioConfig only when non-empty) and
+// "public": true.
 std::string MakeHostMessage(const SignalConfig& config);
-// "join" with token; identity when non-empty, and displayName only beside an identity; key when
-// non-empty.
+// "join" with token; identity when non-empty, and displayName only beside an identity; key and
+// relay (the relay's secret) when non-empty.
 std::string MakeJoinMessage(const SignalConfig& config);
 std::string MakeOfferMessage(const std::string& peer, const std::string& sdp);
 // The signature only when non-empty.

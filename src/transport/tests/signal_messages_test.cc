@@ -37,6 +37,27 @@ TEST(SignalMessages, AHostWithoutMediaSendsOnlyTokenAndSecret) {
   EXPECT_EQ(Json::parse(MakeHostMessage(config))["media"]["audioConfig"], "1190");
 }
 
+TEST(SignalMessages, APublicShareSaysSoAndARelayNamesItsSecret) {
+  SignalConfig config;
+  config.token = "T";
+  config.secret = "S";
+  config.is_public = true;
+  EXPECT_EQ(Json::parse(MakeHostMessage(config)),
+            Json::parse(R"({"type":"host","token":"T","secret":"S","public":true})"));
+  SignalConfig relay;
+  relay.token = "T";
+  relay.relay_secret = "operator's secret";
+  EXPECT_EQ(Json::parse(MakeJoinMessage(relay)),
+            Json::parse(R"({"type":"join","token":"T","relay":"operator's secret"})"));
+}
+
+TEST(SignalMessages, APeerIsARelayOnlyWhenTheServerSaysSo) {
+  EXPECT_FALSE(ParseServerMessage(R"({"type":"peer","peer":"P"})").identity.relay);
+  EXPECT_TRUE(ParseServerMessage(R"({"type":"peer","peer":"P","relay":true})").identity.relay);
+  EXPECT_FALSE(ParseServerMessage(R"({"type":"peer","peer":"P","relay":false})").identity.relay);
+  EXPECT_THROW(ParseServerMessage(R"({"type":"peer","peer":"P","relay":"yes"})"), Json::exception);
+}
+
 TEST(SignalMessages, SendsAreCompactUtf8) {
   EXPECT_EQ(MakeOfferMessage("p1", "v=0\r\n"), R"({"peer":"p1","sdp":"v=0\r\n","type":"offer"})");
   EXPECT_EQ(MakeAnswerMessage("ä"), "{\"sdp\":\"\xC3\xA4\",\"type\":\"answer\"}");

@@ -3,6 +3,7 @@
 // upgrade, and the statuses for everything else.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,9 +21,16 @@ struct LatestRelease {
   std::string url;
 };
 
+// For a token, the address its players reach it at through a relay when it is a public share;
+// empty otherwise.
+using PublicStreamLookup = std::function<std::string(std::string_view token)>;
+
 // The answer to a request that is not a WebSocket upgrade. `method` and `target` as received.
-// "/s/<anything>" gives the same page whatever the token, so nothing about tokens leaks.
+// "/s/<token>" gives the same page whatever the token, so nothing about tokens leaks, except for
+// a public share with a relay: its page names the relay's stream in a video element, which
+// VRChat's resolver plays for players without Mirell.
 HttpAnswer AnswerHttp(std::string_view method, std::string_view target,
-                      const std::optional<LatestRelease>& latest);
+                      const std::optional<LatestRelease>& latest,
+                      const PublicStreamLookup& public_stream = {});
 
 }  // namespace mirell::signal

@@ -14,6 +14,10 @@
 // "deny" ends that viewer with "error". A viewer whose connection ends is reported "peer-gone".
 // A viewer may name a key in its join; the host's "challenge" and the viewer's "proof" pass
 // through like offers and answers, and the server checks nothing of them: the host does.
+// A host may register its token as public (anyone with the link watches). Only into a public
+// token may a relay join, one that names the operator's relay secret; any other join that names
+// one is refused, and so is a relay's join of a token that is not public or not known. The host
+// hears such a peer as a relay. A host that registers again without "public" sends its relays away.
 #pragma once
 
 #include <chrono>
@@ -50,7 +54,8 @@ struct HubStatistics {
 
 class SignalHub {
  public:
-  SignalHub(Router& router, HubLimits limits);
+  // An empty relay secret admits no relay.
+  SignalHub(Router& router, HubLimits limits, std::string relay_secret = {});
 
   void Opened(ConnectionId id, Clock::time_point now);
   // One text frame from a connection.
@@ -63,6 +68,8 @@ class SignalHub {
   void Sweep(Clock::time_point now);
 
   HubStatistics statistics() const;
+  // Whether the token is held (hosted, or kept for its host) as a public share.
+  bool IsPublic(std::string_view token) const;
 
  private:
   enum class Role { kNone, kHost, kViewer };
@@ -80,12 +87,14 @@ class SignalHub {
     std::string identity;
     std::string display_name;
     std::string key;
+    bool relay = false;
     bool joined = false;  // "joined" was sent.
   };
   struct Token {
     std::string secret_digest;  // Empty until a host registered it.
     std::optional<ConnectionId> host;
     std::string media;  // The host's media object as JSON text; empty when none.
+    bool is_public = false;
     std::vector<std::string> viewers;  // Peer ids, in order of arrival.
     Clock::time_point hostless_since;
   };
@@ -100,6 +109,8 @@ class SignalHub {
   void End(ConnectionId id, Connection& connection, const std::string& text);
   // Tells each of the token's viewers `reason` and closes them.
   void SendViewersAway(Token& token, std::string_view reason);
+  // Its relays, when it is no longer public; the host hears them gone.
+  void SendRelaysAway(Token& token);
   // "joined" to a waiting viewer and "peer" to the token's host.
   void Announce(Token& token, const std::string& peer);
   bool Allowed(Connection& connection, Clock::time_point now);
@@ -110,6 +121,7 @@ class SignalHub {
 
   Router& router_;
   const HubLimits limits_;
+  const std::string relay_secret_digest_;  // Empty: no relay.
   std::unordered_map<ConnectionId, Connection> connections_;
   std::unordered_map<std::string, Token> tokens_;
   std::unordered_map<std::string, Viewer> viewers_;  // By peer id.

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "mirell/signal/http_answers.h"
 #include "mirell/signal/signal_hub.h"
@@ -21,6 +22,8 @@ struct ServerConfig {
   std::string tls_key;
   std::optional<LatestRelease> latest;    // The "/latest" answer; 404 without it.
   HubLimits hub;
+  std::string relay_secret;              // What the operator's relays name; empty: no relays.
+  std::vector<std::string> relay_urls;   // "rtspt://HOST[:PORT]" of each relay, for public pages.
   std::size_t max_connections = 4096;     // Beyond it new connections are closed at once.
   std::size_t max_connections_per_address = 64;  // The same, for one remote address (not loopback).
   std::size_t max_message_bytes = 65536;  // A larger frame ends its connection.

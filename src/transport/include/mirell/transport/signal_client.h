@@ -3,16 +3,18 @@
 // through it as JSON text frames; it carries no media and never reads an SDP.
 //
 // The protocol, one JSON object per text frame, selected by "type":
-//   client -> server  "host" {token, secret, media?}   "end" {token}
-//                     "join" {token, identity?, displayName?, key?}
+//   client -> server  "host" {token, secret, media?, public?}   "end" {token}
+//                     "join" {token, identity?, displayName?, key?, relay?}
 //                     "offer" {peer, sdp}  "deny" {peer}  "challenge" {peer, challenge}
 //                     "proof" {signature}  "answer" {sdp, signature?}
-//   server -> client  "hosting"  "joined" {media?}  "peer" {peer, identity, displayName, key}
+//   server -> client  "hosting"  "joined" {media?}  "peer" {peer, identity, displayName, key, relay?}
 //                     "peer-gone" {peer}  "offer" {sdp}  "challenge" {challenge}
 //                     "proof" {peer, signature}  "answer" {peer, sdp, signature}
 //                     "error" {reason}
 // A viewer that names a key proves it when its host challenges it (see viewer_proof.h); the
 // server only passes these on.
+// A public share ("public": true) lets everyone in; only into one may a relay join, naming the
+// secret its operator gave it and the server; the server tells the host that the peer is a relay.
 // Unknown keys are ignored; a binary frame is dropped.
 //
 // Each client runs a thread of its own that opens the socket, registers on every open, and
@@ -46,6 +48,9 @@ struct PeerIdentity {
   std::string identity;
   std::string display_name;
   std::string key;  // The viewer's public key (identity_key.h).
+  // Said by the server, not the viewer: the peer is its operator's relay, which serves the share
+  // to players without Mirell.
+  bool relay = false;
 };
 
 struct ShareCredentials {
@@ -60,6 +65,8 @@ struct SignalConfig {
   std::string identity;      // Viewer only; may be empty.
   std::string display_name;  // Viewer only; sent only with an identity.
   std::string key;           // Viewer only: its public key, which it will prove when asked.
+  bool is_public = false;    // Host only: anyone with the link may watch, a relay too.
+  std::string relay_secret;  // Viewer only: joins as the server's relay (public shares only).
   std::optional<StreamMedia> media;  // Host only.
   // A server silent this long (a ping goes out at half of it) is taken as gone, and the client
   // reconnects. Zero: never.
