@@ -85,6 +85,7 @@ InstanceReply AnswerInstanceRequest(DaemonHost& host, const InstanceRequest& req
       }
       try {
         if (request.share.admit_everyone) sharing.SetAdmissionRequired(false);
+        sharing.SetPublic(request.share.is_public);
         const auto windows = capture::EnumerateWindows();
         const auto monitors = capture::EnumerateMonitors();
         sharing.Start(ResolveShareTarget(request.share, windows, monitors));
@@ -118,11 +119,13 @@ void StartCommandLineShare(DaemonHost& host, const ShareOptions& options) {
   session::Sharing& sharing = host.sharing();
   if (options.admit_everyone) sharing.SetAdmissionRequired(false);
   if (!options.wants_share()) return;
+  sharing.SetPublic(options.is_public);
 
   const auto windows = capture::EnumerateWindows();
   const auto monitors = capture::EnumerateMonitors();
   sharing.Start(ResolveShareTarget(options, windows, monitors));
   if (options.admit_everyone) LOG_WARN("every viewer is let in without asking (--admit-everyone)");
+  if (options.is_public) LOG_WARN("anyone with the link can watch, without Mirell too (--public)");
   const std::string link = sharing.link();
   LOG_INFO("share link {}", link);
   std::printf("%s\n", link.c_str());

@@ -55,6 +55,7 @@ std::string EncodeRequest(const InstanceRequest& request) {
       if (!request.share.window_title.empty()) value["window"] = request.share.window_title;
       if (request.share.monitor) value["monitor"] = *request.share.monitor;
       if (request.share.admit_everyone) value["admit_everyone"] = true;
+      if (request.share.is_public) value["public"] = true;
       if (!request.share.allow.empty()) value["allow"] = request.share.allow;
       break;
     case InstanceRequest::Kind::kAdmit:
@@ -92,6 +93,10 @@ std::optional<InstanceRequest> DecodeRequest(std::string_view line) {
   if (const auto everyone = value->find("admit_everyone"); everyone != value->end()) {
     if (!everyone->is_boolean()) return std::nullopt;
     request.share.admit_everyone = everyone->get<bool>();
+  }
+  if (const auto is_public = value->find("public"); is_public != value->end()) {
+    if (!is_public->is_boolean()) return std::nullopt;
+    request.share.is_public = is_public->get<bool>();
   }
   if (const auto allow = value->find("allow"); allow != value->end()) {
     if (!allow->is_array()) return std::nullopt;

@@ -94,11 +94,9 @@ void MainWindow::BuildLayout() {
   link_row->addWidget(copy_button_);
   link_row->addWidget(new_link_button_);
   link_layout->addLayout(link_row);
-  auto* paste_hint = new QLabel(tr("Paste this into a video player in VRChat. Anyone without "
-                                   "Mirell gets a page explaining what it is."),
-                                link_group);
-  paste_hint->setWordWrap(true);
-  link_layout->addWidget(paste_hint);
+  paste_hint_ = new QLabel(link_group);
+  paste_hint_->setWordWrap(true);
+  link_layout->addWidget(paste_hint_);
   auto* time_row = new QHBoxLayout;
   time_left_label_ = new QLabel(link_group);
   time_left_label_->setWordWrap(true);
@@ -237,6 +235,7 @@ void MainWindow::RefreshShare() {
                                 "links won't play. Check the log."));
     }
     link_edit_->clear();
+    paste_hint_->setText(PasteHintText(false));
     sound_label_->clear();
     signal_label_->setText(IdleMeetingText(MeetingPlace()));
     time_left_label_->clear();
@@ -248,6 +247,7 @@ void MainWindow::RefreshShare() {
                              .arg(sharing.viewer_count())
                              .arg(RateText(sharing.uplink_kbps())));
   link_edit_->setText(Q(sharing.link()));
+  paste_hint_->setText(PasteHintText(sharing.is_public()));
   RefreshSignal();
   const std::int64_t seconds_left = sharing.seconds_left();
   if (seconds_left < 1) {
@@ -324,9 +324,9 @@ void MainWindow::CheckUntrustedUrls() {
 }
 
 void MainWindow::PickAndShare() {
-  PickerDialog picker(this);
-  if (picker.exec() != QDialog::Accepted || !picker.result()) return;
   session::Sharing& sharing = host_->sharing();
+  PickerDialog picker(this, !sharing.active());
+  if (picker.exec() != QDialog::Accepted || !picker.result()) return;
   if (sharing.active()) {
     try {
       sharing.Retarget(*picker.result());
@@ -336,6 +336,7 @@ void MainWindow::PickAndShare() {
     }
   } else {
     try {
+      sharing.SetPublic(picker.public_share());
       sharing.Start(*picker.result());
       limit_notified_ = false;
     } catch (const std::exception& error) {

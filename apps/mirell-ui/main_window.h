@@ -88,6 +88,7 @@ class MainWindow : public QMainWindow {
   QPushButton* copy_button_ = nullptr;
   QPushButton* new_link_button_ = nullptr;
   QLabel* time_left_label_ = nullptr;
+  QLabel* paste_hint_ = nullptr;  // How the link is used; for a public share, who gets in.
   QPushButton* extend_button_ = nullptr;
   QTableWidget* viewers_table_ = nullptr;
   QPushButton* remove_button_ = nullptr;

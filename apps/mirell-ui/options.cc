@@ -87,6 +87,13 @@ const std::vector<Option>& Table() {
          line.share.admit_everyone = true;
          return {};
        }},
+      {"--public", "", "", Section::kShare,
+       "anyone with the link can watch: nobody is asked about, and the meeting place's relay\n"
+       "serves the share to VRChat players without Mirell",
+       [](CommandLine& line, const std::string&) -> std::string {
+         line.share.is_public = true;
+         return {};
+       }},
       {"--admit", "", "PEER", Section::kShare,
        "let the viewer PEER in, who waits for the share of the mirell-ui already running (give\n"
        "it that run's --rtsp-port and --pipe, if it has others)",

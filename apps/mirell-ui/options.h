@@ -36,6 +36,7 @@ struct ShareOptions {
   std::optional<std::uint32_t> monitor;  // "--share-monitor": an index of the monitor list.
   std::vector<std::string> allow;        // "--allow", repeatable: VRChat user ids let in by claim.
   bool admit_everyone = false;           // "--admit-everyone".
+  bool is_public = false;                // "--public": anyone with the link can watch.
   // "--quality WIDTHxHEIGHT@FPS": the size and rate a share is encoded at.
   std::optional<std::uint32_t> width, height, fps;
   // "--share-minutes N": the share's time limit for this run, 0 for none (the default is 360).

@@ -90,7 +90,7 @@ QPixmap PlaceholderIcon(const QSize& size) {
   return placeholder;
 }
 
-PickerDialog::PickerDialog(QWidget* parent)
+PickerDialog::PickerDialog(QWidget* parent, bool offer_public)
     : QDialog(parent), thumbnails_(capture::CreateThumbnailSource()) {
   setWindowTitle(tr("Share a screen or a window"));
   setMinimumSize(760, 580);
@@ -125,6 +125,20 @@ PickerDialog::PickerDialog(QWidget* parent)
   all_sound_->setVisible(false);
   layout->addWidget(all_sound_);
   connect(all_sound_, &QCheckBox::toggled, this, &PickerDialog::SelectionChanged);
+
+  if (offer_public) {
+    // Off each time: a public share is chosen for one share, never carried over unseen.
+    public_ = new QCheckBox(tr("Anyone with the link can watch"), this);
+    layout->addWidget(public_);
+    auto* public_hint = new QLabel(
+        tr("Nobody is asked about: everyone who has the link gets in, and anyone who can see "
+           "it in a VRChat world can. People without Mirell watch too, through your meeting "
+           "place's relay, which takes one stream from you however many watch."),
+        this);
+    public_hint->setWordWrap(true);
+    public_hint->setIndent(24);
+    layout->addWidget(public_hint);
+  }
 
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Cancel, this);
   share_button_ = buttons->addButton(tr("Share"), QDialogButtonBox::AcceptRole);
@@ -237,6 +251,8 @@ void PickerDialog::SelectionChanged() {
   }
   all_sound_->setVisible(!selected.isEmpty() && !selected.front()->data(kIsMonitorRole).toBool());
 }
+
+bool PickerDialog::public_share() const { return public_ != nullptr && public_->isChecked(); }
 
 void PickerDialog::Accept() {
   const QList<QListWidgetItem*> selected = list_->selectedItems();

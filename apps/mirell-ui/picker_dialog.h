@@ -28,11 +28,15 @@ class PickerDialog : public QDialog {
   Q_OBJECT
 
  public:
-  explicit PickerDialog(QWidget* parent = nullptr);
+  // `offer_public`: a new share, which may be made public; a swap of what a share shows keeps
+  // what the share is.
+  explicit PickerDialog(QWidget* parent = nullptr, bool offer_public = false);
   ~PickerDialog() override;
 
   // Filled by Accept; read after exec.
   const std::optional<session::ShareTarget>& result() const { return result_; }
+  // "Anyone with the link can watch" was ticked; never without `offer_public`.
+  bool public_share() const;
   QListWidget* list() const { return list_; }
 
  private slots:
@@ -45,6 +49,7 @@ class PickerDialog : public QDialog {
   QListWidget* list_ = nullptr;
   QLabel* hint_ = nullptr;
   QCheckBox* all_sound_ = nullptr;  // A window's share with everything the computer plays.
+  QCheckBox* public_ = nullptr;     // Null unless offered.
   QPushButton* share_button_ = nullptr;
   QTimer* preview_timer_ = nullptr;
   QTimer* list_timer_ = nullptr;

@@ -78,8 +78,20 @@ QString SignalStateText(session::SignalState state, const QString& server, const
   return {};
 }
 
+QString PasteHintText(bool is_public) {
+  return is_public ? Tr("Anyone with the link can watch, with or without Mirell: nobody is asked.")
+                   : Tr("Paste this into a video player in VRChat. Anyone without Mirell gets a "
+                        "page explaining what it is.");
+}
+
 ViewerCell ViewerCellFor(const session::ViewerInfo& viewer) {
   const QString id = Q(viewer.connection_id);
+  if (viewer.relay) {
+    return {Tr("Relay for players without Mirell"),
+            Tr("The meeting place's relay: it plays your public share to everyone in VRChat who "
+               "doesn't have Mirell, however many they are, over this one connection.\n"
+               "Connection id: %1").arg(id)};
+  }
   if (viewer.identity.empty()) {
     return {id, Tr("They didn't say who they are. This is the id the signal server gave them.")};
   }

@@ -33,6 +33,9 @@ QString IdleMeetingText(const QString& place);
 // "... refused this share: <reason>".
 QString SignalStateText(session::SignalState state, const QString& server, const std::string& reason);
 
+// What the share link is for, under it: who gets in, and who can play it.
+QString PasteHintText(bool is_public);
+
 // The first cell of a viewer's row: who they say they are, and what that means.
 struct ViewerCell {
   QString text;

@@ -12,11 +12,13 @@ TEST(InstanceRequest, EachKindComesBackAsItWent) {
   share.kind = InstanceRequest::Kind::kShare;
   share.share.window_title = "Moving \"Demo\" ✓";
   share.share.admit_everyone = true;
+  share.share.is_public = true;
   const auto decoded = DecodeRequest(EncodeRequest(share));
   ASSERT_TRUE(decoded.has_value());
   EXPECT_EQ(decoded->kind, InstanceRequest::Kind::kShare);
   EXPECT_EQ(decoded->share.window_title, "Moving \"Demo\" ✓");
   EXPECT_TRUE(decoded->share.admit_everyone);
+  EXPECT_TRUE(decoded->share.is_public);
   EXPECT_FALSE(decoded->share.monitor.has_value());
   EXPECT_EQ(EncodeRequest(share).find('\n'), std::string::npos) << "one line";
 
@@ -24,6 +26,7 @@ TEST(InstanceRequest, EachKindComesBackAsItWent) {
   monitor.kind = InstanceRequest::Kind::kShare;
   monitor.share.monitor = 2;
   EXPECT_EQ(DecodeRequest(EncodeRequest(monitor))->share.monitor, std::optional<std::uint32_t>(2));
+  EXPECT_FALSE(DecodeRequest(EncodeRequest(monitor))->share.is_public) << "not public unless asked";
 
   for (const auto kind : {InstanceRequest::Kind::kAdmit, InstanceRequest::Kind::kDeny}) {
     InstanceRequest decision;
@@ -43,7 +46,8 @@ TEST(InstanceRequest, WhatIsNotARequestIsRefused) {
                            R"({"do":"admit","peer":""})", R"({"do":"share"})",
                            R"({"do":"share","window":"a","monitor":1})", R"({"do":"share","monitor":-1})",
                            R"({"do":"share","monitor":1000})", R"({"do":"share","window":""})",
-                           R"({"do":"share","window":"a","admit_everyone":"yes"})"}) {
+                           R"({"do":"share","window":"a","admit_everyone":"yes"})",
+                           R"({"do":"share","window":"a","public":1})"}) {
     EXPECT_FALSE(DecodeRequest(line).has_value()) << line;
   }
   EXPECT_FALSE(DecodeRequest(R"({"do":"show","x":")" + std::string(kMaxInstanceLine, 'a') + "\"}").has_value());

@@ -204,6 +204,8 @@ TEST(ShareOptions, AWindowByPartOfItsTitleWithEveryAllowedUser) {
   EXPECT_FALSE(line.share.monitor.has_value());
   EXPECT_EQ(line.share.allow, (std::vector<std::string>{kFriend, "4KxR2TmqZa"}));
   EXPECT_TRUE(line.share.admit_everyone);
+  EXPECT_FALSE(line.share.is_public);
+  EXPECT_TRUE(Parse({"--share-window", "Demo", "--public"}).share.is_public);
 }
 
 TEST(ShareOptions, AMonitorByItsIndex) {

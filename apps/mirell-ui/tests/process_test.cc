@@ -705,7 +705,7 @@ TEST(UiHelp, PrintsEveryOptionAndStartsNothing) {
     EXPECT_TRUE(result.out.starts_with("mirell-ui: ")) << result.out;
     for (const char* option :
          {"--share-window", "--share-monitor", "--quality", "--share-minutes", "--allow", "--admit-everyone",
-          "--signal", "--rtsp-port", "--pipe", "--no-stub", "--update-url", "--log-file", "--debug-log",
+          "--public", "--signal", "--rtsp-port", "--pipe", "--no-stub", "--update-url", "--log-file", "--debug-log",
           "--restore-vrchat", "--tools-dir", "--version"}) {
       EXPECT_NE(result.out.find(std::string("  ") + option + " "), std::string::npos) << option;
     }

@@ -117,6 +117,15 @@ TEST(WindowTexts, AViewerWithOnlyAnIdOrNothingAtAll) {
             "They didn't say who they are. This is the id the signal server gave them.");
 }
 
+TEST(WindowTexts, TheRelayIsNamedForWhatItDoes) {
+  TestApplication();
+  session::ViewerInfo relay = Viewer("r1");
+  relay.relay = true;
+  const ViewerCell cell = ViewerCellFor(relay);
+  EXPECT_EQ(cell.text, "Relay for players without Mirell");
+  EXPECT_TRUE(cell.tool_tip.endsWith("Connection id: r1")) << cell.tool_tip.toStdString();
+}
+
 TEST(ViewersTable, RowsAreKeyedByConnectionAndUpdatedInPlace) {
   TestApplication();
   QTableWidget table;

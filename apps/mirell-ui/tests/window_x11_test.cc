@@ -284,6 +284,7 @@ TEST_F(WindowOnX11, PickingAWindowInTheMainWindowStartsAShareAndStopEndsIt) {
   ButtonNamed(main_window, "Share something...")->click();
 
   ASSERT_TRUE(host.sharing().active());
+  EXPECT_FALSE(host.sharing().is_public()) << "a share is not public unless ticked";
   EXPECT_EQ(LabelStartingWith(main_window, "Sharing "),
             "Sharing Shared from the window. 0 watching, - going out.");
   const QString link = main_window.findChild<QLineEdit*>()->text();
@@ -307,6 +308,66 @@ TEST_F(WindowOnX11, PickingAWindowInTheMainWindowStartsAShareAndStopEndsIt) {
   EXPECT_FALSE(ButtonNamed(main_window, "Stop sharing")->isEnabled());
   EXPECT_TRUE(main_window.tray()->toolTip().startsWith("Mirell\nNo meeting place is chosen"))
       << main_window.tray()->toolTip().toStdString();
+}
+
+// A share made public in the picker says so under its link; a second pick (a swap of what the
+// share shows) offers no such choice, and the next share is private again.
+TEST_F(WindowOnX11, APublicShareIsChosenInThePickerAndTheWindowSaysWhoGetsIn) {
+  capture::TestWindow window(display_->name(), {"--title", "Public window", "--size", "480x270",
+                                                "--color", "0000ff", "--color2", "ffff00", "--bars"});
+  ASSERT_NE(window.id(), 0u);
+  DaemonConfig config;
+  config.share_prefix = "mirell.example/s/";
+  config.install_stub = false;
+  DaemonHost host(config);
+  MainWindow main_window(&host);
+  main_window.show();
+  const auto checkbox_named = [](QWidget& parent, const QString& text) -> QCheckBox* {
+    for (QCheckBox* box : parent.findChildren<QCheckBox*>()) {
+      if (box->text() == text) return box;
+    }
+    return nullptr;
+  };
+  const auto pick = [&](bool make_public, bool* offered) {
+    QTimer::singleShot(0, [&, make_public, offered] {
+      ASSERT_TRUE(ProcessEventsUntil([] { return QApplication::activeModalWidget() != nullptr; }));
+      auto* picker = dynamic_cast<PickerDialog*>(QApplication::activeModalWidget());
+      ASSERT_NE(picker, nullptr);
+      QCheckBox* box = checkbox_named(*picker, "Anyone with the link can watch");
+      *offered = box != nullptr;
+      if (box != nullptr) {
+        EXPECT_FALSE(box->isChecked()) << "off by default";
+        box->setChecked(make_public);
+        SaveScreenshot(*picker, "picker_public_choice");
+      }
+      QListWidgetItem* item = ItemLabelled(*picker->list(), "Public window");
+      ASSERT_NE(item, nullptr);
+      item->setSelected(true);
+      ButtonNamed(*picker, "Share")->click();
+    });
+  };
+  bool offered = false;
+  pick(true, &offered);
+  ButtonNamed(main_window, "Share something...")->click();
+  EXPECT_TRUE(offered);
+  ASSERT_TRUE(host.sharing().active());
+  EXPECT_TRUE(host.sharing().is_public());
+  EXPECT_FALSE(LabelStartingWith(main_window, "Anyone with the link can watch, with or without Mirell").isEmpty());
+  SaveScreenshot(main_window, "main_window_public_share");
+
+  pick(false, &offered);
+  ButtonNamed(main_window, "Share something else...")->click();
+  EXPECT_FALSE(offered) << "swapping what is shown keeps the share as it is";
+  EXPECT_TRUE(host.sharing().is_public());
+
+  ButtonNamed(main_window, "Stop sharing")->click();
+  EXPECT_FALSE(host.sharing().is_public());
+  EXPECT_FALSE(LabelStartingWith(main_window, "Paste this into a video player").isEmpty());
+  pick(false, &offered);
+  ButtonNamed(main_window, "Share something...")->click();
+  EXPECT_TRUE(offered);
+  EXPECT_FALSE(host.sharing().is_public());
+  host.sharing().Stop();
 }
 
 TEST_F(WindowOnX11, AShareWithoutATimeLimitOffersNoExtensionAndNoCountdown) {

@@ -42,6 +42,7 @@ struct ShareSession::Peer {
   std::atomic<bool> gone{false};
   std::string identity;
   std::string display_name;
+  bool relay = false;
   std::string key;        // Proved: its answer must be signed with it.
   std::string challenge;  // The one the key was proved under.
   bool allowlisted = false;
@@ -96,7 +97,14 @@ void ShareSession::OnArrival(const std::string& id, const transport::PeerIdentit
   Arrival arrival;
   arrival.identity = identity;
   arrival.since = SteadyNowNs();
-  if (!admission_required_) {
+  if (identity.relay && !public_) {
+    // The server lets relays into public shares only; a share of ours that is not public trusts
+    // no server's word for that.
+    LOG_WARN("peer={} a relay in a share that is not public: sent away", id);
+    signal_->SendDeny(id);
+    return;
+  }
+  if (!admission_required_ || public_) {
     Admit(id, arrival, false);
     return;
   }
@@ -296,6 +304,7 @@ void ShareSession::Admit(const std::string& id, const Arrival& arrival, bool all
   auto peer = std::make_shared<Peer>();
   peer->identity = arrival.identity.identity;
   peer->display_name = arrival.identity.display_name;
+  peer->relay = arrival.identity.relay;
   if (!arrival.key_fingerprint.empty()) {
     peer->key = arrival.identity.key;
     peer->challenge = arrival.challenge;
@@ -510,6 +519,7 @@ std::vector<ViewerInfo> ShareSession::Viewers() const {
     row.identity = peer->identity;
     row.display_name = peer->display_name;
     row.allowlisted = peer->allowlisted;
+    row.relay = peer->relay;
     if (!peer->key.empty()) row.key_fingerprint = transport::KeyFingerprint(peer->key);
     row.state = peer->link ? peer->link->state() : PeerState::kClosed;
     // From the viewer's first picture: the time before it is the connection's, not watching.

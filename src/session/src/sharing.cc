@@ -47,6 +47,7 @@ struct Sharing::State {
   std::atomic<std::int64_t> epoch{0};  // Shared time zero of picture and sound, 100 ns.
   std::int64_t expires_at = 0;         // Steady clock, ns; 0: no limit.
   std::string label;
+  bool is_public = false;
   bool whole_mix = false;
   bool audio_whole_mix = false;
   bool audio_open = false;
@@ -96,6 +97,7 @@ void Sharing::Start(const ShareTarget& target) {
   expired_ = false;
   auto state = std::make_unique<State>();
   state->label = target.label;
+  state->is_public = public_;
   state->whole_mix = target.whole_mix;
   if (config_.lifetime_minutes > 0) {
     state->expires_at = SteadyNowNs() + config_.lifetime_minutes * kNanosecondsPerMinute;
@@ -207,6 +209,7 @@ void Sharing::StartPeering(State& state) {
   signal.url = config_.signal_url;
   signal.token = state.token;
   signal.secret = state.secret;
+  signal.is_public = state.is_public;
   transport::StreamMedia media;
   media.width = config_.width;
   media.height = config_.height;
@@ -225,6 +228,7 @@ void Sharing::StartPeering(State& state) {
                                                  audio ? &state.stream->audio() : nullptr, peer_config,
                                                  offer, audio ? audio->sample_rate : kAudioRate);
   state.session->SetAdmissionRequired(admission_required_);
+  state.session->SetPublic(state.is_public);
   state.session->SetAllowlist(allowlist_);
   state.session->SetShareToken(state.token);
   state.session->SetPendingHandler([this](const PendingViewer& viewer) {
@@ -433,6 +437,16 @@ void Sharing::SetQuality(const ShareQuality& quality) {
 void Sharing::SetAdmissionRequired(bool required) {
   std::lock_guard lock(mutex_);
   admission_required_ = required;
+}
+
+void Sharing::SetPublic(bool is_public) {
+  std::lock_guard lock(mutex_);
+  public_ = is_public;
+}
+
+bool Sharing::is_public() const {
+  std::lock_guard lock(mutex_);
+  return state_ && state_->is_public;
 }
 
 void Sharing::Admit(const std::string& connection_id) {

@@ -332,6 +332,44 @@ TEST_F(ShareSessionTest, ApprovingAnUnknownIdDoesNothing) {
   EXPECT_TRUE(signal_.sent().empty());
 }
 
+TEST_F(ShareSessionTest, APublicShareLetsEveryoneInAtOnceTheServersRelayToo) {
+  session_.SetPublic(true);
+  session_.Start();
+  const auto key = transport::IdentityKey::Generate();
+  signal_.Peer("c1", Claim("usr_unlisted", "Stranger", key));
+  PeerIdentity relay;
+  relay.relay = true;
+  signal_.Peer("r1", relay);
+  EXPECT_TRUE(Asked().empty());
+  EXPECT_EQ(signal_.CountSent("challenge"), 0u) << "nothing to prove where everyone gets in";
+  EXPECT_EQ(session_.admitted(), 2u);
+  const auto viewers = session_.Viewers();
+  ASSERT_EQ(viewers.size(), 2u);
+  for (const auto& viewer : viewers) {
+    EXPECT_EQ(viewer.relay, viewer.connection_id == "r1") << viewer.connection_id;
+    EXPECT_FALSE(viewer.allowlisted);
+  }
+  EXPECT_TRUE(Eventually([&] { return OfferSentTo("c1") && OfferSentTo("r1"); }));
+}
+
+TEST_F(ShareSessionTest, ARelayIsSentAwayFromAShareThatIsNotPublicWhateverTheServerSays) {
+  for (const bool admission : {true, false}) {
+    ScriptedSignalClient signal;
+    ShareSession session(&signal, &frames_, &audio_, transport::PeerConfig{{}, 1}, transport::OfferMedia{},
+                         48000);
+    session.SetAdmissionRequired(admission);
+    session.Start();
+    PeerIdentity relay;
+    relay.relay = true;
+    signal.Peer("r1", relay);
+    EXPECT_EQ(signal.CountSent("deny"), 1u) << admission;
+    EXPECT_EQ(session.ViewerCount(), 0u);
+    EXPECT_TRUE(session.PendingViewers().empty());
+    session.Stop();
+  }
+  EXPECT_TRUE(Asked().empty());
+}
+
 TEST_F(ShareSessionTest, DenyingTwiceSendsOneDeny) {
   session_.Start();
   signal_.Peer("c1", {"usr_x", "X", {}});

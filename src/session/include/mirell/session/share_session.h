@@ -41,6 +41,7 @@ struct ViewerInfo {
   std::string identity;
   std::string display_name;
   bool allowlisted = false;
+  bool relay = false;           // The signal server's relay, serving players without Mirell.
   std::string key_fingerprint;  // Of the key it proved; empty: none.
   transport::PeerState state = transport::PeerState::kConnecting;
   std::int64_t seconds = 0;  // Watching: from its first picture, 0 before.
@@ -81,6 +82,9 @@ class ShareSession {
   void SetShareToken(std::string token) { token_ = std::move(token); }
   // False lets every viewer in. Before Start.
   void SetAdmissionRequired(bool required) { admission_required_ = required; }
+  // A public share lets every viewer in, its signal server's relay too; a share that is not
+  // public sends a relay away whatever the server says. Before Start.
+  void SetPublic(bool is_public) { public_ = is_public; }
   // How long an admitted viewer's link may take to connect before it is closed (default 15 s);
   // the next Sweep applies it.
   void SetConnectLimit(std::chrono::milliseconds limit) {
@@ -174,6 +178,7 @@ class ShareSession {
   Allowlist allowlist_;
   std::string token_;
   bool admission_required_ = true;
+  bool public_ = false;
   PendingHandler on_pending_;
   std::function<void(const std::string&)> on_pending_gone_;
   std::atomic<bool> running_{false};

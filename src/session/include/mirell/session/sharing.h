@@ -127,6 +127,11 @@ class Sharing {
   void SetQuality(const ShareQuality& quality);
   // False admits every viewer at once.
   void SetAdmissionRequired(bool required);
+  // For the next share: anyone with its link can watch (every viewer is let in at once) and its
+  // signal server is told so, which lets the server's relay serve it to players without Mirell.
+  void SetPublic(bool is_public);
+  // Whether the running share is public; false without one.
+  bool is_public() const;
   // The user's decisions about a viewer, forwarded to the door; nothing without a share.
   void Admit(const std::string& connection_id);
   void Deny(const std::string& connection_id);
@@ -165,6 +170,7 @@ class Sharing {
   Config config_;
   const CaptureFactories factories_;
   bool admission_required_ = false;
+  bool public_ = false;
   std::atomic<bool> expired_{false};
   Allowlist allowlist_;
   // Its own lock: the door calls it on the signal client's thread, which must never wait for
