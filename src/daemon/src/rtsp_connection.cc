@@ -190,10 +190,14 @@ void RtspConnection::Describe(const RtspRequest& request) {
   const auto sequence_header = stream_->SequenceHeader();
   const std::string sdp = BuildSdp(sequence_header, stream_->bitrate_kbps(), audio);
   Respond("200 OK", request.cseq,
-          fmt::format("Content-Type: application/sdp\r\nContent-Base: rtsp://{}:{}{}/\r\n"
+          fmt::format("Content-Type: application/sdp\r\nContent-Base: {}{}/\r\n"
                       "Session: {}\r\n",
-                      kLoopback, context_.port, RequestPath(request.uri), session_id_),
+                      Origin(request.uri), RequestPath(request.uri), session_id_),
           sdp);
+}
+
+std::string RtspConnection::Origin(std::string_view uri) const {
+  return RequestOrigin(uri, fmt::format("rtsp://{}:{}", kLoopback, context_.port));
 }
 
 void RtspConnection::Setup(const RtspRequest& request) {
@@ -242,11 +246,12 @@ void RtspConnection::Play(const RtspRequest& request) {
   // second subscription would outlive the connection's own and keep the stream busy for ever.
   if (!playing_) StartDelivery();
   const std::string path = RequestPath(request.uri);
-  std::string rtp_info = fmt::format("RTP-Info: url=rtsp://{}:{}{}/trackID=0;seq={};rtptime={}",
-                                     kLoopback, context_.port, path, h264_.next_sequence(), rtp_base_);
+  const std::string origin = Origin(request.uri);
+  std::string rtp_info = fmt::format("RTP-Info: url={}{}/trackID=0;seq={};rtptime={}", origin, path,
+                                     h264_.next_sequence(), rtp_base_);
   if (has_audio_) {
-    rtp_info += fmt::format(",url=rtsp://{}:{}{}/trackID=1;seq={};rtptime={}", kLoopback,
-                            context_.port, path, aac_.next_sequence(), rtp_base_);
+    rtp_info += fmt::format(",url={}{}/trackID=1;seq={};rtptime={}", origin, path,
+                            aac_.next_sequence(), rtp_base_);
   }
   rtp_info += "\r\n";
   Respond("200 OK", request.cseq,

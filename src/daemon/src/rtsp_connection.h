@@ -36,6 +36,8 @@ class RtspConnection {
   void Run();
 
  private:
+  // Where the player reached this server, for the URLs handed back to it.
+  std::string Origin(std::string_view uri) const;
   using SteadyTime = std::chrono::steady_clock::time_point;
 
   // False when the connection must end (TEARDOWN).

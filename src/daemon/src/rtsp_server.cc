@@ -21,7 +21,9 @@ RtspServer::RtspServer(StreamLookup lookup) : lookup_(std::move(lookup)) {}
 
 RtspServer::~RtspServer() { Stop(); }
 
-void RtspServer::Start(std::uint16_t port) {
+void RtspServer::Start(std::uint16_t port) { Start(std::string(kLoopback), port); }
+
+void RtspServer::Start(const std::string& bind_address, std::uint16_t port) {
   port_ = port;
   const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
   MIRELL_CHECK(listener >= 0, "rtsp: socket() failed with {}", errno);
@@ -30,13 +32,15 @@ void RtspServer::Start(std::uint16_t port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
-  const std::string loopback(kLoopback);
-  MIRELL_CHECK(::inet_pton(AF_INET, loopback.c_str(), &address.sin_addr) == 1,
-               "rtsp: inet_pton failed");
+  if (::inet_pton(AF_INET, bind_address.c_str(), &address.sin_addr) != 1) {
+    CloseSocket(listener);
+    ThrowError(fmt::format("rtsp: '{}' is not an IPv4 address", bind_address),
+               std::source_location::current());
+  }
   if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
     const int error = errno;
     CloseSocket(listener);
-    ThrowError(fmt::format("rtsp: could not bind {}:{} ({})", kLoopback, port, HrToString(-error)),
+    ThrowError(fmt::format("rtsp: could not bind {}:{} ({})", bind_address, port, HrToString(-error)),
                std::source_location::current());
   }
   if (listen(listener, SOMAXCONN) != 0) {
@@ -55,7 +59,7 @@ void RtspServer::Start(std::uint16_t port) {
     NameThisThread("rtsp-accept");
     AcceptLoop();
   });
-  LOG_INFO("listening {}:{}", kLoopback, port_);
+  LOG_INFO("listening {}:{}", bind_address, port_);
 }
 
 void RtspServer::Stop() {

@@ -16,6 +16,22 @@ std::string RequestPath(std::string_view uri) {
   return path.empty() ? "/" : path;
 }
 
+std::string RequestOrigin(std::string_view uri, std::string_view fallback) {
+  const std::size_t scheme_end = uri.find("://");
+  if (scheme_end == std::string_view::npos) return std::string(fallback);
+  const std::string_view scheme = uri.substr(0, scheme_end);
+  if (scheme != "rtsp" && scheme != "rtspt" && scheme != "RTSP") return std::string(fallback);
+  std::string_view authority = uri.substr(scheme_end + 3);
+  authority = authority.substr(0, authority.find_first_of("/?#"));
+  if (authority.empty() || authority.front() == ':') return std::string(fallback);
+  for (const char c : authority) {
+    const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                         c == '.' || c == '-' || c == ':' || c == '[' || c == ']';
+    if (!allowed) return std::string(fallback);
+  }
+  return "rtsp://" + std::string(authority);
+}
+
 std::string TokenFromPath(std::string_view text) {
   std::string path = RequestPath(text);
   std::string_view rest = path;

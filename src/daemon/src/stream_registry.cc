@@ -10,12 +10,14 @@ void StreamRegistry::Publish(const std::string& token, std::shared_ptr<MediaStre
   streams_[token] = std::move(stream);
 }
 
-void StreamRegistry::Withdraw(const std::string& token) {
+void StreamRegistry::Withdraw(const std::string& token) { Withdraw(token, nullptr); }
+
+void StreamRegistry::Withdraw(const std::string& token, const MediaStream* only) {
   std::shared_ptr<MediaStream> stream;
   {
     std::lock_guard lock(mutex_);
     const auto it = streams_.find(token);
-    if (it == streams_.end()) return;
+    if (it == streams_.end() || (only != nullptr && it->second.get() != only)) return;
     stream = std::move(it->second);
     streams_.erase(it);
   }

@@ -21,6 +21,7 @@
 #include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
+#include "mirell/testsupport/tcp_client.h"
 #include "rtsp_sdp.h"
 #include "rtsp_test_client.h"
 
@@ -291,6 +292,36 @@ TEST_F(RtspServerTest, PlayWithoutDescribeOrSetupPlaysVideoOnChannelZero) {
   const auto frame = client.ReadFrame();
   ASSERT_TRUE(frame.has_value());
   EXPECT_EQ(frame->channel, 0);
+}
+
+// A relay's players reach it by its public name: the URLs handed back name it too, not loopback.
+TEST_F(RtspServerTest, TheUrlsHandedBackNameTheHostThePlayerUsed) {
+  RtspTestClient client(server_.port());
+  const std::string uri = "rtsp://relay.example.org:8554/s/tok";
+  const auto describe = client.Request("DESCRIBE", uri, 2);
+  EXPECT_EQ(describe.headers.at("Content-Base"), "rtsp://relay.example.org:8554/s/tok/");
+  const auto setup = client.Request("SETUP", uri + "/trackID=0", 3, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n");
+  ASSERT_EQ(setup.status, 200);
+  const auto play = client.Request("PLAY", uri, 4);
+  ASSERT_EQ(play.status, 200);
+  EXPECT_EQ(play.headers.at("RTP-Info").rfind("url=rtsp://relay.example.org:8554/s/tok/trackID=0;seq=", 0), 0u)
+      << play.headers.at("RTP-Info");
+}
+
+TEST(RtspServerBind, AnyIPv4AddressOrAClearError) {
+  RtspServer everywhere([](const std::string&) { return std::shared_ptr<MediaStream>(); });
+  everywhere.Start("0.0.0.0", 0);
+  EXPECT_NE(everywhere.port(), 0);
+  EXPECT_TRUE(testsupport::LoopbackPortAccepts(everywhere.port()));
+  everywhere.Stop();
+  RtspServer nowhere([](const std::string&) { return std::shared_ptr<MediaStream>(); });
+  try {
+    nowhere.Start("relay.example.org", 0);
+    ADD_FAILURE() << "a name is not an address";
+  } catch (const std::exception& error) {
+    EXPECT_NE(std::string(error.what()).find("'relay.example.org' is not an IPv4 address"), std::string::npos)
+        << error.what();
+  }
 }
 
 TEST_F(RtspServerTest, PrimedBacklogOfThirtyGoesOutAtOnceStartingAtRtpBase) {

@@ -46,6 +46,20 @@ TEST_F(StreamRegistryTest, WithdrawOfUnknownTokenIsSilent) {
   EXPECT_EQ(Log(), "");
 }
 
+TEST_F(StreamRegistryTest, AWithdrawOfOneStreamLeavesTheOneThatReplacedIt) {
+  auto old_stream = std::make_shared<MediaStream>("old", 30, 1);
+  auto new_stream = std::make_shared<MediaStream>("new", 30, 1);
+  registry_.Publish("T", old_stream);
+  registry_.Publish("T", new_stream);
+  auto reader = new_stream->frames().Subscribe(8, 0);
+  registry_.Withdraw("T", old_stream.get());
+  EXPECT_EQ(registry_.Find("T"), new_stream);
+  EXPECT_FALSE(reader->Closed());
+  registry_.Withdraw("T", new_stream.get());
+  EXPECT_EQ(registry_.Find("T"), nullptr);
+  EXPECT_TRUE(reader->Closed());
+}
+
 TEST_F(StreamRegistryTest, RepublishKeepsTheOldStreamAliveForItsHolders) {
   auto old_stream = std::make_shared<MediaStream>("old", 30, 1);
   auto new_stream = std::make_shared<MediaStream>("new", 30, 1);

@@ -1,6 +1,7 @@
 #include "mirell/session/viewing.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <utility>
 
 #include "mirell/base/clock.h"
@@ -20,13 +21,13 @@ constexpr std::uint32_t kDefaultAudioKbps = 128;
 // The priming frame count is worked out for 60 frames per second, whatever the stream's rate.
 constexpr std::int64_t kPrimingFps = 60;
 
-HoldingClipConfig CardConfig(std::uint32_t fps) {
+HoldingClipConfig CardConfig(std::uint32_t fps, const std::string& title) {
   HoldingClipConfig config;
   config.width = 1280;
   config.height = 720;
   config.fps = fps;
   config.bitrate_kbps = 1000;
-  config.title = "Waiting to be let in";
+  config.title = title;
   config.sample_rate = kDefaultRate;
   config.channels = kDefaultChannels;
   config.audio_bitrate_kbps = 128;
@@ -57,6 +58,19 @@ struct Viewing::Watch {
   // The host's latest challenge (signal thread), which the answer is signed under (link thread).
   std::mutex proof_mutex;
   std::string challenge;  // Under proof_mutex.
+  // The server's word on the join (signal thread), which WaitJoinState waits for; shared, so that
+  // a waiter outlives a watch that Poll removes meanwhile.
+  struct Joining {
+    std::mutex mutex;
+    std::condition_variable changed;
+    JoinState state = JoinState::kWaiting;  // Under mutex.
+    void Set(JoinState to) {
+      std::lock_guard lock(mutex);
+      if (state != JoinState::kRefused) state = to;
+      changed.notify_all();
+    }
+  };
+  std::shared_ptr<Joining> joining = std::make_shared<Joining>();
 };
 
 Viewing::Viewing(daemon::StreamRegistry& registry, Config config)
@@ -70,8 +84,12 @@ Viewing::Viewing(daemon::StreamRegistry& registry, Config config)
       fps_(config.fps),
       video_kbps_(config.video_kbps),
       audio_kbps_(config.audio_kbps),
-      idle_grace_s_(config.idle_grace_s) {
-  if (holding_card_) clip_ = std::make_unique<HoldingClip>(CardConfig(fps_), [this] { StartWaitingCards(); });
+      idle_grace_s_(config.idle_grace_s),
+      max_watches_(config.max_watches),
+      relay_secret_(std::move(config.relay_secret)) {
+  if (holding_card_) {
+    clip_ = std::make_unique<HoldingClip>(CardConfig(fps_, config.card_title), [this] { StartWaitingCards(); });
+  }
 }
 
 Viewing::~Viewing() {
@@ -149,7 +167,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
       if (watch->token == token) return EnsureResult::kReady;
       live += watch->done.load() ? 0u : 1u;
     }
-    if (live >= kMaxWatches) {
+    if (live >= max_watches_) {
       LOG_WARN("token={} not watched: {} links are watched already", token, live);
       return EnsureResult::kTooMany;
     }
@@ -157,7 +175,9 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
     peer_config.ice_policy = ice_policy_;
     signal_config.url = signal_url;
     signal_config.token = token;
-    if (share_identity_) {
+    signal_config.relay_secret = relay_secret_;
+    // A relay is nobody's computer: it names no one.
+    if (share_identity_ && relay_secret_.empty()) {
       signal_config.identity = identity_;
       signal_config.display_name = display_name_;
       // Only beside an id: a key alone would let hosts follow this computer from share to share
@@ -297,10 +317,15 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
     }
     if (!signal->SendAnswer(sdp, signature)) LOG_WARN("token={} SendAnswer failed", token);
   });
-  signal->OnRefused([raw, token](const std::string& reason) {
+  signal->OnReady([raw] { raw->joining->Set(JoinState::kJoined); });
+  signal->OnRefused([raw, token, &registry = registry_](const std::string& reason) {
     LOG_WARN("token={} refused: {}", token, reason);
     raw->stream->MarkDescribed();  // No DESCRIBE stays waiting.
     raw->done = true;
+    // The share's end, told by the server: its players end now (a BYE on each track), not at the
+    // next Poll.
+    registry.Withdraw(token, raw->stream.get());
+    raw->joining->Set(JoinState::kRefused);
   });
   signal->Start();
 
@@ -315,7 +340,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
 }
 
 void Viewing::End(daemon::StreamRegistry& registry, Watch& watch) {
-  registry.Withdraw(watch.token);
+  registry.Withdraw(watch.token, watch.stream.get());
   if (watch.signal) watch.signal->Stop();
   if (watch.link) watch.link->Close();
 }
@@ -384,6 +409,21 @@ void Viewing::SetIceServers(std::vector<transport::IceServer> servers, std::uint
   std::lock_guard lock(mutex_);
   ice_servers_ = std::move(servers);
   ice_policy_ = policy;
+}
+
+Viewing::JoinState Viewing::WaitJoinState(const std::string& token,
+                                          std::chrono::milliseconds limit) const {
+  std::shared_ptr<Watch::Joining> joining;
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& watch : watches_) {
+      if (watch->token == token && watch->signal) joining = watch->joining;
+    }
+  }
+  if (!joining) return JoinState::kNoWatch;
+  std::unique_lock lock(joining->mutex);
+  joining->changed.wait_for(lock, limit, [&] { return joining->state != JoinState::kWaiting; });
+  return joining->state;
 }
 
 std::size_t Viewing::WatchCount() const {

@@ -1,5 +1,6 @@
-// The loopback RTSP 1.0 server that VRChat's player reads from: RTP interleaved on the TCP
-// connection only, no authentication, 127.0.0.1 only, one thread per connection. After PLAY each
+// The RTSP 1.0 server that VRChat's player reads from: RTP interleaved on the TCP connection only,
+// no authentication, one thread per connection. Mirell's own listens on 127.0.0.1; the relay on
+// the address its operator gives. After PLAY each
 // connection primes its player from the stream's history and then sends as fast as frames come.
 #pragma once
 
@@ -28,6 +29,8 @@ class RtspServer {
 
   // Binds 127.0.0.1:port (0 picks a free port) and starts accepting. Throws Error on failure.
   void Start(std::uint16_t port);
+  // The same on an IPv4 address ("0.0.0.0": every interface).
+  void Start(const std::string& address, std::uint16_t port);
   // Ends the accept loop and every connection, and joins their threads. Idempotent.
   void Stop();
   // The port actually bound, after Start.

@@ -19,6 +19,9 @@ class StreamRegistry {
   // Takes the stream out and closes its buses (video first), ending every reader. An unknown
   // token does nothing and logs nothing.
   void Withdraw(const std::string& token);
+  // The same, only while `stream` is the one published there: one that has since been replaced
+  // stays.
+  void Withdraw(const std::string& token, const MediaStream* stream);
   // Moves the stream from one token to another and ends every reader it had (as Withdraw does)
   // while its buses stay open: readers under the new token play on. An unknown `from` does
   // nothing; a stream already under `to` is replaced but not closed.

@@ -10,6 +10,7 @@
 // list: they mark a watch done and the next Poll removes it.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -39,6 +40,10 @@ class Viewing {
     std::uint32_t video_kbps = 25000;
     std::uint32_t audio_kbps = 192;
     std::int64_t idle_grace_s = 6;  // Without players, then the watch is dropped.
+    std::size_t max_watches = 8;    // Links watched at once.
+    // Joins as the signal server's relay, which only public shares let in; empty: as a viewer.
+    std::string relay_secret;
+    std::string card_title = "Waiting to be let in";
   };
 
   // With a holding card, starts building its clip in the background.
@@ -49,11 +54,11 @@ class Viewing {
 
   enum class EnsureResult {
     kReady,    // A stream is published under the token.
-    kTooMany,  // kMaxWatches are being watched: nothing new is made.
+    kTooMany,  // max_watches are being watched: nothing new is made.
     kFailed,   // The link could not be made; nothing is published.
   };
-  // Links watched at once: each costs a peer connection and a signal connection, and a local
-  // program may resolve any number of them.
+  // Links watched at once by default: each costs a peer connection and a signal connection, and
+  // a local program may resolve any number of them.
   static constexpr std::size_t kMaxWatches = 8;
   // Makes sure a stream is published under the token: the host's own when this program shares
   // it, else a new watch that plays the card at once and fetches the host's media. Waits for
@@ -62,6 +67,15 @@ class Viewing {
   // the configured signal server.
   EnsureResult Ensure(const std::string& token);
   EnsureResult Ensure(const std::string& token, const std::string& signal_url);
+  // What the signal server said of a watch's join.
+  enum class JoinState {
+    kWaiting,  // Nothing yet: the server is slow, or the host is away and the watch waits.
+    kJoined,   // The host is there; its media was told.
+    kRefused,  // Sent away; its stream is withdrawn.
+    kNoWatch,  // No watch of that token (or one without a signal server).
+  };
+  // Waits at most `limit` for the server's first word on the token's watch.
+  JoinState WaitJoinState(const std::string& token, std::chrono::milliseconds limit) const;
   // Drops the watches that are done or have had no player for the grace period.
   void Poll();
   // Ends every watch.
@@ -116,6 +130,8 @@ class Viewing {
   const std::uint32_t video_kbps_;
   const std::uint32_t audio_kbps_;
   const std::int64_t idle_grace_s_;
+  const std::size_t max_watches_;
+  const std::string relay_secret_;
   std::unique_ptr<HoldingClip> clip_;
   mutable std::mutex mutex_;
   std::string identity_;
