@@ -1,13 +1,12 @@
 #include "server_options.h"
 
-#include <charconv>
-#include <fstream>
-#include <sstream>
 #include <string_view>
 
 #include <fmt/format.h>
 
 #include <stdexcept>
+
+#include "mirell/base/option_values.h"
 
 namespace mirell::signal {
 namespace {
@@ -18,13 +17,7 @@ void Require(bool condition, fmt::format_string<Arguments...> format, Arguments&
   if (!condition) throw std::invalid_argument(fmt::format(format, std::forward<Arguments>(arguments)...));
 }
 
-std::size_t Count(std::string_view option, std::string_view text) {
-  std::size_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  const bool whole = error == std::errc() && end == text.data() + text.size() && value > 0;
-  Require(whole, "{} wants a positive whole number, not '{}'", option, text);
-  return value;
-}
+std::size_t Count(std::string_view option, std::string_view text) { return PositiveCountOption(option, text); }
 
 constexpr std::string_view kValueOptions[] = {
     "--listen",         "--tls-cert",          "--tls-key",
@@ -38,49 +31,6 @@ bool IsValueOption(std::string_view option) {
     if (option == known) return true;
   }
   return false;
-}
-
-// The form only: whether the address is one to listen on is found out when listening.
-bool IsAddressAndPort(std::string_view text) {
-  const auto colon = text.rfind(':');
-  if (colon == std::string_view::npos || colon == 0) return false;
-  const std::string_view port = text.substr(colon + 1);
-  unsigned value = 0;
-  const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), value);
-  return !port.empty() && error == std::errc() && end == port.data() + port.size() && value <= 65535;
-}
-
-// rtspt://HOST[:PORT] (or rtsp://), with at most a trailing slash: it is written into pages.
-bool IsRelayUrl(std::string_view text) {
-  std::string_view rest;
-  if (text.starts_with("rtspt://")) {
-    rest = text.substr(8);
-  } else if (text.starts_with("rtsp://")) {
-    rest = text.substr(7);
-  } else {
-    return false;
-  }
-  if (rest.ends_with('/')) rest.remove_suffix(1);
-  if (rest.empty() || rest.front() == ':') return false;
-  for (const char c : rest) {
-    const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                         c == '.' || c == '-' || c == ':' || c == '[' || c == ']';
-    if (!allowed) return false;
-  }
-  return true;
-}
-
-// The file's first line, which must not be empty.
-std::string ReadSecretFile(std::string_view path) {
-  std::ifstream file{std::string(path)};
-  Require(file.good(), "--relay-secret-file: cannot read '{}'", path);
-  std::string secret;
-  std::getline(file, secret);
-  while (!secret.empty() && (secret.back() == '\r' || secret.back() == ' ')) secret.pop_back();
-  Require(secret.size() >= 16, "--relay-secret-file: '{}' holds no secret of 16 characters or more", path);
-  Require(secret.size() <= 256, "--relay-secret-file: the secret in '{}' is longer than 256 characters",
-          path);
-  return secret;
 }
 
 }  // namespace
@@ -143,7 +93,7 @@ ServerOptions ParseServerOptions(std::span<const char* const> arguments) {
       Require(IsRelayUrl(value), "--relay-url wants rtspt://HOST[:PORT], not '{}'", value);
       config.relay_urls.emplace_back(value);
     } else if (option == "--relay-secret-file") {
-      config.relay_secret = ReadSecretFile(value);
+      config.relay_secret = ReadSecretFileOption(option, value);
     } else {
       Require(false, "unknown option '{}' (see --help)", option);
     }

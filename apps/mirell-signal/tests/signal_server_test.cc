@@ -376,23 +376,6 @@ TEST(SignalServer, ConnectionsBeyondTheLimitAreClosedAtOnce) {
             std::string::npos);
 }
 
-// This machine's first IPv4 address that is not loopback, as text; empty when it has none.
-std::string NonLoopbackAddress() {
-  ifaddrs* list = nullptr;
-  if (getifaddrs(&list) != 0) return {};
-  std::string found;
-  for (ifaddrs* entry = list; entry != nullptr && found.empty(); entry = entry->ifa_next) {
-    if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) continue;
-    const auto* address = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
-    if ((ntohl(address->sin_addr.s_addr) >> 24) == 127) continue;
-    char text[INET_ADDRSTRLEN] = {};
-    inet_ntop(AF_INET, &address->sin_addr, text, sizeof(text));
-    found = text;
-  }
-  freeifaddrs(list);
-  return found;
-}
-
 // A connection to address:port that sends `request`; returns whether the server closed it
 // without a byte within `limit`.
 bool ClosedUnanswered(const std::string& address, std::uint16_t port, const std::string& request,
@@ -422,7 +405,7 @@ bool ClosedUnanswered(const std::string& address, std::uint16_t port, const std:
 // One client may not take every place: beyond its share an address's connections are closed at
 // once, while others (and this machine, where a reverse proxy brings everybody) are served.
 TEST(SignalServer, ConnectionsFromOneAddressBeyondItsShareAreClosedAtOnce) {
-  const std::string address = NonLoopbackAddress();
+  const std::string address = testsupport::NonLoopbackAddress();
   if (address.empty()) GTEST_SKIP() << "this machine has no address but loopback";
   ServerConfig config;
   config.listen = "0.0.0.0:0";

@@ -570,11 +570,11 @@ TEST_F(SharingAcrossProcesses, APersonPicksAWindowInThePickerAndAViewerPlaysIt) 
   run({"ffmpeg", "-loglevel", "error", "-y", "-f", "x11grab", "-video_size", "1280x720", "-i", display_->name(),
        "-frames:v", "1", (artifacts / "desktop_picker.png").string()});
   // Monitors come first, windows after: the last entry is the one window to pick. The focus
-  // chain follows the list in the order things show: "All sound" (left unticked), "Share", then
-  // "Cancel".
+  // chain follows the list in the order things show: "All sound" and "Anyone with the link can
+  // watch" (both left unticked), "Share", then "Cancel".
   const std::string picker = visible("^Share a screen or a window");
   run({"xdotool", "windowactivate", "--sync", picker.substr(0, picker.find('\n')), "key", "End", "Tab", "Tab",
-       "space"});
+       "Tab", "space"});
   ASSERT_TRUE(HostLogged("target=Picked By Hand", 20s)) << HostLog();
   // The token is copied out: a match only points into the text it was found in.
   const std::string token = [&] {

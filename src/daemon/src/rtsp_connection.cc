@@ -27,6 +27,9 @@ constexpr auto kReportInterval = std::chrono::seconds(1);
 constexpr auto kStatisticsInterval = std::chrono::seconds(2);
 constexpr double kKeyframeRateFps = 20.0;
 constexpr int kSequenceHeaderWaitMs = 3000;  // Longer than the card takes to build at start.
+// A player sends its few requests before it plays; one that talks on without playing holds a
+// thread for nothing.
+constexpr std::uint32_t kMaxRequestsBeforePlay = 32;
 
 // value x numerator / denominator, rounded half away from zero.
 std::int64_t ScaleRounded(std::int64_t value, std::int64_t numerator, std::int64_t denominator) {
@@ -51,7 +54,8 @@ RtspConnection::RtspConnection(RtspConnectionContext context, int socket, std::u
       session_id_(fmt::format("{:08X}", client + kSessionIdBase)),
       h264_(media::RtpPacketizerConfig{96, 0, kMaxPacketSize, 0}),
       aac_(media::AacRtpPacketizerConfig{97, 0, kMaxPacketSize, 0}),
-      connected_at_(std::chrono::steady_clock::now()) {}
+      connected_at_(std::chrono::steady_clock::now()),
+      last_request_at_(connected_at_) {}
 
 RtspConnection::~RtspConnection() { Unsubscribe(); }
 
@@ -79,13 +83,26 @@ void RtspConnection::Run() {
       const FramingResult framing = FrameRtspInput(pending_, requests);
       rtcp_in_ += framing.interleaved_frames;
       if (framing.dropped_bytes != 0) {
-        LOG_WARN("client={} unparseable bytes={}", client_, framing.dropped_bytes);
+        // No player sends a head that long: the connection is ended rather than read on.
+        LOG_WARN("client={} unparseable bytes={}, closing", client_, framing.dropped_bytes);
+        break;
       }
     } else if (playing_) {
       if (!DeliverStep()) break;
     }
+    const SteadyTime now = std::chrono::steady_clock::now();
+    if (!requests.empty()) last_request_at_ = now;
+    if (!playing_ && now - last_request_at_ > context_.request_within) {
+      LOG_INFO("client={} no request within {} ms, closing", client_, context_.request_within.count());
+      break;
+    }
     bool leave = false;
     for (const auto& request : requests) {
+      if (!playing_ && ++requests_before_play_ > kMaxRequestsBeforePlay) {
+        LOG_INFO("client={} {} requests without playing, closing", client_, kMaxRequestsBeforePlay);
+        leave = true;
+        break;
+      }
       if (!Handle(request)) {
         leave = true;
         break;

@@ -23,6 +23,7 @@ struct RtspConnectionContext {
   const std::atomic<bool>& running;
   std::uint16_t port;
   bool randomize_rtp_base;
+  std::chrono::milliseconds request_within;  // See RtspServer::SetRequestWithin.
 };
 
 class RtspConnection {
@@ -77,6 +78,11 @@ class RtspConnection {
   media::H264RtpPacketizer h264_;
   media::AacRtpPacketizer aac_;
   const SteadyTime connected_at_;
+  // Before PLAY, a request must come within the context's request_within of the connection or of
+  // the last one, and at most kMaxRequestsBeforePlay may come: a connection that only talks is
+  // ended.
+  SteadyTime last_request_at_;
+  std::uint32_t requests_before_play_ = 0;
 
   // Delivery, from PLAY on.
   std::shared_ptr<FrameBus::Subscription> video_sub_;

@@ -86,8 +86,13 @@ void RtspServer::AcceptLoop() {
   while (running_.load() && listener_ >= 0) {
     ReapFinishedClients();
     if (!WaitReadable(listener_, 200)) continue;
-    const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    sockaddr_in peer{};
+    socklen_t peer_size = sizeof(peer);
+    const int socket = accept4(listener_, reinterpret_cast<sockaddr*>(&peer), &peer_size, SOCK_CLOEXEC);
     if (socket < 0) continue;
+    const std::uint32_t address = peer.sin_family == AF_INET ? ntohl(peer.sin_addr.s_addr) : 0;
+    // This machine's connections (a local player, a proxy in front) are not counted per address.
+    const bool counted = address != 0 && (address >> 24) != 127;
     if (!running_.load()) {
       CloseSocket(socket);
       break;
@@ -96,7 +101,21 @@ void RtspServer::AcceptLoop() {
     auto finished = std::make_shared<std::atomic<bool>>(false);
     std::lock_guard lock(clients_mutex_);
     std::size_t live = 0;
-    for (const Client& existing : client_threads_) live += existing.finished->load() ? 0u : 1u;
+    std::size_t from_address = 0;
+    for (const Client& existing : client_threads_) {
+      if (existing.finished->load()) continue;
+      ++live;
+      from_address += counted && existing.address == address ? 1u : 0u;
+    }
+    if (from_address >= max_clients_per_address_) {
+      const std::uint64_t refused = refused_.fetch_add(1) + 1;
+      CloseSocket(socket);
+      if (refused == 1 || refused % 100 == 0) {
+        LOG_WARN("refused connection {}: {} from one address are served already", refused,
+                 max_clients_per_address_);
+      }
+      continue;
+    }
     if (live >= max_clients_) {
       // Counted before the close, which the client may see at once.
       const std::uint64_t refused = refused_.fetch_add(1) + 1;
@@ -124,7 +143,7 @@ void RtspServer::AcceptLoop() {
            }
            LOG_INFO("client={} disconnected", client);
          }),
-         socket, finished});
+         socket, finished, address});
   }
 }
 
@@ -147,7 +166,7 @@ void RtspServer::ReapFinishedClients() {
 }
 
 void RtspServer::ServeConnection(int socket, std::uint64_t client) {
-  RtspConnection connection({lookup_, running_, port_, randomize_rtp_base_}, socket, client);
+  RtspConnection connection({lookup_, running_, port_, randomize_rtp_base_, request_within_}, socket, client);
   connection.Run();
 }
 

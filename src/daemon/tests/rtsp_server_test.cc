@@ -234,11 +234,50 @@ TEST_F(RtspServerTest, RequestLineWithOneBlankIs400WithCseqZero) {
   EXPECT_EQ(client.ReadResponse().raw, "RTSP/1.0 400 Bad Request\r\nCSeq: 0\r\n" + kServer + "\r\n");
 }
 
-TEST_F(RtspServerTest, UnparseableFloodIsDroppedWithAWarningAndTheConnectionGoesOn) {
+// No player sends a head of 64 kB: such a connection is ended (a server that strangers reach
+// must not read on), and the others are served as before.
+TEST_F(RtspServerTest, AnUnparseableFloodEndsItsConnectionAndOthersGoOn) {
+  RtspTestClient player(server_.port());
+  EXPECT_EQ(player.Request("OPTIONS", uri_, 1).status, 200);
   RtspTestClient client(server_.port());
   client.SendRaw(std::string(70000, 'x'));
-  EXPECT_TRUE(WaitForLog("client=1 unparseable bytes="));
-  EXPECT_EQ(client.Request("OPTIONS", uri_, 2).status, 200);
+  EXPECT_TRUE(client.WaitClosed(5s));
+  EXPECT_TRUE(WaitForLog("client=2 unparseable bytes="));
+  EXPECT_EQ(player.Request("OPTIONS", uri_, 2).status, 200);
+  RtspTestClient next(server_.port());
+  EXPECT_EQ(next.Request("OPTIONS", uri_, 1).status, 200);
+}
+
+TEST(RtspServerLimits, AConnectionThatSendsNoWholeRequestInTimeIsClosed) {
+  StreamRegistry registry;
+  RtspServer server([&](const std::string& path) { return registry.Find(TokenFromPath(path)); });
+  server.SetRequestWithin(300ms);
+  server.Start(0);
+  RtspTestClient silent(server.port());
+  RtspTestClient slow(server.port());
+  RtspTestClient talking(server.port());
+  slow.SendRaw("OPTIONS rtsp://127.0.0.1/s/x RTSP/1.0\r\n");  // and never the rest
+  const auto started = std::chrono::steady_clock::now();
+  for (int i = 0; i < 8; ++i) {
+    EXPECT_EQ(talking.Request("OPTIONS", "rtsp://127.0.0.1/s/x", i).status, 200);
+    std::this_thread::sleep_for(100ms);  // Pacing the requests, each well within the limit.
+  }
+  EXPECT_FALSE(talking.closed()) << "each request restarts the wait";
+  EXPECT_TRUE(silent.WaitClosed(5s));
+  EXPECT_TRUE(slow.WaitClosed(5s));
+  EXPECT_GE(std::chrono::steady_clock::now() - started, 300ms);
+  server.Stop();
+}
+
+TEST(RtspServerLimits, AConnectionThatTalksWithoutPlayingIsClosedAfter32Requests) {
+  StreamRegistry registry;
+  RtspServer server([&](const std::string& path) { return registry.Find(TokenFromPath(path)); });
+  server.Start(0);
+  RtspTestClient client(server.port());
+  for (int i = 1; i <= 32; ++i) EXPECT_EQ(client.Request("OPTIONS", "rtsp://127.0.0.1/s/x", i).status, 200) << i;
+  client.SendRaw("OPTIONS rtsp://127.0.0.1/s/x RTSP/1.0\r\nCSeq: 33\r\n\r\n");
+  EXPECT_TRUE(client.WaitClosed(5s));
+  server.Stop();
 }
 
 TEST_F(RtspServerTest, UdpTransportIs461) {
@@ -705,6 +744,33 @@ TEST(RtspServerLimits, ConnectionsBeyondTheLimitAreClosedAndAFreedPlaceIsServed)
     RtspTestClient again(server.port());
     return again.Request("OPTIONS", "*", 9).status == 200;
   }));
+  server.Stop();
+}
+
+// One stranger may not take every place: beyond its share an address's connections are closed at
+// once, while this machine's (a local player, a proxy) are not counted.
+TEST(RtspServerLimits, ConnectionsFromOneAddressBeyondItsShareAreClosedAtOnce) {
+  const std::string address = testsupport::NonLoopbackAddress();
+  if (address.empty()) GTEST_SKIP() << "this machine has no address but loopback";
+  RtspServer server([](const std::string&) { return nullptr; });
+  server.SetMaxClientsPerAddress(2);
+  server.Start("0.0.0.0", 0);
+  const std::string options = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+  std::vector<std::unique_ptr<testsupport::TcpClient>> held;
+  for (int i = 0; i < 2; ++i) {
+    held.push_back(std::make_unique<testsupport::TcpClient>(address, server.port()));
+    held.back()->Send(options);
+    EXPECT_NE(held.back()->ReadToEnd(300ms).find("RTSP/1.0 200 OK"), std::string::npos);
+    EXPECT_FALSE(held.back()->closed_by_peer());
+  }
+  testsupport::TcpClient beyond(address, server.port());
+  EXPECT_EQ(beyond.ReadToEnd(5s), "");
+  EXPECT_TRUE(beyond.closed_by_peer());
+  EXPECT_EQ(server.refused_connections(), 1u);
+  for (int i = 0; i < 3; ++i) {
+    RtspTestClient local(server.port());
+    EXPECT_EQ(local.Request("OPTIONS", "*", 1).status, 200) << "this machine is not counted";
+  }
   server.Stop();
 }
 

@@ -154,6 +154,9 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token) {
 
 Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::string& signal_url) {
   if (token.empty()) return EnsureResult::kFailed;
+  // One at a time: two callers for one token (a relay's players come together) must not both
+  // find no watch and each make one.
+  std::lock_guard making(ensure_mutex_);
   // The host's own stream when this program shares the token: no peer connection is made.
   if (registry_.Find(token)) return EnsureResult::kReady;
 

@@ -4,12 +4,14 @@
 // keyframe, as an encoder would make one. Test code only.
 //
 //   mirell_test_host --signal URL --token TOKEN --secret SECRET --dir DIR [--allow USER_ID]
+//                    [--public yes] [--picture WIDTHxHEIGHT@KBPS]
 //
 // It appends events to DIR/events, one line each: "hosting" on every registration,
 // "pending PEER IDENTITY" for a viewer to decide about, "viewers N" when the count changes. It
 // reads commands appended to DIR/commands: "approve PEER", "deny PEER", "disconnect PEER", and
 // "restart-signal", which replaces the signal client and the session with new ones on the same
-// token and secret, as a host whose connection is re-made. It runs until it is killed.
+// token and secret, as a host whose connection is re-made, and "end", which tells the server that
+// the share is over, as a host that stops does ("ended" when done). It runs until it is killed.
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -38,6 +40,8 @@ struct Options {
   std::string secret;
   std::filesystem::path dir;
   std::string allow;
+  bool is_public = false;
+  int width = 640, height = 360, video_kbps = 0;  // The fixture's picture (0: x264's default).
 };
 
 class Events {
@@ -70,11 +74,12 @@ std::unique_ptr<Door> OpenDoor(const Options& options, daemon::MediaStream& stre
   config.url = options.signal_url;
   config.token = options.token;
   config.secret = options.secret;
+  config.is_public = options.is_public;
   transport::StreamMedia media;
-  media.width = 640;
-  media.height = 360;
+  media.width = static_cast<std::uint32_t>(options.width);
+  media.height = static_cast<std::uint32_t>(options.height);
   media.fps = 30;
-  media.video_kbps = 2000;
+  media.video_kbps = options.video_kbps > 0 ? static_cast<std::uint32_t>(options.video_kbps) : 2000;
   media.sample_rate = 48000;
   media.channels = 2;
   media.audio_kbps = 128;
@@ -88,6 +93,7 @@ std::unique_ptr<Door> OpenDoor(const Options& options, daemon::MediaStream& stre
       transport::OfferMedia{}, 48000);
   if (!options.allow.empty()) door->session->SetAllowlist({{options.allow, {"allowed", {}, true}}});
   door->session->SetShareToken(options.token);
+  door->session->SetPublic(options.is_public);
   door->session->SetKeyframeHandler([&publisher] { publisher.RequestKeyframe(); });
   door->session->SetPendingHandler([&events](const session::PendingViewer& viewer) {
     events.Write("pending " + viewer.connection_id + " " + (viewer.identity.empty() ? "-" : viewer.identity));
@@ -107,6 +113,12 @@ bool ParseOptions(int argc, char** argv, Options& options) {
     else if (name == "--secret") options.secret = value;
     else if (name == "--dir") options.dir = value;
     else if (name == "--allow") options.allow = value;
+    else if (name == "--public") options.is_public = value == "yes";
+    else if (name == "--picture") {
+      if (std::sscanf(value.c_str(), "%dx%d@%d", &options.width, &options.height, &options.video_kbps) != 3) {
+        return false;
+      }
+    }
     else return false;
   }
   return !options.signal_url.empty() && !options.token.empty() && !options.secret.empty() &&
@@ -120,7 +132,7 @@ int main(int argc, char** argv) {
   if (!ParseOptions(argc, argv, options)) {
     std::fprintf(stderr,
                  "usage: mirell_test_host --signal URL --token TOKEN --secret SECRET --dir DIR "
-                 "[--allow USER_ID]\n");
+                 "[--allow USER_ID] [--public yes] [--picture WIDTHxHEIGHT@KBPS]\n");
     return 2;
   }
   SetLogLevel(LogLevel::kDebug);
@@ -129,7 +141,12 @@ int main(int argc, char** argv) {
   transport::PrepareLinks();
   Events events(options.dir / "events");
   auto stream = std::make_shared<daemon::MediaStream>("test host", 30, 2000);
-  daemon::testing::FixturePublisher publisher(options.dir, stream, {});
+  daemon::testing::FixtureOptions fixture;
+  fixture.width = options.width;
+  fixture.height = options.height;
+  fixture.video_kbps = options.video_kbps;
+  if (options.width > 640) fixture.frames = 300;
+  daemon::testing::FixturePublisher publisher(options.dir, stream, fixture);
   stream->SetKeyframeRequester([&publisher] { publisher.RequestKeyframe(); });
   publisher.Start();
   std::unique_ptr<Door> door = OpenDoor(options, *stream, publisher, events);
@@ -154,7 +171,11 @@ int main(int argc, char** argv) {
       if (verb == "approve") door->session->Approve(peer);
       else if (verb == "deny") door->session->Deny(peer);
       else if (verb == "disconnect") door->session->Disconnect(peer);
-      else if (verb == "restart-signal") {
+      else if (verb == "end") {
+        door->session->Stop();
+        door->signal->End();
+        events.Write("ended");
+      } else if (verb == "restart-signal") {
         door.reset();
         door = OpenDoor(options, *stream, publisher, events);
       }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <atomic>
 #include <thread>
 
 #include "fake_signal_server.h"
@@ -166,21 +167,72 @@ TEST_F(ViewingTest, AnAudioConfigThatIsNotHexadecimalFallsBackToTheDerivedOne) {
   EXPECT_EQ(stream->Audio()->audio_specific_config, media::MakeAacLcAudioSpecificConfig(32000, 2));
 }
 
-TEST_F(ViewingTest, ARefusalEndsTheWatchAtTheNextPollAndItsReaders) {
+// A refusal (the share has ended, say) ends the stream's readers at once, on the signal thread;
+// the watch itself goes at the next Poll.
+TEST_F(ViewingTest, ARefusalEndsTheReadersAtOnceAndTheWatchAtTheNextPoll) {
   Viewing viewing(registry_, Config());
   viewing.Ensure("TOKEN0000001");
   const auto stream = registry_.Find("TOKEN0000001");
   auto reader = stream->frames().Subscribe(8, 0);
   ASSERT_EQ(NextJoin().value("type", ""), "join");
+  EXPECT_EQ(viewing.WaitJoinState("TOKEN0000001", 0ms), Viewing::JoinState::kWaiting);
   server_.Send(R"({"type":"error","reason":"no such share"})");
-  ASSERT_TRUE(Logged("token=TOKEN0000001 refused: no such share"));
+  EXPECT_EQ(viewing.WaitJoinState("TOKEN0000001", 5s), Viewing::JoinState::kRefused);
+  EXPECT_TRUE(reader->Closed());
+  EXPECT_EQ(registry_.Find("TOKEN0000001"), nullptr);
   EXPECT_TRUE(stream->IsDescribed());  // No DESCRIBE stays waiting.
   EXPECT_EQ(viewing.WatchCount(), 1u);
   viewing.Poll();
   EXPECT_EQ(viewing.WatchCount(), 0u);
   EXPECT_TRUE(Logged("token=TOKEN0000001 stopped"));
-  EXPECT_EQ(registry_.Find("TOKEN0000001"), nullptr);
-  EXPECT_TRUE(reader->Closed());
+  EXPECT_EQ(viewing.WaitJoinState("TOKEN0000001", 0ms), Viewing::JoinState::kNoWatch);
+}
+
+TEST_F(ViewingTest, TheServersWordOnAJoinIsWaitedFor) {
+  Viewing viewing(registry_, Config());
+  EXPECT_EQ(viewing.WaitJoinState("TOKEN0000001", 0ms), Viewing::JoinState::kNoWatch);
+  viewing.Ensure("TOKEN0000001");
+  ASSERT_EQ(NextJoin().value("type", ""), "join");
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_EQ(viewing.WaitJoinState("TOKEN0000001", 200ms), Viewing::JoinState::kWaiting);
+  EXPECT_GE(std::chrono::steady_clock::now() - before, 200ms);
+  std::thread joined([&] { server_.Send(R"({"type":"joined"})"); });
+  EXPECT_EQ(viewing.WaitJoinState("TOKEN0000001", 5s), Viewing::JoinState::kJoined);
+  joined.join();
+}
+
+// A relay's players come together: however many ask for one token at once, one watch (one join,
+// one peer link) serves them all.
+TEST_F(ViewingTest, ManyAskingForOneTokenAtOnceMakeOneWatch) {
+  Viewing viewing(registry_, Config());
+  std::vector<std::thread> askers;
+  std::atomic<int> ready{0};
+  for (int i = 0; i < 16; ++i) {
+    askers.emplace_back([&] {
+      if (viewing.Ensure("TOKEN0000001") == Viewing::EnsureResult::kReady) ++ready;
+    });
+  }
+  for (auto& asker : askers) asker.join();
+  EXPECT_EQ(ready.load(), 16);
+  EXPECT_EQ(viewing.WatchCount(), 1u);
+  ASSERT_EQ(NextJoin().value("type", ""), "join");
+  EXPECT_FALSE(server_.NextMessage(300ms).has_value()) << "a second join";
+  EXPECT_EQ(server_.connections(), 1);
+}
+
+// The relay joins by its secret, names nobody, and may hold more watches than a viewer.
+TEST_F(ViewingTest, ARelayJoinsByItsSecretAndNamesNobody) {
+  Viewing::Config config = Config();
+  config.relay_secret = "relay-secret-0123456789";
+  config.max_watches = 10;
+  Viewing viewing(registry_, config);
+  viewing.SetIdentity({"usr_someone", "Someone", {}});
+  viewing.Ensure("TOKEN0000001");
+  EXPECT_EQ(NextJoin(), Json::parse(R"({"type":"join","token":"TOKEN0000001","relay":"relay-secret-0123456789"})"));
+  for (int i = 2; i <= 10; ++i) {
+    EXPECT_EQ(viewing.Ensure(fmt::format("TOKEN{:07}", i)), Viewing::EnsureResult::kReady) << i;
+  }
+  EXPECT_EQ(viewing.Ensure("TOKEN0000011"), Viewing::EnsureResult::kTooMany);
 }
 
 TEST_F(ViewingTest, WithoutASignalUrlTheStreamPlaysOnlyTheCard) {

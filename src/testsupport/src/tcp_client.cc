@@ -1,6 +1,7 @@
 #include "mirell/testsupport/tcp_client.h"
 
 #include <arpa/inet.h>
+#include <ifaddrs.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -26,10 +27,17 @@ sockaddr_in Loopback(std::uint16_t port) {
 
 }  // namespace
 
-TcpClient::TcpClient(std::uint16_t port) {
+TcpClient::TcpClient(std::uint16_t port) : TcpClient("127.0.0.1", port) {}
+
+TcpClient::TcpClient(const std::string& text, std::uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  if (inet_pton(AF_INET, text.c_str(), &address.sin_addr) != 1) {
+    throw std::runtime_error("not an IPv4 address: " + text);
+  }
   fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd_ < 0) throw std::runtime_error("socket failed");
-  const auto address = Loopback(port);
   if (connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     const std::string reason = std::strerror(errno);
     close(fd_);
@@ -116,6 +124,22 @@ std::uint16_t FreeLoopbackPort() {
     if (free) return static_cast<std::uint16_t>(candidate);
   }
   throw std::runtime_error("could not find a free port");
+}
+
+std::string NonLoopbackAddress() {
+  ifaddrs* list = nullptr;
+  if (getifaddrs(&list) != 0) return {};
+  std::string found;
+  for (ifaddrs* entry = list; entry != nullptr && found.empty(); entry = entry->ifa_next) {
+    if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) continue;
+    const auto* address = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
+    if ((ntohl(address->sin_addr.s_addr) >> 24) == 127) continue;
+    char text[INET_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET, &address->sin_addr, text, sizeof(text));
+    found = text;
+  }
+  freeifaddrs(list);
+  return found;
 }
 
 bool LoopbackPortAccepts(std::uint16_t port) {

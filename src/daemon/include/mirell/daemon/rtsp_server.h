@@ -5,6 +5,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -42,6 +44,13 @@ class RtspServer {
   // Before Start. Default kDefaultMaxClients.
   static constexpr std::size_t kDefaultMaxClients = 32;
   void SetMaxClients(std::size_t limit) { max_clients_ = limit; }
+  // The same for the connections from one IPv4 address, this machine's not counted (so that
+  // one stranger cannot take every place). Before Start. Default: no limit but the total.
+  void SetMaxClientsPerAddress(std::size_t limit) { max_clients_per_address_ = limit; }
+  // Until it plays, a connection must send a whole request within this long of connecting and of
+  // its last request, or it is closed: a connection that only holds its place, or sends a head a
+  // byte at a time, gives its thread back. Before Start. Default 10 s.
+  void SetRequestWithin(std::chrono::milliseconds limit) { request_within_ = limit; }
   // Connections closed for being beyond the limit, since Start.
   std::uint64_t refused_connections() const { return refused_.load(); }
 
@@ -50,6 +59,7 @@ class RtspServer {
     std::thread thread;
     int socket = -1;
     std::shared_ptr<std::atomic<bool>> finished;
+    std::uint32_t address = 0;  // The peer's IPv4 address, host order.
   };
 
   void AcceptLoop();
@@ -68,6 +78,8 @@ class RtspServer {
   std::atomic<std::uint64_t> next_client_{0};
   std::atomic<std::uint64_t> refused_{0};
   std::size_t max_clients_ = kDefaultMaxClients;
+  std::size_t max_clients_per_address_ = SIZE_MAX;
+  std::chrono::milliseconds request_within_{10'000};
   std::uint16_t port_ = 0;
 };
 

@@ -3,8 +3,9 @@
 // the host's media over a peer link. One watch per token, each with its own signal client, link
 // and receiver; a watch lives only as long as a player reads it.
 //
-// Threads: Ensure runs on the resolve service's one thread; Poll, Stop and the setters on the
-// interface thread; the handlers on the signal client's and the link's threads. The mutex guards
+// Threads: Ensure runs on the resolve service's one thread (a relay's on its players' threads,
+// one at a time under ensure_mutex_, which is taken before mutex_); Poll, Stop and the setters on
+// the interface thread; the handlers on the signal client's and the link's threads. The mutex guards
 // the watch list and the join settings, and is never held across a network or library call. The
 // handlers touch only their own watch's flag, stream, link, receiver and holding source, never the
 // list: they mark a watch done and the next Poll removes it.
@@ -133,6 +134,7 @@ class Viewing {
   const std::size_t max_watches_;
   const std::string relay_secret_;
   std::unique_ptr<HoldingClip> clip_;
+  std::mutex ensure_mutex_;
   mutable std::mutex mutex_;
   std::string identity_;
   std::string display_name_;

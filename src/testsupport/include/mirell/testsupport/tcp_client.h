@@ -12,6 +12,8 @@ class TcpClient {
  public:
   // Connects to 127.0.0.1:port; throws std::runtime_error when that fails.
   explicit TcpClient(std::uint16_t port);
+  // Connects to an IPv4 address given as text; throws as above.
+  TcpClient(const std::string& address, std::uint16_t port);
   ~TcpClient();
   TcpClient(const TcpClient&) = delete;
   TcpClient& operator=(const TcpClient&) = delete;
@@ -37,6 +39,9 @@ std::string ExchangeOnce(std::uint16_t port, std::string_view request,
 
 // The port of an endpoint "host:PORT"; 0 when there is none.
 std::uint16_t EndpointPort(std::string_view endpoint);
+
+// This machine's first IPv4 address that is not loopback, as text; empty when it has none.
+std::string NonLoopbackAddress();
 
 // Whether something accepts connections on 127.0.0.1:port now (a server that has come up).
 bool LoopbackPortAccepts(std::uint16_t port);
