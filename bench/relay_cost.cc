@@ -102,6 +102,7 @@ class DiscardingPlayer {
     return true;
   }
   std::uint64_t pictures() const { return pictures_; }
+  const std::string& error() const { return error_; }
 
  private:
   // One request and its whole response (head and body); nothing when it fails or is not 200.
@@ -115,7 +116,10 @@ class DiscardingPlayer {
     // A byte at a time up to the blank line, so that nothing after the response is taken.
     while (response.size() < 65536 && response.find("\r\n\r\n") == std::string::npos) {
       pollfd entry{fd_, POLLIN, 0};
-      if (poll(&entry, 1, 10'000) != 1 || recv(fd_, &byte, 1, 0) != 1) return std::nullopt;
+      if (poll(&entry, 1, 10'000) != 1 || recv(fd_, &byte, 1, 0) != 1) {
+        error_ = fmt::format("{}: no whole answer within 10 s", method);
+        return std::nullopt;
+      }
       response += byte;
     }
     const std::string length = Header(response, "Content-Length");
@@ -127,7 +131,10 @@ class DiscardingPlayer {
       response.append(chunk, static_cast<std::size_t>(count));
       body -= static_cast<std::size_t>(count);
     }
-    if (response.rfind("RTSP/1.0 200", 0) != 0) return std::nullopt;
+    if (response.rfind("RTSP/1.0 200", 0) != 0) {
+      error_ = fmt::format("{} answered {}", method, response.substr(0, response.find('\r')));
+      return std::nullopt;
+    }
     return response;
   }
   static std::string Header(const std::string& response, const std::string& name) {
@@ -140,6 +147,7 @@ class DiscardingPlayer {
 
   int fd_ = -1;
   int cseq_ = 0;
+  std::string error_;
   std::vector<unsigned char> buffer_ = std::vector<unsigned char>(1 << 18);
   std::size_t filled_ = 0;
   std::uint64_t pictures_ = 0;
@@ -159,7 +167,10 @@ class PlayerPool {
   bool GrowTo(std::size_t count) {
     while (size() < count) {
       auto player = std::make_unique<DiscardingPlayer>();
-      if (!player->Start(port_, url_)) return false;
+      if (!player->Start(port_, url_)) {
+        fmt::print("  player {}: {}\n", size() + 1, player->error().empty() ? "could not connect" : player->error());
+        return false;
+      }
       std::lock_guard lock(mutex_);
       players_.push_back(std::move(player));
       ended_.push_back(false);
