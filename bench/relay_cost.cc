@@ -225,7 +225,8 @@ class PlayerPool {
 // CPU seconds (user + system) and resident kilobytes of a process, from /proc.
 double CpuSeconds(int pid) {
   std::ifstream stat(fmt::format("/proc/{}/stat", pid));
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  std::string text;
+  std::getline(stat, text);  // One line.
   std::istringstream fields(text.substr(text.rfind(')') + 2));
   std::string field;
   unsigned long long utime = 0, stime = 0;

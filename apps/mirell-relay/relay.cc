@@ -1,11 +1,9 @@
 #include "relay.h"
 
-#include <algorithm>
-#include <cctype>
-
 #include "mirell/base/logging.h"
 #include "mirell/base/thread_name.h"
 #include "mirell/daemon/stream_path.h"
+#include "mirell/transport/share_token.h"
 
 namespace mirell::relay {
 namespace {
@@ -16,13 +14,6 @@ using namespace std::chrono_literals;
 // host is away says nothing, and its players get the card meanwhile.
 constexpr auto kJoinAnswerWait = 3s;
 constexpr auto kPollInterval = 250ms;
-constexpr std::size_t kMaxTokenLength = 64;
-
-bool IsTokenText(const std::string& token) {
-  return !token.empty() && token.size() <= kMaxTokenLength &&
-         std::all_of(token.begin(), token.end(), [](unsigned char c) { return std::isalnum(c) != 0; });
-}
-
 session::Viewing::Config ViewingConfig(const RelayOptions& options) {
   session::Viewing::Config config;
   config.signal_url = options.signal_url;
@@ -78,13 +69,15 @@ void Relay::Stop() {
 
 std::shared_ptr<daemon::MediaStream> Relay::Lookup(const std::string& path) {
   const std::string token = daemon::TokenFromPath(path);
-  if (!IsTokenText(token)) return nullptr;
+  if (!transport::IsShareToken(token)) return nullptr;
   using JoinState = session::Viewing::JoinState;
-  {
+  const auto watched = [&] { return viewing_.WaitJoinState(token, std::chrono::milliseconds(0)) != JoinState::kNoWatch; };
+  if (!watched()) {
     // New joins one at a time: the players of one share come together, and only the first may
-    // make its watch (and spend the join allowance); the rest find it.
+    // make its watch (and spend the join allowance); the rest find it. Players of shares already
+    // watched never wait here.
     std::lock_guard lock(join_mutex_);
-    if (!registry_.Find(token) && viewing_.WaitJoinState(token, std::chrono::milliseconds(0)) == JoinState::kNoWatch) {
+    if (!watched()) {
       if (!gate_.MayJoin(token, JoinGate::Clock::now())) {
         LOG_DEBUG("token={} not asked about (refused lately, or too many joins)", token);
         return nullptr;

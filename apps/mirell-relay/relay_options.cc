@@ -92,8 +92,8 @@ Usage: mirell-relay --signal URL --relay-secret-file FILE [options]
   --public-url rtspt://HOST[:PORT]
                                how players reach it from outside, for the log
   --max-players N              RTSP connections at once (default 256); more are closed at once
-  --max-players-per-address N  the same from one address (default 32); this machine's are not
-                               counted
+  --max-players-per-address N  the same from one address (default 32); loopback connections
+                               (127.x.x.x, a proxy in front) are not counted
   --max-shares N               shares served at once (default 64)
   --joins-per-second N         new shares asked about per second (default 5, bursts of 2x); a
                                token the server refused is answered 404 for 10 s without asking

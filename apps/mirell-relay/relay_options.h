@@ -15,7 +15,7 @@ struct RelayOptions {
   std::string public_url;                   // "--public-url": how players reach it.
   std::string relay_secret;                 // Read from "--relay-secret-file".
   std::size_t max_players = 256;            // RTSP connections at once.
-  std::size_t max_players_per_address = 32; // The same from one address (not this machine).
+  std::size_t max_players_per_address = 32; // The same from one address (not loopback).
   std::size_t max_shares = 64;              // Shares held (peer links) at once.
   double joins_per_second = 5;              // New shares asked about.
   std::int64_t grace_seconds = 30;          // A share without players is kept this long.

@@ -100,6 +100,9 @@ ServerOptions ParseServerOptions(std::span<const char* const> arguments) {
   }
   Require(latest_version.empty() == latest_url.empty(),
                "--latest-version and --latest-url go together");
+  // A page that sends players to a relay the server would never let in plays for nobody.
+  Require(config.relay_urls.empty() || !config.relay_secret.empty(),
+          "--relay-url needs --relay-secret-file: the relay joins shares by that secret");
   if (!latest_version.empty()) config.latest = LatestRelease{latest_version, latest_url};
   return options;
 }

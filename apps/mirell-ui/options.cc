@@ -88,8 +88,8 @@ const std::vector<Option>& Table() {
          return {};
        }},
       {"--public", "", "", Section::kShare,
-       "anyone with the link can watch: nobody is asked about, and the meeting place's relay\n"
-       "serves the share to VRChat players without Mirell",
+       "anyone with the link can watch: nobody is asked about, and where the meeting place runs\n"
+       "a relay, it serves the share to VRChat players without Mirell",
        [](CommandLine& line, const std::string&) -> std::string {
          line.share.is_public = true;
          return {};

@@ -132,8 +132,8 @@ PickerDialog::PickerDialog(QWidget* parent, bool offer_public)
     layout->addWidget(public_);
     auto* public_hint = new QLabel(
         tr("Nobody is asked about: everyone who has the link gets in, and anyone who can see "
-           "it in a VRChat world can. People without Mirell watch too, through your meeting "
-           "place's relay, which takes one stream from you however many watch."),
+           "it in a VRChat world can. Where your meeting place runs a relay, people without "
+           "Mirell watch too, through it, and it takes one stream from you however many watch."),
         this);
     public_hint->setWordWrap(true);
     public_hint->setIndent(24);

@@ -115,6 +115,8 @@ TEST(ServerOptions, RelaysAreGivenByAddressAndTheirSecretByFile) {
         << url;
   }
   EXPECT_NE(message({"--relay-secret-file", "/nonexistent/secret"}).find("cannot read"), std::string::npos);
+  EXPECT_NE(message({"--relay-url", "rtspt://relay.example.org"}).find("--relay-url needs --relay-secret-file"),
+            std::string::npos);
   std::ofstream(dir.path() / "short") << "tooshort\n";
   EXPECT_NE(message({"--relay-secret-file", (dir.path() / "short").c_str()}).find("16 characters or more"),
             std::string::npos);

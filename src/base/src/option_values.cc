@@ -7,14 +7,10 @@
 #include <stdexcept>
 
 namespace mirell {
-namespace {
-
-bool IsHostCharacter(char c) {
+bool IsUrlHostCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
          c == '-' || c == ':' || c == '[' || c == ']';
 }
-
-}  // namespace
 
 std::size_t PositiveCountOption(std::string_view option, std::string_view text) {
   std::size_t value = 0;
@@ -46,7 +42,7 @@ bool IsRelayUrl(std::string_view text) {
   if (rest.ends_with('/')) rest.remove_suffix(1);
   if (rest.empty() || rest.front() == ':') return false;
   for (const char c : rest) {
-    if (!IsHostCharacter(c)) return false;
+    if (!IsUrlHostCharacter(c)) return false;
   }
   return true;
 }

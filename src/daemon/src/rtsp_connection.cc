@@ -30,6 +30,7 @@ constexpr int kSequenceHeaderWaitMs = 3000;  // Longer than the card takes to bu
 // A player sends its few requests before it plays; one that talks on without playing holds a
 // thread for nothing.
 constexpr std::uint32_t kMaxRequestsBeforePlay = 32;
+constexpr int kSendTimeoutMs = 15'000;
 
 // value x numerator / denominator, rounded half away from zero.
 std::int64_t ScaleRounded(std::int64_t value, std::int64_t numerator, std::int64_t denominator) {
@@ -68,6 +69,9 @@ std::int64_t RtspConnection::MsSinceConnect() const {
 void RtspConnection::Run() {
   LOG_INFO("client={} connected", client_);
   SetNoDelay(socket_);
+  // A player that stops reading while it plays is ended rather than left holding its thread and
+  // its place for ever; the bus has long since dropped what it did not take.
+  SetSendTimeout(socket_, kSendTimeoutMs);
   std::vector<RtspRequest> requests;
   std::array<char, 8192> buffer{};
   for (;;) {

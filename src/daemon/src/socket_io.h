@@ -19,6 +19,8 @@ bool WaitReadable(int socket, int timeout_ms);
 std::ptrdiff_t ReceiveSome(int socket, std::span<char> buffer);
 
 void SetNoDelay(int socket);
+// A send that cannot go on for this long fails (the player stopped reading).
+void SetSendTimeout(int socket, int timeout_ms);
 // Makes blocked sends and receives on the socket fail at once, from any thread.
 void ShutdownSocket(int socket);
 void CloseSocket(int socket);

@@ -3,6 +3,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,6 +40,13 @@ std::ptrdiff_t ReceiveSome(int socket, std::span<char> buffer) {
 void SetNoDelay(int socket) {
   const int on = 1;
   setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+}
+
+void SetSendTimeout(int socket, int timeout_ms) {
+  timeval limit{};
+  limit.tv_sec = timeout_ms / 1000;
+  limit.tv_usec = (timeout_ms % 1000) * 1000;
+  setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
 }
 
 void ShutdownSocket(int socket) { shutdown(socket, SHUT_RDWR); }

@@ -1,5 +1,7 @@
 #include "mirell/daemon/stream_path.h"
 
+#include "mirell/base/option_values.h"
+
 namespace mirell::daemon {
 
 std::string RequestPath(std::string_view uri) {
@@ -25,9 +27,7 @@ std::string RequestOrigin(std::string_view uri, std::string_view fallback) {
   authority = authority.substr(0, authority.find_first_of("/?#"));
   if (authority.empty() || authority.front() == ':') return std::string(fallback);
   for (const char c : authority) {
-    const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                         c == '.' || c == '-' || c == ':' || c == '[' || c == ']';
-    if (!allowed) return std::string(fallback);
+    if (!IsUrlHostCharacter(c)) return std::string(fallback);
   }
   return "rtsp://" + std::string(authority);
 }

@@ -97,7 +97,10 @@ void Sharing::Start(const ShareTarget& target) {
   expired_ = false;
   auto state = std::make_unique<State>();
   state->label = target.label;
-  state->is_public = public_;
+  {
+    std::lock_guard lock(mutex_);
+    state->is_public = public_;
+  }
   state->whole_mix = target.whole_mix;
   if (config_.lifetime_minutes > 0) {
     state->expires_at = SteadyNowNs() + config_.lifetime_minutes * kNanosecondsPerMinute;

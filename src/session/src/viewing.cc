@@ -6,6 +6,7 @@
 
 #include "mirell/base/clock.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/min_interval.h"
 #include "mirell/media/aac_rtp.h"
 #include "mirell/session/peer_receiver.h"
 #include "mirell/transport/peer_link.h"
@@ -20,6 +21,7 @@ constexpr std::uint32_t kDefaultChannels = 2;
 constexpr std::uint32_t kDefaultAudioKbps = 128;
 // The priming frame count is worked out for 60 frames per second, whatever the stream's rate.
 constexpr std::int64_t kPrimingFps = 60;
+constexpr std::int64_t kKeyframeRequestGapNs = 1'000'000'000;
 
 HoldingClipConfig CardConfig(std::uint32_t fps, const std::string& title) {
   HoldingClipConfig config;
@@ -236,7 +238,11 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
   // players that come meanwhile wait for its first picture.
   if (clip_ && clip_->WaitReady(kCardWaitMs)) StartCard(*watch, *clip_);
 
-  stream.SetKeyframeRequester([weak = std::weak_ptr<transport::PeerLink>(watch->link)] {
+  // Every new player asks for a keyframe; on a relay anyone can be a new player, so the host's
+  // encoder is asked at most once a second whatever they do.
+  stream.SetKeyframeRequester([weak = std::weak_ptr<transport::PeerLink>(watch->link),
+                               gate = std::make_shared<MinInterval>(kKeyframeRequestGapNs)] {
+    if (!gate->Take(SteadyNowNs())) return;
     if (const auto alive = weak.lock()) alive->RequestKeyframe();
   });
   link->OnState([raw, token](transport::PeerState state) {
@@ -330,9 +336,10 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
     registry.Withdraw(token, raw->stream.get());
     raw->joining->Set(JoinState::kRefused);
   });
-  signal->Start();
-
+  // Published before the client starts: a refusal that comes at once must find the stream to
+  // withdraw, not be followed by its publication.
   registry_.Publish(token, watch->stream);
+  signal->Start();
   {
     std::lock_guard lock(mutex_);
     watches_.push_back(std::move(watch));
@@ -363,6 +370,8 @@ void Viewing::Poll() {
     }
     for (auto it = watches_.begin(); it != watches_.end();) {
       if ((*it)->done.load()) {
+        // Withdrawn while still listed: a caller that finds no watch finds no stream either.
+        registry_.Withdraw((*it)->token, (*it)->stream.get());
         finished.push_back(std::move(*it));
         it = watches_.erase(it);
       } else {

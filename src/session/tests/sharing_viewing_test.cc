@@ -247,7 +247,10 @@ TEST_F(SharingToAViewer, AShareThatStopsEndsItsViewersPlayerWithinASecond) {
   ASSERT_TRUE(Watching(token));
   auto player = Play(token, 60);
   ASSERT_TRUE(Eventually([&] { return OneViewerConnected(); }, 20s));
-  ASSERT_TRUE(Eventually([&] { return viewer_registry_.Find(token)->frames().SubscriberCount() == 1; }, 20s));
+  ASSERT_TRUE(Eventually([&] {
+    const auto stream = viewer_registry_.Find(token);
+    return stream && stream->frames().SubscriberCount() == 1;
+  }, 20s));
   ASSERT_TRUE(player->Running());
 
   const auto stopped = std::chrono::steady_clock::now();

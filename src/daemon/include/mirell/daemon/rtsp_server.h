@@ -44,8 +44,8 @@ class RtspServer {
   // Before Start. Default kDefaultMaxClients.
   static constexpr std::size_t kDefaultMaxClients = 32;
   void SetMaxClients(std::size_t limit) { max_clients_ = limit; }
-  // The same for the connections from one IPv4 address, this machine's not counted (so that
-  // one stranger cannot take every place). Before Start. Default: no limit but the total.
+  // The same for the connections from one IPv4 address, loopback ones (127.x.x.x: a local
+  // player, a proxy in front) not counted, so that one stranger cannot take every place. Before Start. Default: no limit but the total.
   void SetMaxClientsPerAddress(std::size_t limit) { max_clients_per_address_ = limit; }
   // Until it plays, a connection must send a whole request within this long of connecting and of
   // its last request, or it is closed: a connection that only holds its place, or sends a head a
