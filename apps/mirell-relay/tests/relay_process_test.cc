@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "mirell/media/h264_rtp.h"
+#include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
@@ -78,6 +79,15 @@ class RelayAcrossProcesses : public ::testing::Test {
     if (is_public) argv.insert(argv.end(), {"--public", "yes"});
     host_ = std::make_unique<ChildProcess>(argv);
     ASSERT_TRUE(WaitForEvent("hosting", 30s)) << Events();
+    // Under a sanitizer the relay's card, built at its start, and the host's first picture can
+    // both take longer than the 3 s a DESCRIBE waits (503): the tests' players start once the
+    // relay describes the share.
+    if (is_public && testsupport::kSanitizedBuild) {
+      ASSERT_TRUE(Eventually([&] {
+        RtspTestClient probe(relay_port_);
+        return probe.Request("DESCRIBE", RtspUrl(), 1).status == 200;
+      }, 120s));
+    }
   }
 
   std::string SignalUrl() const { return "ws://127.0.0.1:" + std::to_string(signal_port_) + "/signal"; }
@@ -194,8 +204,12 @@ TEST_F(RelayAcrossProcesses, GstreamerPlaysBothTracksFromAnRtsptAddress) {
        "avdec_h264", "!", "fakesink", "name=v", "silent=false", "src.", "!", "application/x-rtp,media=audio", "!",
        "rtpmp4gdepay", "!", "aacparse", "!", "avdec_aac", "!", "fakesink", "name=a", "silent=false"},
       options);
-  EXPECT_GT(Count(result.out, "(v:sink)"), 60u) << result.out.substr(0, 4000) << result.err;
-  EXPECT_GT(Count(result.out, "(a:sink)"), 100u) << result.err;
+  // Under a sanitizer every instrumented step is slower: that both tracks decode is asserted, not
+  // how much of them comes in the 8 s.
+  const std::size_t pictures = testsupport::kSanitizedBuild ? 0u : 60u;
+  const std::size_t sound = testsupport::kSanitizedBuild ? 0u : 100u;
+  EXPECT_GT(Count(result.out, "(v:sink)"), pictures) << result.out.substr(0, 4000) << result.err;
+  EXPECT_GT(Count(result.out, "(a:sink)"), sound) << result.err;
   EXPECT_EQ(result.err.find("ERROR"), std::string::npos) << result.err;
 }
 
@@ -225,14 +239,18 @@ TEST_F(RelayAcrossProcesses, ALatePlayerIsPrimedAndTheHostsEndEndsEveryPlayerWit
     if (frame->channel == 0 && depacketizer.Push(frame->payload, unit)) first = unit;
   }
   EXPECT_TRUE(first->keyframe);
-  EXPECT_LT(std::chrono::steady_clock::now() - played_at, 300ms) << "from the history, not the next keyframe";
+  if (!testsupport::kSanitizedBuild) {
+    EXPECT_LT(std::chrono::steady_clock::now() - played_at, 300ms) << "from the history, not the next keyframe";
+  }
 
   const auto ended = std::chrono::steady_clock::now();
   Command("end");
   EXPECT_TRUE(late.WaitClosed(5s));
   for (auto& player : players) EXPECT_TRUE(Eventually([&] { return !player->Running(); }, 5s));
   const auto took = std::chrono::steady_clock::now() - ended;
-  EXPECT_LT(took, 1s) << std::chrono::duration<double>(took).count() << " s for every player to end";
+  if (!testsupport::kSanitizedBuild) {
+    EXPECT_LT(took, 1s) << std::chrono::duration<double>(took).count() << " s for every player to end";
+  }
   ASSERT_TRUE(WaitForEvent("ended"));
 }
 

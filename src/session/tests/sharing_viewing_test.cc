@@ -16,6 +16,7 @@
 #include "mirell/daemon/stream_registry.h"
 #include "mirell/session/sharing.h"
 #include "mirell/session/viewing.h"
+#include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
@@ -220,7 +221,9 @@ TEST_F(SharingToAViewer, ARevokedLinkDropsItsViewersAndNoLongerLeadsToTheShare) 
   // old link's end, and the server the viewer, whose stream ends at once (Poll is not needed).
   EXPECT_TRUE(Eventually([&] { return !player->Running(); }, 30s));
   const auto ended_after = std::chrono::steady_clock::now() - revoked;
-  EXPECT_LT(ended_after, 1s) << std::chrono::duration<double>(ended_after).count() << " s";
+  if (!testsupport::kSanitizedBuild) {
+    EXPECT_LT(ended_after, 1s) << std::chrono::duration<double>(ended_after).count() << " s";
+  }
   viewing_->Poll();
   EXPECT_EQ(viewing_->WatchCount(), 0u);
 
@@ -257,7 +260,9 @@ TEST_F(SharingToAViewer, AShareThatStopsEndsItsViewersPlayerWithinASecond) {
   sharing_->Stop();
   EXPECT_TRUE(Eventually([&] { return !player->Running(); }, 30s));
   const auto ended_after = std::chrono::steady_clock::now() - stopped;
-  EXPECT_LT(ended_after, 1s) << std::chrono::duration<double>(ended_after).count() << " s";
+  if (!testsupport::kSanitizedBuild) {
+    EXPECT_LT(ended_after, 1s) << std::chrono::duration<double>(ended_after).count() << " s";
+  }
   std::printf("the player ended %.0f ms after the share was told to stop\n",
               std::chrono::duration<double, std::milli>(ended_after).count());
   EXPECT_EQ(viewer_registry_.Find(token), nullptr) << "withdrawn without waiting for a Poll";
