@@ -21,6 +21,7 @@ void AudioBus::Subscription::Offer(const FramePtr& unit) {
     ++dropped_;
   }
   queue_.push_back(unit);
+  if (wake_) wake_();
 }
 
 void AudioBus::Subscription::Prime(const std::vector<FramePtr>& units) {
@@ -29,6 +30,7 @@ void AudioBus::Subscription::Prime(const std::vector<FramePtr>& units) {
   queue_.insert(queue_.end(), units.begin(), units.end());
   primed_ = units.size();
   limit_ = std::max<std::uint64_t>(limit_, units.size() + kPrimedHeadroom);
+  if (wake_) wake_();
 }
 
 AudioBus::FramePtr AudioBus::Subscription::TryPop() {
@@ -43,6 +45,12 @@ void AudioBus::Subscription::Close() {
   std::lock_guard lock(mutex_);
   closed_ = true;
   queue_.clear();
+  if (wake_) wake_();
+}
+
+void AudioBus::Subscription::SetWake(std::function<void()> wake) {
+  std::lock_guard lock(mutex_);
+  wake_ = std::move(wake);
 }
 
 std::uint64_t AudioBus::Subscription::Dropped() const {

@@ -28,6 +28,7 @@ void FrameBus::Subscription::Offer(const FramePtr& frame) {
       return;
     }
     queue_.push_back(frame);
+    if (wake_) wake_();
   }
   ready_.notify_one();
 }
@@ -44,6 +45,7 @@ void FrameBus::Subscription::Prime(const std::vector<FramePtr>& frames) {
     limit_ = std::max<std::uint64_t>(limit_, queue_.size() + nominal_limit_);
     primed_ = frames.size();
     resyncing_ = false;
+    if (wake_) wake_();
   }
   ready_.notify_all();
 }
@@ -55,6 +57,16 @@ FrameBus::FramePtr FrameBus::Subscription::Pop(int timeout_ms) {
     if (ready_.wait_until(lock, deadline) == std::cv_status::timeout) break;
   }
   if (queue_.empty()) return nullptr;
+  return TakeFront();
+}
+
+FrameBus::FramePtr FrameBus::Subscription::TryPop() {
+  std::lock_guard lock(mutex_);
+  if (queue_.empty()) return nullptr;
+  return TakeFront();
+}
+
+FrameBus::FramePtr FrameBus::Subscription::TakeFront() {
   FramePtr frame = std::move(queue_.front());
   queue_.pop_front();
   // A primed reader keeps its widened capacity just until the backlog has drained.
@@ -62,11 +74,17 @@ FrameBus::FramePtr FrameBus::Subscription::Pop(int timeout_ms) {
   return frame;
 }
 
+void FrameBus::Subscription::SetWake(std::function<void()> wake) {
+  std::lock_guard lock(mutex_);
+  wake_ = std::move(wake);
+}
+
 void FrameBus::Subscription::Close() {
   {
     std::lock_guard lock(mutex_);
     closed_ = true;
     queue_.clear();
+    if (wake_) wake_();
   }
   ready_.notify_all();
 }

@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
+
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <random>
 
@@ -12,25 +14,30 @@
 #include "mirell/base/media_time.h"
 #include "mirell/base/version.h"
 #include "mirell/daemon/stream_path.h"
+#include "mirell/media/rtp.h"
 #include "rtcp_sender_report.h"
 #include "rtsp_sdp.h"
-#include "socket_io.h"
 
 namespace mirell::daemon {
 namespace {
 
+namespace asio = boost::asio;
+
 constexpr std::uint32_t kSessionIdBase = 0x4D524C00;
-constexpr std::size_t kMaxPacketSize = 1200;
 constexpr std::uint64_t kVideoQueue = 8;
 constexpr std::uint64_t kAudioQueue = 32;
 constexpr auto kReportInterval = std::chrono::seconds(1);
 constexpr auto kStatisticsInterval = std::chrono::seconds(2);
 constexpr double kKeyframeRateFps = 20.0;
+constexpr int kDescribedWaitMs = 400;
 constexpr int kSequenceHeaderWaitMs = 3000;  // Longer than the card takes to build at start.
 // A player sends its few requests before it plays; one that talks on without playing holds a
-// thread for nothing.
+// place for nothing.
 constexpr std::uint32_t kMaxRequestsBeforePlay = 32;
-constexpr int kSendTimeoutMs = 15'000;
+// Requests read but not yet answered (they wait while a stream is looked up), and answers not yet
+// taken by a player that sends requests without reading: bounds on what one connection holds.
+constexpr std::size_t kMaxWaitingRequests = 32;
+constexpr std::size_t kMaxQueuedBytes = 1u << 20;
 
 // value x numerator / denominator, rounded half away from zero.
 std::int64_t ScaleRounded(std::int64_t value, std::int64_t numerator, std::int64_t denominator) {
@@ -48,15 +55,18 @@ std::uint32_t RandomRtpBase() {
 
 }  // namespace
 
-RtspConnection::RtspConnection(RtspConnectionContext context, int socket, std::uint64_t client)
-    : context_(context),
-      socket_(socket),
+RtspConnection::RtspConnection(RtspConnectionContext context, Socket socket, std::uint64_t client)
+    : context_(std::move(context)),
+      socket_(std::move(socket)),
+      timer_(socket_.get_executor()),
       client_(client),
       session_id_(fmt::format("{:08X}", client + kSessionIdBase)),
-      h264_(media::RtpPacketizerConfig{96, 0, kMaxPacketSize, 0}),
-      aac_(media::AacRtpPacketizerConfig{97, 0, kMaxPacketSize, 0}),
       connected_at_(std::chrono::steady_clock::now()),
-      last_request_at_(connected_at_) {}
+      last_request_at_(connected_at_),
+      video_ssrc_(media::RandomRtpValue()),
+      audio_ssrc_(media::RandomRtpValue()),
+      video_sequence_(static_cast<std::uint16_t>(media::RandomRtpValue())),
+      audio_sequence_(static_cast<std::uint16_t>(media::RandomRtpValue())) {}
 
 RtspConnection::~RtspConnection() { Unsubscribe(); }
 
@@ -66,83 +76,115 @@ std::int64_t RtspConnection::MsSinceConnect() const {
       .count();
 }
 
-void RtspConnection::Run() {
+void RtspConnection::Start() {
   LOG_INFO("client={} connected", client_);
-  SetNoDelay(socket_);
-  // A player that stops reading while it plays is ended rather than left holding its thread and
-  // its place for ever; the bus has long since dropped what it did not take.
-  SetSendTimeout(socket_, kSendTimeoutMs);
-  std::vector<RtspRequest> requests;
-  std::array<char, 8192> buffer{};
-  for (;;) {
-    requests.clear();
-    if (playing_ && StreamEnded()) {
-      SayGoodbye();
-      break;
-    }
-    if (WaitReadable(socket_, playing_ ? 0 : 200)) {
-      const auto received = ReceiveSome(socket_, buffer);
-      if (received < 1) break;
-      pending_.append(buffer.data(), static_cast<std::size_t>(received));
-      const FramingResult framing = FrameRtspInput(pending_, requests);
-      rtcp_in_ += framing.interleaved_frames;
-      if (framing.dropped_bytes != 0) {
-        // No player sends a head that long: the connection is ended rather than read on.
-        LOG_WARN("client={} unparseable bytes={}, closing", client_, framing.dropped_bytes);
-        break;
-      }
-    } else if (playing_) {
-      if (!DeliverStep()) break;
-    }
-    const SteadyTime now = std::chrono::steady_clock::now();
-    if (!requests.empty()) last_request_at_ = now;
-    if (!playing_ && now - last_request_at_ > context_.request_within) {
-      LOG_INFO("client={} no request within {} ms, closing", client_, context_.request_within.count());
-      break;
-    }
-    bool leave = false;
-    for (const auto& request : requests) {
-      if (!playing_ && ++requests_before_play_ > kMaxRequestsBeforePlay) {
-        LOG_INFO("client={} {} requests without playing, closing", client_, kMaxRequestsBeforePlay);
-        leave = true;
-        break;
-      }
-      if (!Handle(request)) {
-        leave = true;
-        break;
-      }
-    }
-    if (leave || !context_.running.load()) break;
-  }
+  boost::system::error_code ignored;
+  socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
+  WatchRequestTime();
+  Read();
+}
+
+void RtspConnection::Close() {
+  if (closed_) return;
+  closed_ = true;
+  timer_.cancel();
+  boost::system::error_code ignored;
+  socket_.close(ignored);
   Unsubscribe();
+  LOG_INFO("client={} disconnected", client_);
+  if (context_.closed) context_.closed(client_);
 }
 
-// A withdrawn stream has closed the subscriptions: nothing more will come.
-bool RtspConnection::StreamEnded() const {
-  return video_sub_ && video_sub_->Closed() && (!audio_sub_ || audio_sub_->Closed());
+void RtspConnection::Tick() {
+  timer_.expires_after(std::chrono::seconds(1));
+  timer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+    if (error || self->closed_) return;
+    // A player that stops reading while it plays is ended rather than left holding its place
+    // for ever; its buses have long since dropped what it did not take.
+    if (self->writing_ &&
+        std::chrono::steady_clock::now() - self->write_started_ >= self->context_.send_within) {
+      LOG_INFO("client={} took nothing for {} ms, closing", self->client_,
+               self->context_.send_within.count());
+      // What it has not taken is dropped with the connection rather than trickled out.
+      boost::system::error_code ignored;
+      self->socket_.set_option(asio::socket_base::linger(true, 0), ignored);
+      self->Close();
+      return;
+    }
+    self->Deliver();
+    self->Tick();
+  });
 }
 
-// The end of a withdrawn stream, told to the player rather than left as a frozen picture: a BYE
-// on every track, after which the connection closes. Players end their stream on the BYEs, or at
-// the latest on the closed connection.
-void RtspConnection::SayGoodbye() {
-  const std::uint64_t ntp_time = NtpTime(SystemTicks100ns());
-  QueueInterleaved(video_rtcp_channel_, BuildGoodbye(h264_.ssrc(), ntp_time, video_rtp_time_,
-                                                     video_packets_, video_octets_));
-  if (audio_sub_) {
-    QueueInterleaved(audio_rtcp_channel_, BuildGoodbye(aac_.ssrc(), ntp_time, audio_rtp_time_,
-                                                       audio_packets_, audio_octets_));
+void RtspConnection::Read() {
+  socket_.async_read_some(asio::buffer(read_buffer_),
+                          [self = shared_from_this()](const boost::system::error_code& error,
+                                                      std::size_t size) { self->OnRead(error, size); });
+}
+
+void RtspConnection::OnRead(const boost::system::error_code& error, std::size_t size) {
+  if (closed_) return;
+  if (error) {
+    Close();
+    return;
   }
-  SendAll(socket_, outgoing_);
-  outgoing_.clear();
-  LOG_INFO("client={} stream ended, goodbye sent", client_);
+  pending_.append(read_buffer_.data(), size);
+  std::vector<RtspRequest> requests;
+  const FramingResult framing = FrameRtspInput(pending_, requests);
+  rtcp_in_ += framing.interleaved_frames;
+  if (framing.dropped_bytes != 0) {
+    // No player sends a head that long: the connection is ended rather than read on.
+    LOG_WARN("client={} unparseable bytes={}, closing", client_, framing.dropped_bytes);
+    Close();
+    return;
+  }
+  if (!requests.empty()) last_request_at_ = std::chrono::steady_clock::now();
+  for (auto& request : requests) requests_.push_back(std::move(request));
+  if (requests_.size() > kMaxWaitingRequests) {
+    LOG_INFO("client={} sent {} requests without waiting for answers, closing", client_, requests_.size());
+    Close();
+    return;
+  }
+  HandleQueued();
+  if (!closed_) Read();
 }
 
-void RtspConnection::Unsubscribe() {
-  if (stream_ && video_sub_) stream_->frames().Unsubscribe(video_sub_);
-  if (stream_ && audio_sub_) stream_->audio().Unsubscribe(audio_sub_);
-  video_sub_.reset();
-  audio_sub_.reset();
+// Before PLAY, the time since the last request (or the connection) is bounded; the wait for an
+// answer of ours does not count.
+void RtspConnection::WatchRequestTime() {
+  if (closed_ || playing_) return;
+  timer_.expires_at(last_request_at_ + context_.request_within);
+  timer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+    if (error || self->closed_ || self->playing_) return;
+    const auto now = std::chrono::steady_clock::now();
+    if (!self->finding_ && self->requests_.empty() &&
+        now - self->last_request_at_ >= self->context_.request_within) {
+      LOG_INFO("client={} no request within {} ms, closing", self->client_,
+               self->context_.request_within.count());
+      self->Close();
+      return;
+    }
+    if (self->finding_) self->last_request_at_ = now;
+    self->WatchRequestTime();
+  });
+}
+
+void RtspConnection::HandleQueued() {
+  while (!closed_ && !finding_ && !requests_.empty()) {
+    const RtspRequest request = std::move(requests_.front());
+    requests_.pop_front();
+    if (!playing_ && ++requests_before_play_ > kMaxRequestsBeforePlay) {
+      LOG_INFO("client={} {} requests without playing, closing", client_, kMaxRequestsBeforePlay);
+      Close();
+      return;
+    }
+    if (!Handle(request)) {
+      end_after_write_ = true;
+      requests_.clear();
+      Flush();
+      return;
+    }
+  }
 }
 
 void RtspConnection::Respond(std::string_view status, std::int32_t cseq,
@@ -154,8 +196,14 @@ void RtspConnection::Respond(std::string_view status, std::int32_t cseq,
   if (!body.empty()) response += fmt::format("Content-Length: {}\r\n", body.size());
   response += "\r\n";
   response += body;
-  // A failed send is found by the next receive or media send.
-  SendAll(socket_, {reinterpret_cast<const std::uint8_t*>(response.data()), response.size()});
+  if (queued_.size() + response.size() > kMaxQueuedBytes) {
+    LOG_INFO("client={} takes none of its answers, closing", client_);
+    Close();
+    return;
+  }
+  queued_.StartSection();
+  queued_.AppendOwn({reinterpret_cast<const std::uint8_t*>(response.data()), response.size()});
+  Flush();
 }
 
 bool RtspConnection::Handle(const RtspRequest& request) {
@@ -166,11 +214,17 @@ bool RtspConnection::Handle(const RtspRequest& request) {
   } else if (request.method == "OPTIONS") {
     Respond("200 OK", request.cseq, "Public: OPTIONS, DESCRIBE, SETUP, PLAY, TEARDOWN\r\n");
   } else if (request.method == "DESCRIBE") {
-    Describe(request);
+    FindThenHandle(request, true, &RtspConnection::Describe);
   } else if (request.method == "SETUP") {
     Setup(request);
   } else if (request.method == "PLAY") {
-    Play(request);
+    if (stream_) {
+      Found known;
+      known.stream = stream_;
+      Play(request, known);
+    } else {
+      FindThenHandle(request, false, &RtspConnection::Play);
+    }
   } else if (request.method == "TEARDOWN") {
     Respond("200 OK", request.cseq, fmt::format("Session: {}\r\n", session_id_));
     Unsubscribe();
@@ -181,35 +235,55 @@ bool RtspConnection::Handle(const RtspRequest& request) {
   return true;
 }
 
-bool RtspConnection::FindStream(const std::string& uri) {
-  if (!stream_) stream_ = context_.lookup(RequestPath(uri));
-  return stream_ != nullptr;
+// A lookup may wait for a signal server's answer, and a description for a remote host: seconds
+// that the I/O thread must not spend.
+void RtspConnection::FindThenHandle(const RtspRequest& request, bool describe,
+                                    void (RtspConnection::*then)(const RtspRequest&, const Found&)) {
+  finding_ = true;
+  asio::post(context_.lookups, [self = shared_from_this(), request, describe, then,
+                                known = stream_] {
+    auto found = std::make_shared<Found>();
+    found->stream = known ? known : self->context_.lookup(RequestPath(request.uri));
+    if (found->stream && describe) {
+      MediaStream& stream = *found->stream;
+      stream.RequestKeyframe();
+      found->described = stream.IsDescribed() || stream.WaitDescribed(kDescribedWaitMs);
+      found->audio = stream.Audio();
+      found->has_sequence_header = stream.WaitSequenceHeader(kSequenceHeaderWaitMs);
+      found->sequence_header = stream.SequenceHeader();
+      found->bitrate_kbps = stream.bitrate_kbps();
+    }
+    asio::post(self->socket_.get_executor(), [self, request, then, found] {
+      self->finding_ = false;
+      if (self->closed_) return;
+      if (!self->stream_) self->stream_ = found->stream;
+      (self.get()->*then)(request, *found);
+      self->HandleQueued();
+    });
+  });
 }
 
-void RtspConnection::Describe(const RtspRequest& request) {
-  if (!FindStream(request.uri)) {
+void RtspConnection::Describe(const RtspRequest& request, const Found& found) {
+  if (!found.stream) {
     LOG_INFO("client={} uri={} not published", client_, request.uri);
     Respond("404 Not Found", request.cseq);
     return;
   }
-  stream_->RequestKeyframe();
-  if (!stream_->IsDescribed() && !stream_->WaitDescribed(400)) {
+  if (!found.described) {
     LOG_INFO("client={} uri={} describe timeout, using defaults", client_, request.uri);
   }
-  const auto audio = stream_->Audio();
-  if (audio) {
-    audio_rate_ = audio->sample_rate;
+  if (found.audio) {
+    audio_rate_ = found.audio->sample_rate;
     has_audio_ = true;
   }
   // A stream whose first picture is still being made (the holding card at start-up) is waited
   // for, within a bound; an answer of 503 ends most players for good.
-  if (!stream_->WaitSequenceHeader(kSequenceHeaderWaitMs)) {
+  if (!found.has_sequence_header) {
     LOG_INFO("client={} uri={} no sequence header within {} ms", client_, request.uri, kSequenceHeaderWaitMs);
     Respond("503 Service Unavailable", request.cseq, "Retry-After: 1\r\n");
     return;
   }
-  const auto sequence_header = stream_->SequenceHeader();
-  const std::string sdp = BuildSdp(sequence_header, stream_->bitrate_kbps(), audio);
+  const std::string sdp = BuildSdp(found.sequence_header, found.bitrate_kbps, found.audio);
   Respond("200 OK", request.cseq,
           fmt::format("Content-Type: application/sdp\r\nContent-Base: {}{}/\r\n"
                       "Session: {}\r\n",
@@ -258,21 +332,29 @@ void RtspConnection::Setup(const RtspRequest& request) {
                       rtp_channel, rtcp_channel, session_id_));
 }
 
-void RtspConnection::Play(const RtspRequest& request) {
-  if (!FindStream(request.uri)) {
+void RtspConnection::Play(const RtspRequest& request, const Found& found) {
+  if (!found.stream) {
     Respond("404 Not Found", request.cseq);
     return;
   }
   // A PLAY while playing (some players send one to resume) is answered but changes nothing: a
   // second subscription would outlive the connection's own and keep the stream busy for ever.
-  if (!playing_) StartDelivery();
+  // Subscribed before the answer goes out, so that a frame published as soon as the player has
+  // it is not missed; the first delivery is posted, and so comes after the answer.
+  if (!playing_) {
+    rtp_base_ = context_.randomize_rtp_base ? RandomRtpBase() : 0;
+    playing_ = true;
+    timer_.cancel();
+    StartDelivery();
+    Tick();
+  }
   const std::string path = RequestPath(request.uri);
   const std::string origin = Origin(request.uri);
   std::string rtp_info = fmt::format("RTP-Info: url={}{}/trackID=0;seq={};rtptime={}", origin, path,
-                                     h264_.next_sequence(), rtp_base_);
+                                     video_sequence_, rtp_base_);
   if (has_audio_) {
     rtp_info += fmt::format(",url={}{}/trackID=1;seq={};rtptime={}", origin, path,
-                            aac_.next_sequence(), rtp_base_);
+                            audio_sequence_, rtp_base_);
   }
   rtp_info += "\r\n";
   Respond("200 OK", request.cseq,
@@ -299,19 +381,100 @@ void RtspConnection::StartDelivery() {
     LOG_INFO("client={} audio primed={}", client_, audio_sub_->Primed());
   }
   first_timestamp_ = video_sub_->FrontTimestamp();
-  playing_ = true;
-  rtp_base_ = context_.randomize_rtp_base ? RandomRtpBase() : 0;
   const auto now = std::chrono::steady_clock::now();
   last_report_ = now - kReportInterval;
   last_stats_ = now;
+  // The buses wake the connection from their producers' threads; it delivers here.
+  std::weak_ptr<RtspConnection> weak = weak_from_this();
+  const auto wake = [weak] {
+    if (const auto self = weak.lock()) self->Wake();
+  };
+  video_sub_->SetWake(wake);
+  if (audio_sub_) audio_sub_->SetWake(wake);
+  Wake();  // For the primed backlog.
+}
+
+// Any thread: one delivery is posted however many units come before it runs.
+void RtspConnection::Wake() {
+  if (wake_pending_.exchange(true)) return;
+  asio::post(socket_.get_executor(), [self = shared_from_this()] { self->Deliver(); });
+}
+
+void RtspConnection::Unsubscribe() {
+  // After SetWake(nullptr) no bus calls back into this connection.
+  if (video_sub_) video_sub_->SetWake(nullptr);
+  if (audio_sub_) audio_sub_->SetWake(nullptr);
+  if (stream_ && video_sub_) stream_->frames().Unsubscribe(video_sub_);
+  if (stream_ && audio_sub_) stream_->audio().Unsubscribe(audio_sub_);
+  video_sub_.reset();
+  audio_sub_.reset();
+}
+
+// A withdrawn stream has closed the subscriptions: nothing more will come.
+bool RtspConnection::StreamEnded() const {
+  return video_sub_ && video_sub_->Closed() && (!audio_sub_ || audio_sub_->Closed());
+}
+
+// The end of a withdrawn stream, told to the player rather than left as a frozen picture: a BYE
+// on every track, after which the connection closes. Players end their stream on the BYEs, or at
+// the latest on the closed connection.
+void RtspConnection::SayGoodbye() {
+  const std::uint64_t ntp_time = NtpTime(SystemTicks100ns());
+  queued_.StartSection();
+  QueueInterleaved(video_rtcp_channel_, BuildGoodbye(video_ssrc_, ntp_time, video_rtp_time_,
+                                                     video_packets_, video_octets_));
+  if (audio_sub_) {
+    QueueInterleaved(audio_rtcp_channel_, BuildGoodbye(audio_ssrc_, ntp_time, audio_rtp_time_,
+                                                       audio_packets_, audio_octets_));
+  }
+  LOG_INFO("client={} stream ended, goodbye sent", client_);
+  end_after_write_ = true;
+  Unsubscribe();
+  Flush();
+}
+
+// A player that has not taken the last write gets nothing more until it does: its buses drop
+// for it meanwhile, by their rules, and the other players are not touched.
+void RtspConnection::Deliver() {
+  wake_pending_.store(false);
+  if (closed_ || !playing_ || writing_ || end_after_write_ || !video_sub_) return;
+  if (StreamEnded()) {
+    SayGoodbye();
+    return;
+  }
+  const std::size_t step = queued_.StartSection();
+  QueueAudio();
+  QueueVideo();
+  const auto now = std::chrono::steady_clock::now();
+  QueueSenderReports(now, step);
+  LogStatistics(now);
+  Flush();
 }
 
 void RtspConnection::QueueInterleaved(std::uint8_t channel, std::span<const std::uint8_t> packet) {
-  outgoing_.push_back('$');
-  outgoing_.push_back(channel);
-  outgoing_.push_back(static_cast<std::uint8_t>(packet.size() >> 8));
-  outgoing_.push_back(static_cast<std::uint8_t>(packet.size()));
-  outgoing_.insert(outgoing_.end(), packet.begin(), packet.end());
+  std::uint8_t* head = queued_.AppendOwnSpace(4 + packet.size());
+  head[0] = '$';
+  head[1] = channel;
+  head[2] = static_cast<std::uint8_t>(packet.size() >> 8);
+  head[3] = static_cast<std::uint8_t>(packet.size());
+  std::copy(packet.begin(), packet.end(), head + 4);
+}
+
+// Each packet: the interleaving and the player's own RTP header, then the shared payload.
+void RtspConnection::QueuePackets(const SharedPackets& packets, std::uint8_t channel,
+                                  std::uint16_t& sequence, std::uint32_t timestamp,
+                                  std::uint32_t ssrc, std::uint32_t& count, std::uint32_t& octets) {
+  for (const media::Bytes& packet : *packets) {
+    std::uint8_t* head = queued_.AppendOwnSpace(4 + media::kRtpHeaderSize);
+    head[0] = '$';
+    head[1] = channel;
+    head[2] = static_cast<std::uint8_t>(packet.size() >> 8);
+    head[3] = static_cast<std::uint8_t>(packet.size());
+    WriteRtpHeader(packet, sequence++, timestamp, ssrc, head + 4);
+    queued_.AppendShared(std::span(packet).subspan(media::kRtpHeaderSize), packets);
+    ++count;
+    octets += static_cast<std::uint32_t>(packet.size() - media::kRtpHeaderSize);
+  }
 }
 
 void RtspConnection::QueueAudio() {
@@ -324,33 +487,22 @@ void RtspConnection::QueueAudio() {
     const std::int64_t delta = unit->pts_100ns - first_timestamp_;
     audio_rtp_time_ =
         rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, audio_rate_, kTicksPerSecond));
-    packets_.clear();
-    aac_.Packetize(unit->data, audio_rtp_time_, packets_);
-    for (const auto& packet : packets_) {
-      QueueInterleaved(audio_rtp_channel_, packet);
-      ++audio_packets_;
-      audio_octets_ += static_cast<std::uint32_t>(packet.size() - media::kRtpHeaderSize);
-    }
+    QueuePackets(context_.packets.Audio(unit), audio_rtp_channel_, audio_sequence_, audio_rtp_time_,
+                 audio_ssrc_, audio_packets_, audio_octets_);
     ++audio_sent_;
   }
 }
 
 void RtspConnection::QueueVideo() {
-  if (!video_sub_) return;
-  const auto frame = video_sub_->Pop(audio_sub_ ? 10 : 250);
-  if (!frame) return;
-  if (first_timestamp_ < 0) first_timestamp_ = frame->pts_100ns;
-  const std::int64_t delta = frame->pts_100ns - first_timestamp_;
-  video_rtp_time_ = rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, 9, 1000));
-  packets_.clear();
-  h264_.Packetize(frame->data, video_rtp_time_, packets_);
-  for (const auto& packet : packets_) {
-    QueueInterleaved(video_rtp_channel_, packet);
-    ++video_packets_;
-    video_octets_ += static_cast<std::uint32_t>(packet.size() - media::kRtpHeaderSize);
+  while (const auto frame = video_sub_->TryPop()) {
+    if (first_timestamp_ < 0) first_timestamp_ = frame->pts_100ns;
+    const std::int64_t delta = frame->pts_100ns - first_timestamp_;
+    video_rtp_time_ = rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, 9, 1000));
+    QueuePackets(context_.packets.Video(frame), video_rtp_channel_, video_sequence_, video_rtp_time_,
+                 video_ssrc_, video_packets_, video_octets_);
+    ++frames_sent_;
+    if (frame->keyframe) ++keyframes_sent_;
   }
-  ++frames_sent_;
-  if (frame->keyframe) ++keyframes_sent_;
 }
 
 // Both tracks' reports name the RTP times of one media instant, "now" at the stream's live edge,
@@ -383,7 +535,7 @@ std::int64_t RtspConnection::ReportMediaNow(std::int64_t steady_ns) {
 // so ffmpeg stepped the primed sound back by the primed span when the report came behind it.
 // For the same reason a track that starts later (sound after the first frames) is reported
 // with its first packets, not up to a second afterwards.
-void RtspConnection::QueueSenderReports(SteadyTime now) {
+void RtspConnection::QueueSenderReports(SteadyTime now, std::size_t step) {
   if (video_packets_ == 0) return;
   const bool audio_unreported = audio_sub_ && audio_packets_ != 0 && !audio_reported_;
   if (now - last_report_ < kReportInterval && !audio_unreported) return;
@@ -396,38 +548,52 @@ void RtspConnection::QueueSenderReports(SteadyTime now) {
     video_rtp_time = rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, 9, 1000));
     audio_rtp_time = rtp_base_ + static_cast<std::uint32_t>(ScaleRounded(delta, audio_rate_, kTicksPerSecond));
   }
-  const auto media_bytes = static_cast<std::ptrdiff_t>(outgoing_.size());
-  QueueInterleaved(video_rtcp_channel_, BuildSenderReport(h264_.ssrc(), ntp_time, video_rtp_time,
+  const std::size_t reports = queued_.StartSection();
+  QueueInterleaved(video_rtcp_channel_, BuildSenderReport(video_ssrc_, ntp_time, video_rtp_time,
                                                           video_packets_, video_octets_));
   if (audio_sub_ && audio_packets_ != 0) {
-    QueueInterleaved(audio_rtcp_channel_, BuildSenderReport(aac_.ssrc(), ntp_time, audio_rtp_time,
+    QueueInterleaved(audio_rtcp_channel_, BuildSenderReport(audio_ssrc_, ntp_time, audio_rtp_time,
                                                             audio_packets_, audio_octets_));
     audio_reported_ = true;
   }
-  std::rotate(outgoing_.begin(), outgoing_.begin() + media_bytes, outgoing_.end());
+  queued_.MoveToFront(step, reports);
   last_report_ = now;
 }
 
-bool RtspConnection::DeliverStep() {
-  QueueAudio();
-  QueueVideo();
-  const auto now = std::chrono::steady_clock::now();
-  QueueSenderReports(now);
-  if (!outgoing_.empty()) {
-    const auto send_start = std::chrono::steady_clock::now();
-    const bool sent = SendAll(socket_, outgoing_);
-    const auto send_us = std::chrono::duration_cast<std::chrono::microseconds>(
-                             std::chrono::steady_clock::now() - send_start)
-                             .count();
-    worst_send_us_ = std::max<std::int64_t>(worst_send_us_, send_us);
-    outgoing_.clear();
-    if (!sent) {
-      LOG_DEBUG("client {} send failed", client_);
-      return false;
-    }
+void RtspConnection::Flush() {
+  if (closed_ || writing_) return;
+  if (queued_.empty()) {
+    if (end_after_write_) Close();
+    return;
   }
-  LogStatistics(now);
-  return true;
+  std::swap(in_flight_, queued_);
+  queued_.Clear();
+  writing_ = true;
+  write_started_ = std::chrono::steady_clock::now();
+  asio::async_write(socket_, in_flight_.Buffers(),
+                    [self = shared_from_this()](const boost::system::error_code& error, std::size_t) {
+                      self->OnWritten(error);
+                    });
+}
+
+void RtspConnection::OnWritten(const boost::system::error_code& error) {
+  writing_ = false;
+  in_flight_.Clear();
+  if (closed_) return;
+  if (error) {
+    LOG_DEBUG("client {} send failed: {}", client_, error.message());
+    Close();
+    return;
+  }
+  const auto took = std::chrono::duration_cast<std::chrono::microseconds>(
+                        std::chrono::steady_clock::now() - write_started_)
+                        .count();
+  worst_write_us_ = std::max<std::int64_t>(worst_write_us_, took);
+  if (playing_ && !end_after_write_) {
+    Deliver();
+  } else {
+    Flush();
+  }
 }
 
 void RtspConnection::LogStatistics(SteadyTime now) {
@@ -438,7 +604,7 @@ void RtspConnection::LogStatistics(SteadyTime now) {
   const std::uint64_t audio_dropped = audio_sub_ ? audio_sub_->Dropped() : 0;
   LOG_INFO("client {} delivered {:.1f} fps ({} frames, {} keyframes, {} dropped, worst send {} us, "
            "{} RTCP in), audio {} AUs ({} dropped, {} predating the first frame)",
-           client_, fps, frames_sent_, keyframes_sent_, dropped, worst_send_us_, rtcp_in_,
+           client_, fps, frames_sent_, keyframes_sent_, dropped, worst_write_us_, rtcp_in_,
            audio_sent_, audio_dropped, audio_early_);
   if (dropped != 0 && fps < kKeyframeRateFps) {
     LOG_WARN("client {} is only keeping up with about the keyframe rate. The client is reading "
@@ -448,7 +614,7 @@ void RtspConnection::LogStatistics(SteadyTime now) {
   }
   frames_at_last_stats_ = frames_sent_;
   last_stats_ = now;
-  worst_send_us_ = 0;
+  worst_write_us_ = 0;
 }
 
 }  // namespace mirell::daemon

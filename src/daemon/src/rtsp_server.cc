@@ -1,173 +1,175 @@
-// The listener and the connection threads. Sockets are POSIX here.
+// The listener, the I/O thread and the lookup threads, on Boost.Asio.
 #include "mirell/daemon/rtsp_server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
 
-#include <cerrno>
-#include <exception>
+#include <optional>
+#include <thread>
+#include <unordered_map>
+#include <vector>
 
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
 #include "mirell/base/thread_name.h"
+#include "rtp_packet_cache.h"
 #include "rtsp_connection.h"
 #include "rtsp_sdp.h"
-#include "socket_io.h"
 
 namespace mirell::daemon {
+namespace {
+
+namespace asio = boost::asio;
+using tcp = asio::ip::tcp;
+using WorkGuard = asio::executor_work_guard<asio::io_context::executor_type>;
+
+constexpr std::size_t kMaxPacketSize = 1200;
+// About three seconds of units of a few streams: what a late player's priming reaches back to.
+constexpr std::size_t kRememberedUnits = 512;
+
+// The first and every hundredth: a flood must not flood the log too.
+bool WorthLogging(std::uint64_t count) { return count == 1 || count % 100 == 0; }
+
+}  // namespace
+
+struct RtspServer::Impl {
+  asio::io_context io;
+  asio::io_context lookups;
+  std::optional<WorkGuard> io_work{io.get_executor()};
+  std::optional<WorkGuard> lookup_work{lookups.get_executor()};
+  tcp::acceptor acceptor{io};
+  std::thread io_thread;
+  std::vector<std::thread> lookup_threads;
+  RtpPacketCache packets{kRememberedUnits, kMaxPacketSize};
+  struct Served {
+    std::shared_ptr<RtspConnection> connection;
+    std::uint32_t address;  // IPv4, host order; 0 when not counted per address.
+  };
+  std::unordered_map<std::uint64_t, Served> served;  // I/O thread only.
+  std::uint64_t next_client = 0;                     // I/O thread only.
+};
 
 RtspServer::RtspServer(StreamLookup lookup) : lookup_(std::move(lookup)) {}
 
 RtspServer::~RtspServer() { Stop(); }
 
+std::uint64_t RtspServer::packetized_units() const {
+  return impl_ ? impl_->packets.packetized_units() : 0;
+}
+
 void RtspServer::Start(std::uint16_t port) { Start(std::string(kLoopback), port); }
 
 void RtspServer::Start(const std::string& bind_address, std::uint16_t port) {
-  port_ = port;
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
-  MIRELL_CHECK(listener >= 0, "rtsp: socket() failed with {}", errno);
-  const int on = 1;
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  if (::inet_pton(AF_INET, bind_address.c_str(), &address.sin_addr) != 1) {
-    CloseSocket(listener);
+  boost::system::error_code error;
+  const auto address = asio::ip::make_address_v4(bind_address, error);
+  if (error) {
     ThrowError(fmt::format("rtsp: '{}' is not an IPv4 address", bind_address),
                std::source_location::current());
   }
-  if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-    const int error = errno;
-    CloseSocket(listener);
-    ThrowError(fmt::format("rtsp: could not bind {}:{} ({})", bind_address, port, HrToString(-error)),
+  auto impl = std::make_unique<Impl>();
+  tcp::acceptor& acceptor = impl->acceptor;
+  acceptor.open(tcp::v4(), error);
+  MIRELL_CHECK(!error, "rtsp: socket() failed: {}", error.message());
+  acceptor.set_option(tcp::acceptor::reuse_address(true), error);
+  acceptor.bind(tcp::endpoint(address, port), error);
+  if (error) {
+    ThrowError(fmt::format("rtsp: could not bind {}:{} ({})", bind_address, port, error.message()),
                std::source_location::current());
   }
-  if (listen(listener, SOMAXCONN) != 0) {
-    const int error = errno;
-    CloseSocket(listener);
-    ThrowError(fmt::format("rtsp: listen failed ({})", HrToString(-error)),
-               std::source_location::current());
+  acceptor.listen(asio::socket_base::max_listen_connections, error);
+  if (error) {
+    ThrowError(fmt::format("rtsp: listen failed ({})", error.message()), std::source_location::current());
   }
-  socklen_t size = sizeof(address);
-  if (getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) == 0) {
-    port_ = ntohs(address.sin_port);
-  }
-  listener_ = listener;
+  port_ = acceptor.local_endpoint().port();
+  impl_ = std::move(impl);
   running_.store(true);
-  accept_thread_ = std::thread([this] {
-    NameThisThread("rtsp-accept");
-    AcceptLoop();
+  Accept();
+  impl_->io_thread = std::thread([this] {
+    NameThisThread("rtsp-io");
+    impl_->io.run();
   });
+  for (int i = 0; i < kLookupThreads; ++i) {
+    impl_->lookup_threads.emplace_back([this] {
+      NameThisThread("rtsp-lookup");
+      impl_->lookups.run();
+    });
+  }
   LOG_INFO("listening {}:{}", bind_address, port_);
 }
 
 void RtspServer::Stop() {
   if (!running_.exchange(false)) return;
-  // Wakes the accept loop's wait at once rather than at its next 200 ms turn.
-  ShutdownSocket(listener_);
-  accept_thread_.join();
-  CloseSocket(listener_);
-  listener_ = -1;
-  std::vector<Client> clients;
-  {
-    // A connection blocked in a send to a player that stopped reading would otherwise hold Stop
-    // until the player goes away. Under the lock, so that no socket is closed meanwhile.
-    std::lock_guard lock(clients_mutex_);
-    for (auto& client : client_threads_) {
-      if (!client.finished->load()) ShutdownSocket(client.socket);
-    }
-    clients.swap(client_threads_);
-  }
-  for (auto& client : clients) client.thread.join();
+  asio::post(impl_->io, [this] {
+    boost::system::error_code ignored;
+    impl_->acceptor.close(ignored);
+    // Close takes each out of `served`.
+    std::vector<std::shared_ptr<RtspConnection>> connections;
+    for (const auto& [client, served] : impl_->served) connections.push_back(served.connection);
+    for (const auto& connection : connections) connection->Close();
+  });
+  // Lookups under way finish (their answers find their connections closed), then the I/O thread
+  // runs out of work: every socket is closed and every timer cancelled.
+  impl_->lookup_work.reset();
+  for (auto& thread : impl_->lookup_threads) thread.join();
+  impl_->io_work.reset();
+  impl_->io_thread.join();
 }
 
-void RtspServer::AcceptLoop() {
-  while (running_.load() && listener_ >= 0) {
-    ReapFinishedClients();
-    if (!WaitReadable(listener_, 200)) continue;
-    sockaddr_in peer{};
-    socklen_t peer_size = sizeof(peer);
-    const int socket = accept4(listener_, reinterpret_cast<sockaddr*>(&peer), &peer_size, SOCK_CLOEXEC);
-    if (socket < 0) continue;
-    const std::uint32_t address = peer.sin_family == AF_INET ? ntohl(peer.sin_addr.s_addr) : 0;
+void RtspServer::Accept() {
+  impl_->acceptor.async_accept([this](const boost::system::error_code& error, tcp::socket socket) {
+    if (!impl_->acceptor.is_open()) return;
+    if (error) {
+      // Out of descriptors, say: the listener goes on.
+      LOG_WARN("accept failed: {}", error.message());
+      Accept();
+      return;
+    }
+    boost::system::error_code peer_error;
+    const auto peer = socket.remote_endpoint(peer_error);
+    const std::uint32_t raw =
+        !peer_error && peer.address().is_v4() ? peer.address().to_v4().to_uint() : 0;
     // This machine's connections (a local player, a proxy in front) are not counted per address.
-    const bool counted = address != 0 && (address >> 24) != 127;
-    if (!running_.load()) {
-      CloseSocket(socket);
-      break;
-    }
-    const std::uint64_t client = next_client_.fetch_add(1) + 1;
-    auto finished = std::make_shared<std::atomic<bool>>(false);
-    std::lock_guard lock(clients_mutex_);
-    std::size_t live = 0;
+    const std::uint32_t address = (raw >> 24) == 127 ? 0 : raw;
+    const std::uint64_t client = ++impl_->next_client;
     std::size_t from_address = 0;
-    for (const Client& existing : client_threads_) {
-      if (existing.finished->load()) continue;
-      ++live;
-      from_address += counted && existing.address == address ? 1u : 0u;
+    if (address != 0) {
+      for (const auto& [id, served] : impl_->served) from_address += served.address == address ? 1u : 0u;
     }
-    if (from_address >= max_clients_per_address_) {
-      const std::uint64_t refused = refused_.fetch_add(1) + 1;
-      CloseSocket(socket);
-      if (refused == 1 || refused % 100 == 0) {
-        LOG_WARN("refused connection {}: {} from one address are served already", refused,
-                 max_clients_per_address_);
-      }
-      continue;
-    }
-    if (live >= max_clients_) {
+    if (from_address >= max_clients_per_address_ || impl_->served.size() >= max_clients_) {
       // Counted before the close, which the client may see at once.
       const std::uint64_t refused = refused_.fetch_add(1) + 1;
-      CloseSocket(socket);
-      // The first and every hundredth: a flood must not flood the log too.
-      if (refused == 1 || refused % 100 == 0) {
-        LOG_WARN("refused connection {} beyond the {} served at once", refused, max_clients_);
+      boost::system::error_code ignored;
+      socket.close(ignored);
+      if (WorthLogging(refused)) {
+        if (from_address >= max_clients_per_address_) {
+          LOG_WARN("refused connection {}: {} from one address are served already", refused,
+                   max_clients_per_address_);
+        } else {
+          LOG_WARN("refused connection {} beyond the {} served at once", refused, max_clients_);
+        }
       }
-      continue;
+      Accept();
+      return;
     }
-    client_threads_.push_back(
-        {std::thread([this, socket, client, finished] {
-           NameThisThread("rtsp-client");
-           try {
-             ServeConnection(socket, client);
-           } catch (const std::exception& error) {
-             LOG_WARN("client {} failed: {}", client, error.what());
-           }
-           {
-             // Stop shuts live sockets down under this lock; it must never reach a descriptor
-             // number that has been closed and handed to someone else.
-             std::lock_guard closing(clients_mutex_);
-             finished->store(true);
-             CloseSocket(socket);
-           }
-           LOG_INFO("client={} disconnected", client);
-         }),
-         socket, finished, address});
-  }
-}
-
-// Joins connection threads that have ended, so that a long run with many short connections does
-// not keep one finished thread per connection.
-void RtspServer::ReapFinishedClients() {
-  std::vector<std::thread> finished_threads;
-  {
-    std::lock_guard lock(clients_mutex_);
-    for (auto it = client_threads_.begin(); it != client_threads_.end();) {
-      if (it->finished->load()) {
-        finished_threads.push_back(std::move(it->thread));
-        it = client_threads_.erase(it);
-      } else {
-        ++it;
-      }
-    }
-  }
-  for (auto& thread : finished_threads) thread.join();
-}
-
-void RtspServer::ServeConnection(int socket, std::uint64_t client) {
-  RtspConnection connection({lookup_, running_, port_, randomize_rtp_base_, request_within_}, socket, client);
-  connection.Run();
+    RtspConnectionContext context{lookup_,
+                                  impl_->lookups,
+                                  impl_->packets,
+                                  port_,
+                                  randomize_rtp_base_,
+                                  request_within_,
+                                  send_within_,
+                                  [this](std::uint64_t gone) {
+                                    impl_->served.erase(gone);
+                                    connections_.store(impl_->served.size());
+                                  }};
+    auto connection = std::make_shared<RtspConnection>(std::move(context), std::move(socket), client);
+    impl_->served.emplace(client, Impl::Served{connection, address});
+    connections_.store(impl_->served.size());
+    connection->Start();
+    Accept();
+  });
 }
 
 }  // namespace mirell::daemon

@@ -109,5 +109,25 @@ TEST(AudioBus, NullUnitIsIgnored) {
   EXPECT_EQ(reader->TryPop(), nullptr);
 }
 
+
+TEST(AudioBus, AWakeIsCalledForEachQueuedUnitAndAtCloseAndNeverAfterItIsCleared) {
+  AudioBus bus;
+  bus.SetHistory(4);
+  auto reader = bus.Subscribe(4, -1);
+  int wakes = 0;
+  reader->SetWake([&] { ++wakes; });
+  bus.Publish(Unit(0));
+  bus.Publish(Unit(1));
+  EXPECT_EQ(wakes, 2);
+  EXPECT_EQ(Drain(*reader), (std::vector<std::int64_t>{0, 1}));
+  reader->SetWake(nullptr);
+  bus.Publish(Unit(2));
+  EXPECT_EQ(wakes, 2);
+  reader->SetWake([&] { ++wakes; });
+  bus.Close();
+  EXPECT_EQ(wakes, 3);
+  EXPECT_TRUE(reader->Closed());
+}
+
 }  // namespace
 }  // namespace mirell::daemon

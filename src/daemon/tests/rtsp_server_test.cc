@@ -568,7 +568,7 @@ TEST_F(RtspServerTest, ReportsNeverRunAheadOfTheWallClockWhenFramesArriveWithJit
 TEST_F(RtspServerTest, WhilePlayingAStalledSourceTheSocketIsStillReadFourTimesASecond) {
   RtspTestClient client(server_.port());
   ASSERT_EQ(StartPlaying(client).status, 200);
-  // No frames and no audio: each turn waits up to 250 ms in Pop, then looks at the socket.
+  // No frames and no audio: requests are still answered at once.
   for (int i = 0; i < 4; ++i) {
     const auto asked = std::chrono::steady_clock::now();
     EXPECT_EQ(client.Request("OPTIONS", uri_, 10 + i).status, 200);
@@ -629,7 +629,7 @@ TEST_F(RtspServerTest, StalledReaderDoesNotSlowAnotherAndCountsDrops) {
   ASSERT_EQ(StartPlaying(reader).status, 200);
 
   // 20 MB in 2 s: far more than the socket buffers of the stalled connection hold, so its
-  // thread blocks in a send while the bus drops for it.
+  // write hangs while the bus drops for it.
   constexpr int kFrames = 200;
   std::thread producer([&] {
     for (int i = 0; i < kFrames; ++i) {
@@ -723,7 +723,7 @@ TEST_F(RtspServerTest, StopJoinsEveryThread) {
 }
 
 // Any local program may connect: beyond the limit a connection is closed at once instead of
-// getting a thread of its own, and a place that frees up is served again.
+// being held, and a place that frees up is served again.
 TEST(RtspServerLimits, ConnectionsBeyondTheLimitAreClosedAndAFreedPlaceIsServed) {
   RtspServer server([](const std::string&) { return nullptr; });
   server.SetMaxClients(3);
@@ -738,7 +738,7 @@ TEST(RtspServerLimits, ConnectionsBeyondTheLimitAreClosedAndAFreedPlaceIsServed)
   EXPECT_EQ(server.refused_connections(), 1u);
 
   served.pop_back();
-  // The freed connection's thread ends when it reads the close; until then a newcomer may still
+  // The freed connection ends when the server reads the close; until then a newcomer may still
   // find the house full.
   EXPECT_TRUE(Eventually([&] {
     RtspTestClient again(server.port());

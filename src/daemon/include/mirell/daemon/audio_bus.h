@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -28,6 +29,9 @@ class AudioBus {
 
     // Never blocks: the oldest unit, or null.
     FramePtr TryPop();
+    // As FrameBus::Subscription::SetWake: called under the subscription's lock whenever a unit is
+    // queued, a backlog primed or the subscription closed.
+    void SetWake(std::function<void()> wake);
     void Close();
 
     std::uint64_t Dropped() const;
@@ -41,6 +45,7 @@ class AudioBus {
     std::uint64_t primed_ = 0;
     bool closed_ = false;
     std::uint64_t dropped_ = 0;
+    std::function<void()> wake_;
   };
 
   AudioBus() = default;

@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -37,6 +38,14 @@ class FrameBus {
     // Blocks until a frame is there, the subscription is closed, or `timeout_ms` have passed;
     // returns the oldest frame or null.
     FramePtr Pop(int timeout_ms);
+    // Never blocks: the oldest frame, or null.
+    FramePtr TryPop();
+    // For readers that wait on an event loop rather than in Pop: `wake` is called whenever a
+    // frame is queued, a backlog primed or the subscription closed, on the thread that does it
+    // and under the subscription's lock, so that it is never called once SetWake(nullptr) has
+    // returned. It must be quick and must not call the subscription or the bus (post, don't
+    // work).
+    void SetWake(std::function<void()> wake);
     // Final: empties the queue and wakes every waiter.
     void Close();
 
@@ -47,6 +56,8 @@ class FrameBus {
     std::int64_t FrontTimestamp() const;
 
    private:
+    FramePtr TakeFront();  // Under the lock, with a frame queued.
+
     mutable std::mutex mutex_;
     std::condition_variable ready_;
     std::deque<FramePtr> queue_;
@@ -56,6 +67,7 @@ class FrameBus {
     bool resyncing_ = true;
     bool closed_ = false;
     std::uint64_t dropped_ = 0;
+    std::function<void()> wake_;
   };
 
   FrameBus() = default;

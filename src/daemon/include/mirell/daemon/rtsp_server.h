@@ -1,7 +1,9 @@
 // The RTSP 1.0 server that VRChat's player reads from: RTP interleaved on the TCP connection only,
-// no authentication, one thread per connection. Mirell's own listens on 127.0.0.1; the relay on
-// the address its operator gives. After PLAY each
-// connection primes its player from the stream's history and then sends as fast as frames come.
+// no authentication. Mirell's own listens on 127.0.0.1; the relay on the address its operator
+// gives. One I/O thread serves every connection, event by event; finding a stream (which may wait
+// for a signal server) and waiting for its description run on a few lookup threads beside it.
+// After PLAY each connection primes its player from the stream's history and then sends as its
+// buses wake it; each access unit is made into RTP packets once for all players.
 #pragma once
 
 #include <atomic>
@@ -10,16 +12,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "mirell/daemon/media_stream.h"
 
 namespace mirell::daemon {
 
-// Finds a stream by request path ("/s/TOKEN"); called on connection threads.
+// Finds a stream by request path ("/s/TOKEN"); called on the lookup threads, and may block.
 using StreamLookup = std::function<std::shared_ptr<MediaStream>(const std::string& path)>;
 
 class RtspServer {
@@ -33,53 +32,51 @@ class RtspServer {
   void Start(std::uint16_t port);
   // The same on an IPv4 address ("0.0.0.0": every interface).
   void Start(const std::string& address, std::uint16_t port);
-  // Ends the accept loop and every connection, and joins their threads. Idempotent.
+  // Ends every connection and joins the server's threads (a lookup under way is waited for).
+  // Idempotent.
   void Stop();
   // The port actually bound, after Start.
   std::uint16_t port() const { return port_; }
   // When set, each PLAY draws a random start for the RTP time stamps (off by default).
   void SetRandomizeRtpBase(bool randomize) { randomize_rtp_base_ = randomize; }
-  // Connections served at once (a thread each); one more is closed as soon as it is accepted, so
-  // that a local program cannot make the server spend a thread per connection without bound.
-  // Before Start. Default kDefaultMaxClients.
+  // Connections served at once; one more is closed as soon as it is accepted, so that nobody can
+  // make the server hold connections without bound. Before Start. Default kDefaultMaxClients.
   static constexpr std::size_t kDefaultMaxClients = 32;
   void SetMaxClients(std::size_t limit) { max_clients_ = limit; }
   // The same for the connections from one IPv4 address, loopback ones (127.x.x.x: a local
-  // player, a proxy in front) not counted, so that one stranger cannot take every place. Before Start. Default: no limit but the total.
+  // player, a proxy in front) not counted, so that one stranger cannot take every place. Before
+  // Start. Default: no limit but the total.
   void SetMaxClientsPerAddress(std::size_t limit) { max_clients_per_address_ = limit; }
   // Until it plays, a connection must send a whole request within this long of connecting and of
   // its last request, or it is closed: a connection that only holds its place, or sends a head a
-  // byte at a time, gives its thread back. Before Start. Default 10 s.
+  // byte at a time, gives its place back. Before Start. Default 10 s.
   void SetRequestWithin(std::chrono::milliseconds limit) { request_within_ = limit; }
+  // A playing connection whose player takes nothing of a write for this long is closed (checked
+  // once a second). Before Start. Default 15 s.
+  void SetSendTimeout(std::chrono::milliseconds limit) { send_within_ = limit; }
   // Connections closed for being beyond the limit, since Start.
   std::uint64_t refused_connections() const { return refused_.load(); }
+  // Connections being served.
+  std::size_t connections() const { return connections_.load(); }
+  // Access units made into RTP packets since Start: once each however many players take it
+  // (again only for a late player primed from further back than the server remembers).
+  std::uint64_t packetized_units() const;
+  static constexpr int kLookupThreads = 4;
 
  private:
-  struct Client {
-    std::thread thread;
-    int socket = -1;
-    std::shared_ptr<std::atomic<bool>> finished;
-    std::uint32_t address = 0;  // The peer's IPv4 address, host order.
-  };
-
-  void AcceptLoop();
-  void ReapFinishedClients();
-  void ServeConnection(int socket, std::uint64_t client);
+  struct Impl;
+  void Accept();  // I/O thread.
 
   StreamLookup lookup_;
+  std::unique_ptr<Impl> impl_;
   bool randomize_rtp_base_ = false;
-  int listener_ = -1;
-  std::thread accept_thread_;
-  // Changed only by the accept thread while running, and by Stop after joining it; the mutex
-  // lets Stop shut every live socket down while the accept thread may still be adding one.
-  std::mutex clients_mutex_;
-  std::vector<Client> client_threads_;
   std::atomic<bool> running_{false};
-  std::atomic<std::uint64_t> next_client_{0};
   std::atomic<std::uint64_t> refused_{0};
+  std::atomic<std::size_t> connections_{0};
   std::size_t max_clients_ = kDefaultMaxClients;
   std::size_t max_clients_per_address_ = SIZE_MAX;
   std::chrono::milliseconds request_within_{10'000};
+  std::chrono::milliseconds send_within_{15'000};
   std::uint16_t port_ = 0;
 };
 

@@ -1,0 +1,194 @@
+// The server's event model: a hundred players on the server's own threads, each unit packetized
+// once for all of them, a lookup that waits holding up nobody else, and a player that takes
+// nothing ended by the send time-out while the others play on.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <filesystem>
+#include <future>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "mirell/daemon/rtsp_server.h"
+#include "mirell/daemon/stream_path.h"
+#include "mirell/daemon/stream_registry.h"
+#include "mirell/testsupport/eventually.h"
+#include "rtsp_test_client.h"
+
+namespace mirell::daemon {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::RtspTestClient;
+using testsupport::Eventually;
+
+const std::vector<std::uint8_t> kSequenceHeader = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E, 0xD9,
+                                                   0, 0, 0, 1, 0x68, 0xCE, 0x3C, 0x80};
+
+encode::EncodedFramePtr MakeFrame(int index, std::size_t size = 3000) {
+  auto frame = std::make_shared<encode::EncodedFrame>();
+  frame->data = {0, 0, 0, 1, static_cast<std::uint8_t>(index == 0 ? 0x65 : 0x41)};
+  frame->data.resize(size, static_cast<std::uint8_t>(0x10 + index % 0x40));  // No start code.
+  frame->pts_100ns = index * 333'333;
+  frame->duration_100ns = 333'333;
+  frame->keyframe = index == 0;
+  return frame;
+}
+
+std::size_t ThreadsOfThisProcess() {
+  std::size_t threads = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++threads;
+  return threads;
+}
+
+// Frames (marked last packets on channel 0) read within `limit`.
+int ReadFrames(RtspTestClient& client, int wanted, std::chrono::milliseconds limit = 5s) {
+  int frames = 0;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (frames < wanted && std::chrono::steady_clock::now() < deadline) {
+    const auto frame = client.ReadFrame(500ms);
+    if (!frame) continue;
+    if (frame->channel == 0 && testing::ReadRtpFields(frame->payload).marker) ++frames;
+  }
+  return frames;
+}
+
+class RtspEventLoopTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    stream_->SetSequenceHeader(kSequenceHeader);
+    registry_.Publish("tok", stream_);
+  }
+  void Play(RtspTestClient& client, const std::string& uri) {
+    ASSERT_EQ(client.Request("DESCRIBE", uri, 1).status, 200);
+    ASSERT_EQ(client.Request("SETUP", uri + "/trackID=0", 2, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n").status, 200);
+    ASSERT_EQ(client.Request("PLAY", uri, 3).status, 200);
+  }
+
+  StreamRegistry registry_;
+  std::shared_ptr<MediaStream> stream_ = std::make_shared<MediaStream>("test", 30, 2000);
+};
+
+TEST_F(RtspEventLoopTest, AHundredPlayersAreServedByTheServersOwnThreadsAndEachFrameIsPacketizedOnce) {
+  RtspServer server([this](const std::string& path) { return registry_.Find(TokenFromPath(path)); });
+  server.SetMaxClients(128);
+  server.Start(0);
+  const std::string uri = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/tok";
+  const std::size_t threads_before = ThreadsOfThisProcess();
+  std::vector<std::unique_ptr<RtspTestClient>> players;
+  for (int i = 0; i < 100; ++i) {
+    players.push_back(std::make_unique<RtspTestClient>(server.port()));
+    Play(*players.back(), uri);
+  }
+  EXPECT_EQ(server.connections(), 100u);
+  EXPECT_EQ(ThreadsOfThisProcess(), threads_before) << "no thread per player";
+  constexpr int kFrames = 10;
+  // Each frame is read by every player before the next comes: a player's queue is a quarter of a
+  // second of a live stream, and a loaded test machine may not give the server that much.
+  for (int i = 0; i < kFrames; ++i) {
+    stream_->frames().Publish(MakeFrame(i));
+    for (std::size_t p = 0; p < players.size(); ++p) {
+      ASSERT_EQ(ReadFrames(*players[p], 1), 1) << "frame " << i << ", player " << p;
+    }
+  }
+  EXPECT_EQ(server.packetized_units(), static_cast<std::uint64_t>(kFrames));
+  players.clear();
+  EXPECT_TRUE(Eventually([&] { return server.connections() == 0; }));
+  EXPECT_EQ(stream_->frames().SubscriberCount(), 0u);
+  server.Stop();
+}
+
+// Each player's packets carry its own sequence numbers and source over the shared payloads.
+TEST_F(RtspEventLoopTest, PlayersOfOneStreamHaveTheirOwnSourcesAndUnbrokenSequences) {
+  RtspServer server([this](const std::string& path) { return registry_.Find(TokenFromPath(path)); });
+  server.Start(0);
+  const std::string uri = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/tok";
+  RtspTestClient first(server.port());
+  RtspTestClient second(server.port());
+  Play(first, uri);
+  Play(second, uri);
+  for (int i = 0; i < 5; ++i) stream_->frames().Publish(MakeFrame(i, 5000));
+  std::vector<std::uint32_t> sources;
+  for (auto* client : {&first, &second}) {
+    std::optional<std::uint16_t> last;
+    std::uint32_t ssrc = 0;
+    int packets = 0;
+    while (packets < 25) {  // 5 frames of 5000 bytes: 5 packets each.
+      const auto frame = client->ReadFrame(3s);
+      ASSERT_TRUE(frame.has_value()) << packets;
+      if (frame->channel != 0) continue;
+      const auto fields = testing::ReadRtpFields(frame->payload);
+      if (last) {
+        EXPECT_EQ(fields.sequence, static_cast<std::uint16_t>(*last + 1));
+        EXPECT_EQ(fields.ssrc, ssrc);
+      }
+      last = fields.sequence;
+      ssrc = fields.ssrc;
+      ++packets;
+    }
+    sources.push_back(ssrc);
+  }
+  EXPECT_NE(sources[0], sources[1]);
+  EXPECT_EQ(server.packetized_units(), 5u);
+  server.Stop();
+}
+
+TEST_F(RtspEventLoopTest, ALookupThatWaitsHoldsUpNobodyElseAndStopWaitsForIt) {
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  RtspServer server([&](const std::string& path) -> std::shared_ptr<MediaStream> {
+    if (TokenFromPath(path) == "slow") {
+      released.wait();
+      return nullptr;
+    }
+    return registry_.Find(TokenFromPath(path));
+  });
+  server.Start(0);
+  const std::string base = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/";
+  RtspTestClient waiting(server.port());
+  waiting.SendRaw("DESCRIBE " + base + "slow RTSP/1.0\r\nCSeq: 1\r\n\r\n");
+  RtspTestClient player(server.port());
+  Play(player, base + "tok");
+  stream_->frames().Publish(MakeFrame(0));
+  EXPECT_EQ(ReadFrames(player, 1), 1);
+  RtspTestClient asking(server.port());
+  EXPECT_EQ(asking.Request("OPTIONS", base + "tok", 1).status, 200);
+  EXPECT_FALSE(waiting.WaitClosed(50ms));
+
+  release.set_value();
+  EXPECT_EQ(waiting.ReadResponse().status, 404);
+  EXPECT_EQ(waiting.Request("OPTIONS", base + "slow", 2).status, 200) << "and the connection goes on";
+  server.Stop();
+}
+
+TEST_F(RtspEventLoopTest, APlayerThatTakesNothingIsEndedAfterTheSendTimeOutAndTheOthersPlayOn) {
+  RtspServer server([this](const std::string& path) { return registry_.Find(TokenFromPath(path)); });
+  server.SetSendTimeout(1s);
+  server.Start(0);
+  const std::string uri = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/tok";
+  RtspTestClient stalled(server.port());
+  const int small = 4096;
+  ASSERT_EQ(setsockopt(stalled.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
+  Play(stalled, uri);
+  RtspTestClient reader(server.port());
+  Play(reader, uri);
+  // 100 kB frames until the stalled player's socket can take no more and its write hangs.
+  int published = 0;
+  int read = 0;
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (server.connections() == 2 && std::chrono::steady_clock::now() < deadline) {
+    stream_->frames().Publish(MakeFrame(published % 30 == 0 ? 0 : published + 1, 100'000));
+    ++published;
+    read += ReadFrames(reader, 1, 1s);
+  }
+  EXPECT_EQ(server.connections(), 1u) << "the stalled player is ended";
+  EXPECT_TRUE(stalled.WaitClosed(5s));
+  EXPECT_GT(read, published / 2) << "the reader kept playing";
+  stream_->frames().Publish(MakeFrame(0, 1000));
+  EXPECT_GE(ReadFrames(reader, 1, 3s), 1) << "and plays on";
+  server.Stop();
+}
+
+}  // namespace
+}  // namespace mirell::daemon
