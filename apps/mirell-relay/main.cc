@@ -1,14 +1,12 @@
 // mirell-relay: serves a signal server's public shares to every player. Runs until SIGINT or
 // SIGTERM.
-#include <signal.h>
-#include <sys/resource.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <span>
 
 #include "mirell/base/logging.h"
+#include "mirell/base/server_process.h"
 #include "mirell/transport/peer_link.h"
 #include "relay.h"
 #include "relay_options.h"
@@ -31,21 +29,8 @@ int main(int argc, char** argv) {
     return 0;
   }
 
-  // Each player holds a descriptor (and a thread): allow as many as the system lets this user have.
-  rlimit descriptors{};
-  if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0 && descriptors.rlim_cur < descriptors.rlim_max) {
-    descriptors.rlim_cur = descriptors.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &descriptors);
-  }
-
-  // The stop signals are taken by sigwait below, on this thread, and by no other: blocked before
-  // any thread starts, so that every thread inherits the mask.
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGINT);
-  sigaddset(&stop_signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-  ::signal(SIGPIPE, SIG_IGN);
+  RaiseDescriptorLimit();  // A descriptor per connection.
+  ReserveStopSignals();
 
   transport::InitialiseTransportLogging();
   relay::Relay relay(options);
@@ -56,9 +41,8 @@ int main(int argc, char** argv) {
     return 1;
   }
   LOG_INFO("listening on {}:{}", options.listen_address, relay.port());
-  int received = 0;
-  sigwait(&stop_signals, &received);
-  LOG_INFO("stopping on signal {}", received);
+  const int stop_signal = WaitForStopSignal();  // Not inside LOG_INFO: a quiet log skips it.
+  LOG_INFO("stopping on signal {}", stop_signal);
   relay.Stop();
   LOG_INFO("stopped");
   return 0;

@@ -1,13 +1,11 @@
 // mirell-signal: the signal server, self-hostable. Runs until SIGINT or SIGTERM.
-#include <signal.h>
-#include <sys/resource.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <span>
 
 #include "mirell/base/logging.h"
+#include "mirell/base/server_process.h"
 #include "server_options.h"
 #include "mirell/signal/signal_server.h"
 
@@ -29,20 +27,8 @@ int main(int argc, char** argv) {
     return 0;
   }
 
-  // Each connection holds a descriptor: allow as many as the system lets this user have.
-  rlimit descriptors{};
-  if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0 && descriptors.rlim_cur < descriptors.rlim_max) {
-    descriptors.rlim_cur = descriptors.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &descriptors);
-  }
-
-  // The stop signals are taken by sigwait below, on this thread, and by no other.
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGINT);
-  sigaddset(&stop_signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-  ::signal(SIGPIPE, SIG_IGN);
+  RaiseDescriptorLimit();  // A descriptor per connection.
+  ReserveStopSignals();
 
   signal::SignalServer server(options.config);
   try {
@@ -51,9 +37,8 @@ int main(int argc, char** argv) {
     LOG_ERROR("could not start: {}", error.what());
     return 1;
   }
-  int received = 0;
-  sigwait(&stop_signals, &received);
-  LOG_INFO("stopping on signal {}", received);
+  const int stop_signal = WaitForStopSignal();  // Not inside LOG_INFO: a quiet log skips it.
+  LOG_INFO("stopping on signal {}", stop_signal);
   server.Stop();
   LOG_INFO("stopped");
   return 0;

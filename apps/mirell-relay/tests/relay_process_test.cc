@@ -337,6 +337,24 @@ TEST(RelayProcess, HelpAndMistakesAreAnsweredBeforeItStarts) {
   EXPECT_NE(wrong.err.find("--relay-secret-file FILE is needed"), std::string::npos) << wrong.err;
 }
 
+// A quiet log must not change when it stops: only on a signal, cleanly.
+TEST(RelayProcess, WithAQuietLogItRunsUntilASignal) {
+  testsupport::TempDir dir;
+  std::ofstream(dir.path() / "secret") << "a-relay-secret-of-the-tests-0123\n";
+  const std::uint16_t port = testsupport::FreeLoopbackPort();
+  testsupport::ProcessOptions quiet;
+  quiet.environment["MIRELL_LOG"] = "error";
+  ChildProcess relay({MIRELL_RELAY_BINARY, "--signal", "ws://127.0.0.1:1/signal", "--relay-secret-file",
+                      (dir.path() / "secret").string(), "--listen", "127.0.0.1:" + std::to_string(port)},
+                     quiet);
+  ASSERT_TRUE(Eventually([&] { return testsupport::LoopbackPortAccepts(port); }, 30s));
+  EXPECT_TRUE(relay.Running());
+  relay.Signal(SIGTERM);
+  const auto result = relay.Wait(20s);
+  EXPECT_FALSE(result.timed_out);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+}
+
 // Headless: none of the libraries it is built against is an interface, display or sound one.
 TEST(RelayProcess, LinksNoInterfaceDisplayOrSoundLibrary) {
   if (!testsupport::HaveProgram("readelf")) GTEST_SKIP() << "needs readelf";

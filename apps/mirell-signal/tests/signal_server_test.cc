@@ -534,9 +534,12 @@ TEST(SignalServerProcess, HelpMistakesAndACleanStopOnSignals) {
   EXPECT_EQ(wrong.exit_code, 2);
   EXPECT_NE(wrong.err.find("--listen needs a value"), std::string::npos) << wrong.err;
 
-  for (const int stop : {SIGTERM, SIGINT}) {
+  // A quiet log ("error") must not change when it stops: only on a signal.
+  for (const auto& [stop, log] : {std::pair{SIGTERM, "default"}, std::pair{SIGINT, "default"},
+                                  std::pair{SIGTERM, "error"}}) {
+    const bool quiet = std::string_view(log) == "error";
     testsupport::ProcessOptions options;
-    options.environment["MIRELL_LOG"] = std::nullopt;
+    options.environment["MIRELL_LOG"] = quiet ? std::optional<std::string>("error") : std::nullopt;
     const std::uint16_t port = testsupport::FreeLoopbackPort();
     testsupport::ChildProcess process(
         {MIRELL_SIGNAL_BINARY, "--listen", "127.0.0.1:" + std::to_string(port)}, options);
@@ -550,11 +553,17 @@ TEST(SignalServerProcess, HelpMistakesAndACleanStopOnSignals) {
         std::this_thread::sleep_for(10ms);
       }
     }
-    ASSERT_TRUE(listening);
+    ASSERT_TRUE(listening) << log;
+    EXPECT_TRUE(process.Running()) << log;
+    EXPECT_TRUE(testsupport::LoopbackPortAccepts(port)) << log;
     process.Signal(stop);
     const auto result = process.Wait(10s);
     EXPECT_FALSE(result.timed_out);
     EXPECT_EQ(result.exit_code, 0) << result.err;
+    if (quiet) {
+      EXPECT_EQ(result.err.find("info"), std::string::npos) << result.err;
+      continue;
+    }
     EXPECT_NE(result.err.find("listening on 127.0.0.1:"), std::string::npos) << result.err;
     EXPECT_NE(result.err.find("stopping on signal " + std::to_string(stop)), std::string::npos);
   }
