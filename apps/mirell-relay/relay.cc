@@ -38,7 +38,7 @@ Relay::Relay(const RelayOptions& options)
     : options_(options),
       viewing_(registry_, ViewingConfig(options)),
       gate_(GateLimits(options)),
-      rtsp_([this](const std::string& path) { return Lookup(path); }) {
+      rtsp_([this](const std::string& path, std::uint32_t peer) { return Lookup(path, peer); }) {
   rtsp_.SetMaxClients(options.max_players);
   rtsp_.SetMaxClientsPerAddress(options.max_players_per_address);
 }
@@ -67,7 +67,7 @@ void Relay::Stop() {
   viewing_.Stop();
 }
 
-std::shared_ptr<daemon::MediaStream> Relay::Lookup(const std::string& path) {
+std::shared_ptr<daemon::MediaStream> Relay::Lookup(const std::string& path, std::uint32_t peer) {
   const std::string token = daemon::TokenFromPath(path);
   if (!transport::IsShareToken(token)) return nullptr;
   using JoinState = session::Viewing::JoinState;
@@ -78,8 +78,8 @@ std::shared_ptr<daemon::MediaStream> Relay::Lookup(const std::string& path) {
     // watched never wait here.
     std::lock_guard lock(join_mutex_);
     if (!watched()) {
-      if (!gate_.MayJoin(token, JoinGate::Clock::now())) {
-        LOG_DEBUG("token={} not asked about (refused lately, or too many joins)", token);
+      if (!gate_.MayJoin(token, peer, JoinGate::Clock::now())) {
+        LOG_DEBUG("token={} not asked about (refused lately, or too many joins in all or from its player's address)", token);
         return nullptr;
       }
       if (viewing_.Ensure(token) != session::Viewing::EnsureResult::kReady) return nullptr;

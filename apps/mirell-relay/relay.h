@@ -4,7 +4,7 @@
 // 404. Players get the holding card until the host's picture comes; a share whose last player
 // has gone keeps its link for the grace, then leaves.
 //
-// Threads: RTSP connection threads call Lookup, which makes new watches one at a time under
+// Threads: the RTSP server's lookup threads call Lookup, which makes new watches one at a time under
 // join_mutex_ (the gate too is under it; Viewing's locks are taken inside it); Viewing's own
 // threads fetch; one poll thread ends idle and refused watches. Start and Stop from one thread.
 #pragma once
@@ -42,7 +42,8 @@ class Relay {
   std::size_t shares() const { return viewing_.WatchCount(); }
 
  private:
-  std::shared_ptr<daemon::MediaStream> Lookup(const std::string& path);
+  // `peer`: the player's address, which has an allowance of joins of its own.
+  std::shared_ptr<daemon::MediaStream> Lookup(const std::string& path, std::uint32_t peer);
   void PollLoop();
 
   const RelayOptions options_;

@@ -95,7 +95,8 @@ Usage: mirell-relay --signal URL --relay-secret-file FILE [options]
   --max-players-per-address N  the same from one address (default 32); loopback connections
                                (127.x.x.x, a proxy in front) are not counted
   --max-shares N               shares served at once (default 64)
-  --joins-per-second N         new shares asked about per second (default 5, bursts of 2x); a
+  --joins-per-second N         new shares asked about per second (default 5, bursts of 2x); from
+                               one address one every 2 s (bursts of 3), loopback not counted; a
                                token the server refused is answered 404 for 10 s without asking
   --grace-seconds N            a share keeps its peer link this long after its last player has
                                gone (default 30)

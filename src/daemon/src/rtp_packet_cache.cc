@@ -4,8 +4,10 @@
 
 namespace mirell::daemon {
 
-RtpPacketCache::RtpPacketCache(std::size_t capacity, std::size_t max_packet_size)
+RtpPacketCache::RtpPacketCache(std::size_t capacity, std::size_t capacity_bytes,
+                               std::size_t max_packet_size)
     : capacity_(capacity),
+      capacity_bytes_(capacity_bytes),
       h264_(media::RtpPacketizerConfig{96, 1, max_packet_size, 1}),
       aac_(media::AacRtpPacketizerConfig{97, 1, max_packet_size, 1}) {}
 
@@ -17,15 +19,20 @@ const RtpPacketCache::Entry* RtpPacketCache::Find(const void* unit) const {
 SharedPackets RtpPacketCache::Remember(std::shared_ptr<const void> unit,
                                        std::vector<media::Bytes> packets) {
   packetized_.fetch_add(1, std::memory_order_relaxed);
+  std::size_t bytes = 0;
+  for (const media::Bytes& packet : packets) bytes += packet.size();
   auto shared = std::make_shared<const std::vector<media::Bytes>>(std::move(packets));
-  if (capacity_ == 0) return shared;
-  while (order_.size() >= capacity_) {
-    entries_.erase(order_.front());
+  if (capacity_ == 0 || bytes > capacity_bytes_) return shared;
+  while (!order_.empty() && (order_.size() >= capacity_ || bytes_ + bytes > capacity_bytes_)) {
+    const auto oldest = entries_.find(order_.front());
+    bytes_ -= oldest->second.bytes;
+    entries_.erase(oldest);
     order_.pop_front();
   }
   const void* key = unit.get();
-  entries_.emplace(key, Entry{std::move(unit), shared});
+  entries_.emplace(key, Entry{std::move(unit), shared, bytes});
   order_.push_back(key);
+  bytes_ += bytes;
   return shared;
 }
 

@@ -24,9 +24,13 @@ using SharedPackets = std::shared_ptr<const std::vector<media::Bytes>>;
 
 class RtpPacketCache {
  public:
-  // Remembers the packets of the last `capacity` units (of every stream together). A unit that
-  // has gone from it (a late player primed from far back) is packetized again.
-  explicit RtpPacketCache(std::size_t capacity, std::size_t max_packet_size);
+  // Remembers the packets of the last `capacity` units of every stream together, and of fewer
+  // when they hold more than `capacity_bytes`. A unit that has gone from it (a late player primed
+  // from far back) is packetized again.
+  RtpPacketCache(std::size_t capacity, std::size_t capacity_bytes, std::size_t max_packet_size);
+
+  // Bytes of the units remembered; for tests.
+  std::size_t remembered_bytes() const { return bytes_; }
 
   SharedPackets Video(const encode::EncodedFramePtr& frame);
   SharedPackets Audio(const encode::EncodedAudioFramePtr& unit);
@@ -38,11 +42,14 @@ class RtpPacketCache {
   struct Entry {
     std::shared_ptr<const void> unit;  // Holds the unit, so that its address stays its own.
     SharedPackets packets;
+    std::size_t bytes;
   };
   const Entry* Find(const void* unit) const;
   SharedPackets Remember(std::shared_ptr<const void> unit, std::vector<media::Bytes> packets);
 
   const std::size_t capacity_;
+  const std::size_t capacity_bytes_;
+  std::size_t bytes_ = 0;
   std::unordered_map<const void*, Entry> entries_;
   std::deque<const void*> order_;  // Oldest first.
   media::H264RtpPacketizer h264_;

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <boost/asio/post.hpp>
-#include <boost/asio/write.hpp>
 
 #include <algorithm>
 #include <cstdlib>
@@ -55,11 +54,14 @@ std::uint32_t RandomRtpBase() {
 
 }  // namespace
 
-RtspConnection::RtspConnection(RtspConnectionContext context, Socket socket, std::uint64_t client)
+RtspConnection::RtspConnection(RtspConnectionContext context, Socket socket, std::uint64_t client,
+                               std::uint32_t peer)
     : context_(std::move(context)),
       socket_(std::move(socket)),
-      timer_(socket_.get_executor()),
+      executor_(socket_.get_executor()),
+      timer_(executor_),
       client_(client),
+      peer_(peer),
       session_id_(fmt::format("{:08X}", client + kSessionIdBase)),
       connected_at_(std::chrono::steady_clock::now()),
       last_request_at_(connected_at_),
@@ -87,6 +89,7 @@ void RtspConnection::Start() {
 void RtspConnection::Close() {
   if (closed_) return;
   closed_ = true;
+  closed_flag_.store(true);
   timer_.cancel();
   boost::system::error_code ignored;
   socket_.close(ignored);
@@ -102,7 +105,7 @@ void RtspConnection::Tick() {
     // A player that stops reading while it plays is ended rather than left holding its place
     // for ever; its buses have long since dropped what it did not take.
     if (self->writing_ &&
-        std::chrono::steady_clock::now() - self->write_started_ >= self->context_.send_within) {
+        std::chrono::steady_clock::now() - self->write_progress_ >= self->context_.send_within) {
       LOG_INFO("client={} took nothing for {} ms, closing", self->client_,
                self->context_.send_within.count());
       // What it has not taken is dropped with the connection rather than trickled out.
@@ -128,6 +131,9 @@ void RtspConnection::OnRead(const boost::system::error_code& error, std::size_t 
     Close();
     return;
   }
+  // After TEARDOWN, or its stream's end, nothing more is read: the connection closes once its
+  // last write is out.
+  if (end_after_write_) return;
   pending_.append(read_buffer_.data(), size);
   std::vector<RtspRequest> requests;
   const FramingResult framing = FrameRtspInput(pending_, requests);
@@ -170,7 +176,7 @@ void RtspConnection::WatchRequestTime() {
 }
 
 void RtspConnection::HandleQueued() {
-  while (!closed_ && !finding_ && !requests_.empty()) {
+  while (!closed_ && !finding_ && !end_after_write_ && !requests_.empty()) {
     const RtspRequest request = std::move(requests_.front());
     requests_.pop_front();
     if (!playing_ && ++requests_before_play_ > kMaxRequestsBeforePlay) {
@@ -243,17 +249,25 @@ void RtspConnection::FindThenHandle(const RtspRequest& request, bool describe,
   asio::post(context_.lookups, [self = shared_from_this(), request, describe, then,
                                 known = stream_] {
     auto found = std::make_shared<Found>();
-    found->stream = known ? known : self->context_.lookup(RequestPath(request.uri));
-    if (found->stream && describe) {
-      MediaStream& stream = *found->stream;
-      stream.RequestKeyframe();
-      found->described = stream.IsDescribed() || stream.WaitDescribed(kDescribedWaitMs);
-      found->audio = stream.Audio();
-      found->has_sequence_header = stream.WaitSequenceHeader(kSequenceHeaderWaitMs);
-      found->sequence_header = stream.SequenceHeader();
-      found->bitrate_kbps = stream.bitrate_kbps();
+    // A connection that closed while its lookup waited its turn (or the server stopping) needs
+    // no answer: the turn goes to the next.
+    if (self->closed()) return;
+    try {
+      found->stream = known ? known : self->context_.lookup(RequestPath(request.uri), self->peer_);
+      if (found->stream && describe) {
+        MediaStream& stream = *found->stream;
+        stream.RequestKeyframe();
+        found->described = stream.IsDescribed() || stream.WaitDescribed(kDescribedWaitMs);
+        found->audio = stream.Audio();
+        found->has_sequence_header = stream.WaitSequenceHeader(kSequenceHeaderWaitMs);
+        found->sequence_header = stream.SequenceHeader();
+        found->bitrate_kbps = stream.bitrate_kbps();
+      }
+    } catch (const std::exception& error) {
+      LOG_WARN("client={} lookup of {} failed: {}", self->client_, request.uri, error.what());
+      found = std::make_shared<Found>();  // Answered as not found.
     }
-    asio::post(self->socket_.get_executor(), [self, request, then, found] {
+    asio::post(self->executor_, [self, request, then, found] {
       self->finding_ = false;
       if (self->closed_) return;
       if (!self->stream_) self->stream_ = found->stream;
@@ -397,7 +411,7 @@ void RtspConnection::StartDelivery() {
 // Any thread: one delivery is posted however many units come before it runs.
 void RtspConnection::Wake() {
   if (wake_pending_.exchange(true)) return;
-  asio::post(socket_.get_executor(), [self = shared_from_this()] { self->Deliver(); });
+  asio::post(executor_, [self = shared_from_this()] { self->Deliver(); });
 }
 
 void RtspConnection::Unsubscribe() {
@@ -568,23 +582,50 @@ void RtspConnection::Flush() {
   }
   std::swap(in_flight_, queued_);
   queued_.Clear();
+  unwritten_ = in_flight_.Buffers();
   writing_ = true;
   write_started_ = std::chrono::steady_clock::now();
-  asio::async_write(socket_, in_flight_.Buffers(),
-                    [self = shared_from_this()](const boost::system::error_code& error, std::size_t) {
-                      self->OnWritten(error);
-                    });
+  write_progress_ = write_started_;
+  WriteSome();
 }
 
-void RtspConnection::OnWritten(const boost::system::error_code& error) {
-  writing_ = false;
-  in_flight_.Clear();
-  if (closed_) return;
+// The write goes out as the socket takes it, so that the send time-out counts from the last
+// progress: a player that reads slowly but steadily is not ended while a big backlog goes out.
+void RtspConnection::WriteSome() {
+  socket_.async_write_some(unwritten_, [self = shared_from_this()](const boost::system::error_code& error,
+                                                                   std::size_t size) {
+    self->OnWrote(error, size);
+  });
+}
+
+void RtspConnection::OnWrote(const boost::system::error_code& error, std::size_t size) {
+  if (closed_) {
+    writing_ = false;
+    in_flight_.Clear();
+    return;
+  }
   if (error) {
+    writing_ = false;
+    in_flight_.Clear();
     LOG_DEBUG("client {} send failed: {}", client_, error.message());
     Close();
     return;
   }
+  write_progress_ = std::chrono::steady_clock::now();
+  std::size_t taken = 0;
+  while (taken < unwritten_.size() && size >= unwritten_[taken].size()) size -= unwritten_[taken++].size();
+  unwritten_.erase(unwritten_.begin(), unwritten_.begin() + static_cast<std::ptrdiff_t>(taken));
+  if (!unwritten_.empty()) {
+    unwritten_.front() += size;
+    WriteSome();
+    return;
+  }
+  OnWritten();
+}
+
+void RtspConnection::OnWritten() {
+  writing_ = false;
+  in_flight_.Clear();
   const auto took = std::chrono::duration_cast<std::chrono::microseconds>(
                         std::chrono::steady_clock::now() - write_started_)
                         .count();

@@ -28,7 +28,7 @@
 namespace mirell::daemon {
 
 struct RtspConnectionContext {
-  const StreamLookup& lookup;
+  const PeerStreamLookup& lookup;
   boost::asio::io_context& lookups;  // Where the blocking steps run.
   RtpPacketCache& packets;
   std::uint16_t port;
@@ -43,7 +43,10 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
   using Socket = boost::asio::ip::tcp::socket;
   using SteadyTime = std::chrono::steady_clock::time_point;
 
-  RtspConnection(RtspConnectionContext context, Socket socket, std::uint64_t client);
+  // `peer`: the player's IPv4 address, 0 for this machine's, as the lookup is told.
+  RtspConnection(RtspConnectionContext context, Socket socket, std::uint64_t client, std::uint32_t peer);
+  // Any thread: a lookup not yet begun for a closed connection is skipped.
+  bool closed() const { return closed_flag_.load(); }
   ~RtspConnection();
   RtspConnection(const RtspConnection&) = delete;
   RtspConnection& operator=(const RtspConnection&) = delete;
@@ -96,7 +99,9 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
   bool StreamEnded() const;
   void SayGoodbye();
   void Flush();
-  void OnWritten(const boost::system::error_code& error);
+  void WriteSome();
+  void OnWrote(const boost::system::error_code& error, std::size_t size);
+  void OnWritten();
   void LogStatistics(SteadyTime now);
   void Unsubscribe();
   std::int64_t ReportMediaNow(std::int64_t steady_ns);
@@ -104,15 +109,20 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
 
   RtspConnectionContext context_;
   Socket socket_;
+  // The I/O thread's executor, kept apart from the socket, which the I/O thread may be closing
+  // while a bus or a lookup thread posts here.
+  const boost::asio::any_io_executor executor_;
   // Before PLAY the request time-out, after it the tick.
   boost::asio::steady_timer timer_;
   const std::uint64_t client_;
+  const std::uint32_t peer_;
   const std::string session_id_;
   std::array<char, 8192> read_buffer_{};
   std::string pending_;
   std::deque<RtspRequest> requests_;
   bool finding_ = false;       // A lookup is in flight; requests wait for it.
   bool closed_ = false;
+  std::atomic<bool> closed_flag_{false};  // closed_, for the lookup threads.
   bool end_after_write_ = false;
   std::shared_ptr<MediaStream> stream_;
   std::uint8_t next_channel_ = 0;
@@ -130,8 +140,10 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
 
   // Writing: `queued_` fills while `in_flight_` is being written.
   GatheredWrite queued_, in_flight_;
+  std::vector<boost::asio::const_buffer> unwritten_;  // What of in_flight_ the socket has not taken.
   bool writing_ = false;
   SteadyTime write_started_{};
+  SteadyTime write_progress_{};  // When the socket last took some of the write.
 
   // Delivery, from PLAY on.
   std::shared_ptr<FrameBus::Subscription> video_sub_;

@@ -5,6 +5,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include <optional>
 #include <thread>
@@ -26,11 +27,26 @@ using tcp = asio::ip::tcp;
 using WorkGuard = asio::executor_work_guard<asio::io_context::executor_type>;
 
 constexpr std::size_t kMaxPacketSize = 1200;
-// About three seconds of units of a few streams: what a late player's priming reaches back to.
+// About three seconds of units of a few streams: what a late player's priming reaches back to;
+// and at most 32 MB of them, however big the pictures.
 constexpr std::size_t kRememberedUnits = 512;
+constexpr std::size_t kRememberedBytes = 32u << 20;
 
 // The first and every hundredth: a flood must not flood the log too.
 bool WorthLogging(std::uint64_t count) { return count == 1 || count % 100 == 0; }
+
+// Runs `context` until it runs out of work. A handler that throws is logged and the loop goes
+// on: one connection's failure must not end everybody's.
+void RunContained(asio::io_context& context) {
+  for (;;) {
+    try {
+      context.run();
+      return;
+    } catch (const std::exception& error) {
+      LOG_ERROR("a handler failed: {}", error.what());
+    }
+  }
+}
 
 }  // namespace
 
@@ -40,9 +56,11 @@ struct RtspServer::Impl {
   std::optional<WorkGuard> io_work{io.get_executor()};
   std::optional<WorkGuard> lookup_work{lookups.get_executor()};
   tcp::acceptor acceptor{io};
+  asio::steady_timer accept_retry{io};
+  std::uint64_t failed_accepts = 0;  // I/O thread only.
   std::thread io_thread;
   std::vector<std::thread> lookup_threads;
-  RtpPacketCache packets{kRememberedUnits, kMaxPacketSize};
+  RtpPacketCache packets{kRememberedUnits, kRememberedBytes, kMaxPacketSize};
   struct Served {
     std::shared_ptr<RtspConnection> connection;
     std::uint32_t address;  // IPv4, host order; 0 when not counted per address.
@@ -51,7 +69,12 @@ struct RtspServer::Impl {
   std::uint64_t next_client = 0;                     // I/O thread only.
 };
 
-RtspServer::RtspServer(StreamLookup lookup) : lookup_(std::move(lookup)) {}
+RtspServer::RtspServer(StreamLookup lookup)
+    : lookup_([path_lookup = std::move(lookup)](const std::string& path, std::uint32_t) {
+        return path_lookup(path);
+      }) {}
+
+RtspServer::RtspServer(PeerStreamLookup lookup) : lookup_(std::move(lookup)) {}
 
 RtspServer::~RtspServer() { Stop(); }
 
@@ -88,12 +111,12 @@ void RtspServer::Start(const std::string& bind_address, std::uint16_t port) {
   Accept();
   impl_->io_thread = std::thread([this] {
     NameThisThread("rtsp-io");
-    impl_->io.run();
+    RunContained(impl_->io);
   });
   for (int i = 0; i < kLookupThreads; ++i) {
     impl_->lookup_threads.emplace_back([this] {
       NameThisThread("rtsp-lookup");
-      impl_->lookups.run();
+      RunContained(impl_->lookups);
     });
   }
   LOG_INFO("listening {}:{}", bind_address, port_);
@@ -104,6 +127,7 @@ void RtspServer::Stop() {
   asio::post(impl_->io, [this] {
     boost::system::error_code ignored;
     impl_->acceptor.close(ignored);
+    impl_->accept_retry.cancel();
     // Close takes each out of `served`.
     std::vector<std::shared_ptr<RtspConnection>> connections;
     for (const auto& [client, served] : impl_->served) connections.push_back(served.connection);
@@ -121,9 +145,14 @@ void RtspServer::Accept() {
   impl_->acceptor.async_accept([this](const boost::system::error_code& error, tcp::socket socket) {
     if (!impl_->acceptor.is_open()) return;
     if (error) {
-      // Out of descriptors, say: the listener goes on.
-      LOG_WARN("accept failed: {}", error.message());
-      Accept();
+      // Out of descriptors, say: the listener goes on after a pause rather than spinning.
+      if (WorthLogging(++impl_->failed_accepts)) {
+        LOG_WARN("accept failed ({} so far): {}", impl_->failed_accepts, error.message());
+      }
+      impl_->accept_retry.expires_after(std::chrono::milliseconds(100));
+      impl_->accept_retry.async_wait([this](const boost::system::error_code& cancelled) {
+        if (!cancelled) Accept();
+      });
       return;
     }
     boost::system::error_code peer_error;
@@ -164,7 +193,8 @@ void RtspServer::Accept() {
                                     impl_->served.erase(gone);
                                     connections_.store(impl_->served.size());
                                   }};
-    auto connection = std::make_shared<RtspConnection>(std::move(context), std::move(socket), client);
+    auto connection =
+        std::make_shared<RtspConnection>(std::move(context), std::move(socket), client, address);
     impl_->served.emplace(client, Impl::Served{connection, address});
     connections_.store(impl_->served.size());
     connection->Start();

@@ -19,7 +19,7 @@ encode::EncodedFramePtr Frame(std::size_t size) {
 }
 
 TEST(RtpPacketCache, AUnitIsPacketizedOnceWhileRemembered) {
-  RtpPacketCache cache(2, 1200);
+  RtpPacketCache cache(2, 1u << 20, 1200);
   const auto first = Frame(3000);
   const auto packets = cache.Video(first);
   ASSERT_EQ(packets->size(), 3u) << "3000 bytes in FU-A fragments of at most 1200";
@@ -51,8 +51,23 @@ TEST(RtpPacketCache, AUnitIsPacketizedOnceWhileRemembered) {
   EXPECT_EQ(cache.packetized_units(), 4u);
 }
 
+TEST(RtpPacketCache, WhatItHoldsIsBoundedInBytesToo) {
+  RtpPacketCache cache(100, 10'000, 1200);
+  const auto big = Frame(4000);
+  cache.Video(big);
+  cache.Video(Frame(4000));
+  EXPECT_LE(cache.remembered_bytes(), 10'000u);
+  cache.Video(Frame(4000));  // The oldest goes to make room.
+  EXPECT_LE(cache.remembered_bytes(), 10'000u);
+  cache.Video(big);
+  EXPECT_EQ(cache.packetized_units(), 4u) << "the first was forgotten";
+  cache.Video(Frame(20'000));  // Beyond the whole allowance: packetized, never remembered.
+  EXPECT_LE(cache.remembered_bytes(), 10'000u);
+  EXPECT_GT(cache.remembered_bytes(), 0u);
+}
+
 TEST(RtpPacketCache, APlayersHeaderKeepsMarkerAndPayloadTypeAndSetsItsOwnFields) {
-  RtpPacketCache cache(4, 1200);
+  RtpPacketCache cache(4, 1u << 20, 1200);
   const auto packets = cache.Video(Frame(500));
   std::vector<std::uint8_t> packet = packets->front();
   WriteRtpHeader(packets->front(), 0xFFFF, 0x01020304, 0xA0B0C0D0, packet.data());

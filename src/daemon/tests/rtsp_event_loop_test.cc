@@ -2,11 +2,14 @@
 // once for all of them, a lookup that waits holding up nobody else, and a player that takes
 // nothing ended by the send time-out while the others play on.
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <filesystem>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -14,6 +17,7 @@
 #include "mirell/daemon/stream_path.h"
 #include "mirell/daemon/stream_registry.h"
 #include "mirell/testsupport/eventually.h"
+#include "mirell/testsupport/tcp_client.h"
 #include "rtsp_test_client.h"
 
 namespace mirell::daemon {
@@ -188,6 +192,90 @@ TEST_F(RtspEventLoopTest, APlayerThatTakesNothingIsEndedAfterTheSendTimeOutAndTh
   stream_->frames().Publish(MakeFrame(0, 1000));
   EXPECT_GE(ReadFrames(reader, 1, 3s), 1) << "and plays on";
   server.Stop();
+}
+
+// The send time-out counts from the player's last progress, not from the start of a write: a big
+// backlog to a player that reads slowly but steadily goes out whole.
+TEST_F(RtspEventLoopTest, APlayerThatReadsSlowlyButSteadilyIsNotEndedByTheSendTimeOut) {
+  RtspServer server([this](const std::string& path) { return registry_.Find(TokenFromPath(path)); });
+  server.SetSendTimeout(1s);
+  server.Start(0);
+  const std::string uri = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/tok";
+  RtspTestClient slow(server.port());
+  const int small = 4096;
+  ASSERT_EQ(setsockopt(slow.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
+  Play(slow, uri);
+  constexpr std::size_t kFrameBytes = 200'000;
+  stream_->frames().Publish(MakeFrame(0, kFrameBytes));
+  // A small receive buffer read every 10 ms: the one write takes longer than the time-out.
+  std::size_t received = 0;
+  std::array<char, 8192> chunk{};
+  const auto started = std::chrono::steady_clock::now();
+  while (received < kFrameBytes && std::chrono::steady_clock::now() - started < 30s) {
+    const auto count = recv(slow.fd(), chunk.data(), chunk.size(), MSG_DONTWAIT);
+    if (count == 0) break;
+    if (count > 0) received += static_cast<std::size_t>(count);
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_GE(received, kFrameBytes) << "the whole picture came";
+  EXPECT_GT(std::chrono::steady_clock::now() - started, 2s) << "slower than the time-out";
+  EXPECT_EQ(server.connections(), 1u);
+  server.Stop();
+}
+
+// After TEARDOWN nothing the player sent behind it is done: no PLAY subscribes, no answer comes.
+TEST_F(RtspEventLoopTest, RequestsBehindATeardownAreNotHandled) {
+  RtspServer server([this](const std::string& path) { return registry_.Find(TokenFromPath(path)); });
+  server.Start(0);
+  const std::string uri = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/tok";
+  RtspTestClient client(server.port());
+  ASSERT_EQ(client.Request("DESCRIBE", uri, 1).status, 200);
+  client.SendRaw("TEARDOWN " + uri + " RTSP/1.0\r\nCSeq: 2\r\n\r\nPLAY " + uri +
+                 " RTSP/1.0\r\nCSeq: 3\r\n\r\nDESCRIBE " + uri + " RTSP/1.0\r\nCSeq: 4\r\n\r\n");
+  EXPECT_EQ(client.ReadResponse().headers.at("CSeq"), "2");
+  EXPECT_TRUE(client.WaitClosed(2s)) << "and nothing after it";
+  EXPECT_EQ(stream_->frames().SubscriberCount(), 0u);
+  server.Stop();
+}
+
+// A lookup that fails is a stream not found, and the server goes on.
+TEST_F(RtspEventLoopTest, ALookupThatThrowsIsAnsweredNotFound) {
+  RtspServer server([this](const std::string& path) -> std::shared_ptr<MediaStream> {
+    if (TokenFromPath(path) == "bad") throw std::runtime_error("the signal server is gone");
+    return registry_.Find(TokenFromPath(path));
+  });
+  server.Start(0);
+  const std::string base = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/";
+  RtspTestClient client(server.port());
+  EXPECT_EQ(client.Request("DESCRIBE", base + "bad", 1).status, 404);
+  EXPECT_EQ(client.Request("DESCRIBE", base + "tok", 2).status, 200);
+  RtspTestClient other(server.port());
+  Play(other, base + "tok");
+  server.Stop();
+}
+
+// The lookup is told who asks: another machine's address, or 0 for this machine's players.
+TEST_F(RtspEventLoopTest, TheLookupIsToldThePlayersAddress) {
+  const std::string address = testsupport::NonLoopbackAddress();
+  if (address.empty()) GTEST_SKIP() << "this machine has no address but loopback";
+  std::mutex mutex;
+  std::vector<std::uint32_t> peers;
+  RtspServer server([&](const std::string&, std::uint32_t peer) -> std::shared_ptr<MediaStream> {
+    std::lock_guard lock(mutex);
+    peers.push_back(peer);
+    return nullptr;
+  });
+  server.Start("0.0.0.0", 0);
+  RtspTestClient local(server.port());
+  EXPECT_EQ(local.Request("DESCRIBE", "rtsp://127.0.0.1/s/tok", 1).status, 404);
+  testsupport::TcpClient remote(address, server.port());
+  remote.Send("DESCRIBE rtsp://" + address + "/s/tok RTSP/1.0\r\nCSeq: 1\r\n\r\n");
+  EXPECT_NE(remote.ReadToEnd(500ms).find("RTSP/1.0 404"), std::string::npos);
+  server.Stop();
+  in_addr parsed{};
+  ASSERT_EQ(inet_pton(AF_INET, address.c_str(), &parsed), 1);
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(peers, (std::vector<std::uint32_t>{0, ntohl(parsed.s_addr)}));
 }
 
 }  // namespace

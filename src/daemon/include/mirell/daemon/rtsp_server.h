@@ -1,7 +1,7 @@
 // The RTSP 1.0 server that VRChat's player reads from: RTP interleaved on the TCP connection only,
 // no authentication. Mirell's own listens on 127.0.0.1; the relay on the address its operator
 // gives. One I/O thread serves every connection, event by event; finding a stream (which may wait
-// for a signal server) and waiting for its description run on a few lookup threads beside it.
+// for a signal server) and waiting for its description run on lookup threads beside it.
 // After PLAY each connection primes its player from the stream's history and then sends as its
 // buses wake it; each access unit is made into RTP packets once for all players.
 #pragma once
@@ -20,10 +20,15 @@ namespace mirell::daemon {
 
 // Finds a stream by request path ("/s/TOKEN"); called on the lookup threads, and may block.
 using StreamLookup = std::function<std::shared_ptr<MediaStream>(const std::string& path)>;
+// The same, told who asks: the player's IPv4 address (host order), 0 for this machine's own
+// (127.x.x.x), whose players may all come through one proxy.
+using PeerStreamLookup =
+    std::function<std::shared_ptr<MediaStream>(const std::string& path, std::uint32_t peer)>;
 
 class RtspServer {
  public:
   explicit RtspServer(StreamLookup lookup);
+  explicit RtspServer(PeerStreamLookup lookup);
   ~RtspServer();
   RtspServer(const RtspServer&) = delete;
   RtspServer& operator=(const RtspServer&) = delete;
@@ -51,8 +56,8 @@ class RtspServer {
   // its last request, or it is closed: a connection that only holds its place, or sends a head a
   // byte at a time, gives its place back. Before Start. Default 10 s.
   void SetRequestWithin(std::chrono::milliseconds limit) { request_within_ = limit; }
-  // A playing connection whose player takes nothing of a write for this long is closed (checked
-  // once a second). Before Start. Default 15 s.
+  // A playing connection whose player takes nothing of what is written to it for this long is
+  // closed (checked once a second). Before Start. Default 15 s.
   void SetSendTimeout(std::chrono::milliseconds limit) { send_within_ = limit; }
   // Connections closed for being beyond the limit, since Start.
   std::uint64_t refused_connections() const { return refused_.load(); }
@@ -61,13 +66,15 @@ class RtspServer {
   // Access units made into RTP packets since Start: once each however many players take it
   // (again only for a late player primed from further back than the server remembers).
   std::uint64_t packetized_units() const;
-  static constexpr int kLookupThreads = 4;
+  // Lookups waiting at once (for a signal server's answer, a remote host's description); more
+  // wait their turn. A connection closed meanwhile gives its turn up.
+  static constexpr int kLookupThreads = 8;
 
  private:
   struct Impl;
   void Accept();  // I/O thread.
 
-  StreamLookup lookup_;
+  PeerStreamLookup lookup_;
   std::unique_ptr<Impl> impl_;
   bool randomize_rtp_base_ = false;
   std::atomic<bool> running_{false};
