@@ -133,12 +133,14 @@ TEST_F(RtspPlayerTest, FfmpegPrimedWithHalfASecondKeepsItsTwoTracksAligned) {
 TEST_F(RtspPlayerTest, GstreamerRtspsrcPlaysBothTracks) {
   testsupport::ProcessOptions options;
   options.timeout = 30s;
+  // playbin links rtspsrc's pads as they come; gst-launch's own delayed linking of two branches
+  // stalled now and then on a loaded machine, with one sink waiting for ever. rtspt:// is TCP
+  // only, as VRChat asks for it.
+  std::string rtspt = url_;
+  rtspt.replace(0, 4, "rtspt");
   const auto result = testsupport::RunProcess(
-      {"timeout", "-s", "INT", "6", "gst-launch-1.0", "-e", "-v", "rtspsrc", "location=" + url_,
-       "protocols=tcp", "latency=100", "name=src", "src.", "!", "application/x-rtp,media=video",
-       "!", "rtph264depay", "!", "h264parse", "!", "avdec_h264", "!", "fakesink", "name=v",
-       "silent=false", "src.", "!", "application/x-rtp,media=audio", "!", "rtpmp4gdepay", "!",
-       "aacparse", "!", "avdec_aac", "!", "fakesink", "name=a", "silent=false"},
+      {"timeout", "-s", "INT", "6", "gst-launch-1.0", "-e", "-v", "playbin", "uri=" + rtspt,
+       "video-sink=fakesink name=v silent=false", "audio-sink=fakesink name=a silent=false"},
       options);
   EXPECT_NE(result.out.find("Setting pipeline to PLAYING"), std::string::npos) << result.out << result.err;
   std::size_t video_buffers = 0, audio_buffers = 0;
