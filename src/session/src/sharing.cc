@@ -11,6 +11,7 @@
 #include "mirell/base/clock.h"
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
+#include "mirell/base/min_interval.h"
 #include "mirell/capture/audio_capturer.h"
 #include "mirell/daemon/media_stream.h"
 #include "mirell/encode/aac_encoder.h"
@@ -31,6 +32,10 @@ constexpr std::int64_t kLongestShareMinutes = 24 * 60;
 constexpr std::uint32_t kGopSeconds = 2;
 constexpr std::uint32_t kAudioRate = 48000;
 constexpr std::uint32_t kAudioChannels = 2;
+// Keyframes asked for by viewers (their lost packets, a new player) come at most this often: a
+// keyframe is several times a picture's size, and an admitted viewer, or a relay's players,
+// could otherwise ask for one with every picture.
+constexpr std::int64_t kKeyframeRequestGapNs = 1'000'000'000;
 
 }  // namespace
 
@@ -40,6 +45,8 @@ struct Sharing::State {
   std::string secret;
   // There is no graphics device here: pictures travel in system memory.
   std::unique_ptr<encode::H264Encoder> encoder;  // Lives across retargets.
+  // Shared by every viewer's and player's request; a retarget's own keyframe does not ask it.
+  std::shared_ptr<MinInterval> keyframe_gate = std::make_shared<MinInterval>(kKeyframeRequestGapNs);
   std::unique_ptr<AudioSource> audio;            // May be empty.
   std::unique_ptr<CaptureSource> capture;
   std::unique_ptr<transport::SignalClient> signal;  // May be empty.
@@ -126,7 +133,9 @@ void Sharing::Start(const ShareTarget& target) {
   state->stream->SetPriming(config_.fps * static_cast<std::uint64_t>(config_.prime_ms) / 1000,
                             static_cast<std::uint64_t>(config_.prime_ms));
   encode::H264Encoder* encoder = state->encoder.get();
-  state->stream->SetKeyframeRequester([encoder] { encoder->RequestKeyframe(); });
+  state->stream->SetKeyframeRequester([encoder, gate = state->keyframe_gate] {
+    if (gate->Take(SteadyNowNs())) encoder->RequestKeyframe();
+  });
 
   OpenAudio(*state, target);
   state->capture = MakeCaptureSource(*state, target);
@@ -251,7 +260,9 @@ void Sharing::StartPeering(State& state) {
     if (handler) handler(connection_id);
   });
   encode::H264Encoder* encoder = state.encoder.get();
-  state.session->SetKeyframeHandler([encoder] { encoder->RequestKeyframe(); });
+  state.session->SetKeyframeHandler([encoder, gate = state.keyframe_gate] {
+    if (gate->Take(SteadyNowNs())) encoder->RequestKeyframe();
+  });
   state.session->Start();
   state.refusal = std::make_shared<State::Refusal>();
   state.signal->OnRefused([this, refusal = state.refusal](const std::string& reason) {

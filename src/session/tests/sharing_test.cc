@@ -167,6 +167,34 @@ TEST_F(SharingTest, WithoutASignalServerTheStreamIsPublishedAndPlaysLocally) {
   sharing.Stop();  // Nothing to stop.
 }
 
+// A flood of keyframe requests (new players, a viewer's losses) makes at most one keyframe a
+// second beyond the group's own every two seconds, not one per picture.
+TEST_F(SharingTest, KeyframeRequestsMakeAtMostOneKeyframeASecond) {
+  auto window = OpenWindow("Asked often", "00FF00");
+  Sharing sharing(registry_, SmallConfig());
+  sharing.Start(WindowTarget(*window, "Asked often"));
+  ASSERT_TRUE(KeyframeFlows(sharing.token()));
+  const auto stream = registry_.Find(sharing.token());
+  ASSERT_NE(stream, nullptr);
+  const auto reader = stream->frames().Subscribe(256, 0);
+  int pictures = 0;
+  int keyframes = 0;
+  const auto started = std::chrono::steady_clock::now();
+  while (std::chrono::steady_clock::now() - started < 3s) {
+    stream->RequestKeyframe();
+    if (const auto unit = reader->Pop(10)) {
+      ++pictures;
+      keyframes += unit->keyframe ? 1 : 0;
+    }
+  }
+  stream->frames().Unsubscribe(reader);
+  sharing.Stop();
+  ASSERT_GT(pictures, 20) << "pictures flowed while asking";
+  EXPECT_GE(keyframes, 2) << "the requests are heard";
+  // Three seconds: at most three asked for and two of the group's own (one each two seconds).
+  EXPECT_LE(keyframes, 5) << keyframes << " keyframes in " << pictures << " pictures";
+}
+
 TEST_F(SharingTest, StartDuringAShareStopsTheOldOneAndItsLinkDies) {
   auto window = OpenWindow("Twice", "0000FF");
   auto config = SmallConfig();
