@@ -30,7 +30,6 @@ void AudioBus::Subscription::Prime(const std::vector<FramePtr>& units) {
   queue_.insert(queue_.end(), units.begin(), units.end());
   primed_ = units.size();
   limit_ = std::max<std::uint64_t>(limit_, units.size() + kPrimedHeadroom);
-  if (wake_) wake_();
 }
 
 AudioBus::FramePtr AudioBus::Subscription::TryPop() {

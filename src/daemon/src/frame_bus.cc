@@ -45,7 +45,6 @@ void FrameBus::Subscription::Prime(const std::vector<FramePtr>& frames) {
     limit_ = std::max<std::uint64_t>(limit_, queue_.size() + nominal_limit_);
     primed_ = frames.size();
     resyncing_ = false;
-    if (wake_) wake_();
   }
   ready_.notify_all();
 }

@@ -70,6 +70,15 @@ class RtspEventLoopTest : public ::testing::Test {
     ASSERT_EQ(client.Request("PLAY", uri, 3).status, 200);
   }
 
+  static std::string Uri(const RtspServer& server) {
+    return "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/tok";
+  }
+  // A player whose socket takes little at a time, so that a big write hangs or crawls.
+  static void ShrinkReceiveBuffer(RtspTestClient& client) {
+    const int small = 4096;
+    ASSERT_EQ(setsockopt(client.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
+  }
+
   StreamRegistry registry_;
   std::shared_ptr<MediaStream> stream_ = std::make_shared<MediaStream>("test", 30, 2000);
 };
@@ -78,7 +87,7 @@ TEST_F(RtspEventLoopTest, AHundredPlayersAreServedByTheServersOwnThreadsAndEachF
   RtspServer server([this](const std::string& path) { return registry_.Find(TokenFromPath(path)); });
   server.SetMaxClients(128);
   server.Start(0);
-  const std::string uri = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/tok";
+  const std::string uri = Uri(server);
   const std::size_t threads_before = ThreadsOfThisProcess();
   std::vector<std::unique_ptr<RtspTestClient>> players;
   for (int i = 0; i < 100; ++i) {
@@ -107,7 +116,7 @@ TEST_F(RtspEventLoopTest, AHundredPlayersAreServedByTheServersOwnThreadsAndEachF
 TEST_F(RtspEventLoopTest, PlayersOfOneStreamHaveTheirOwnSourcesAndUnbrokenSequences) {
   RtspServer server([this](const std::string& path) { return registry_.Find(TokenFromPath(path)); });
   server.Start(0);
-  const std::string uri = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/tok";
+  const std::string uri = Uri(server);
   RtspTestClient first(server.port());
   RtspTestClient second(server.port());
   Play(first, uri);
@@ -170,10 +179,9 @@ TEST_F(RtspEventLoopTest, APlayerThatTakesNothingIsEndedAfterTheSendTimeOutAndTh
   RtspServer server([this](const std::string& path) { return registry_.Find(TokenFromPath(path)); });
   server.SetSendTimeout(1s);
   server.Start(0);
-  const std::string uri = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/tok";
+  const std::string uri = Uri(server);
   RtspTestClient stalled(server.port());
-  const int small = 4096;
-  ASSERT_EQ(setsockopt(stalled.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
+  ShrinkReceiveBuffer(stalled);
   Play(stalled, uri);
   RtspTestClient reader(server.port());
   Play(reader, uri);
@@ -200,10 +208,9 @@ TEST_F(RtspEventLoopTest, APlayerThatReadsSlowlyButSteadilyIsNotEndedByTheSendTi
   RtspServer server([this](const std::string& path) { return registry_.Find(TokenFromPath(path)); });
   server.SetSendTimeout(1s);
   server.Start(0);
-  const std::string uri = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/tok";
+  const std::string uri = Uri(server);
   RtspTestClient slow(server.port());
-  const int small = 4096;
-  ASSERT_EQ(setsockopt(slow.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
+  ShrinkReceiveBuffer(slow);
   Play(slow, uri);
   constexpr std::size_t kFrameBytes = 200'000;
   stream_->frames().Publish(MakeFrame(0, kFrameBytes));
@@ -227,7 +234,7 @@ TEST_F(RtspEventLoopTest, APlayerThatReadsSlowlyButSteadilyIsNotEndedByTheSendTi
 TEST_F(RtspEventLoopTest, RequestsBehindATeardownAreNotHandled) {
   RtspServer server([this](const std::string& path) { return registry_.Find(TokenFromPath(path)); });
   server.Start(0);
-  const std::string uri = "rtsp://127.0.0.1:" + std::to_string(server.port()) + "/s/tok";
+  const std::string uri = Uri(server);
   RtspTestClient client(server.port());
   ASSERT_EQ(client.Request("DESCRIBE", uri, 1).status, 200);
   client.SendRaw("TEARDOWN " + uri + " RTSP/1.0\r\nCSeq: 2\r\n\r\nPLAY " + uri +

@@ -30,7 +30,7 @@ class AudioBus {
     // Never blocks: the oldest unit, or null.
     FramePtr TryPop();
     // As FrameBus::Subscription::SetWake: called under the subscription's lock whenever a unit is
-    // queued, a backlog primed or the subscription closed.
+    // queued or the subscription closed.
     void SetWake(std::function<void()> wake);
     void Close();
 

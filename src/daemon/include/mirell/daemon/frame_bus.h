@@ -41,7 +41,8 @@ class FrameBus {
     // Never blocks: the oldest frame, or null.
     FramePtr TryPop();
     // For readers that wait on an event loop rather than in Pop: `wake` is called whenever a
-    // frame is queued, a backlog primed or the subscription closed, on the thread that does it
+    // frame is queued or the subscription closed (a primed backlog is there before it can be
+    // set: the reader takes it at once), on the thread that does it
     // and under the subscription's lock, so that it is never called once SetWake(nullptr) has
     // returned. It must be quick and must not call the subscription or the bus (post, don't
     // work).
