@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "fixture_publisher.h"
+#include "mirell/protocol/share_token.h"
 #include "mirell/base/logging.h"
 #include "mirell/daemon/media_stream.h"
 #include "mirell/testsupport/subprocess.h"
@@ -310,7 +311,7 @@ int main(int argc, char** argv) {
                       (dir.path() / "secret").string(), "--listen", fmt::format("127.0.0.1:{}", relay_port),
                       "--max-players", "512"},
                      quiet);
-  const auto credentials = mirell::transport::GenerateShareCredentials();
+  const auto credentials = mirell::protocol::GenerateShareCredentials();
   const auto host_dir = dir.path() / "host";
   std::filesystem::create_directories(host_dir);
   ChildProcess host({MIRELL_TEST_HOST_BINARY, "--signal", signal_url, "--token", credentials.token, "--secret",

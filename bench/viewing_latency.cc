@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "mirell/protocol/share_token.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
@@ -183,7 +184,7 @@ int main(int argc, char** argv) {
   for (int i = 0; i < 2 * runs; ++i) {
     // Odd runs: the prompt is read for a second before the answer.
     const bool read_first = i % 2 == 1;
-    const auto credentials = mirell::transport::GenerateShareCredentials();
+    const auto credentials = mirell::protocol::GenerateShareCredentials();
     TempDir host_dir;
     ChildProcess host({MIRELL_TEST_HOST_BINARY, "--signal", signal_url, "--token", credentials.token,
                        "--secret", credentials.secret, "--dir", host_dir.path().string()},

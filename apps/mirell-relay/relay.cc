@@ -3,7 +3,7 @@
 #include "mirell/base/logging.h"
 #include "mirell/base/thread_name.h"
 #include "mirell/daemon/stream_path.h"
-#include "mirell/transport/share_token.h"
+#include "mirell/protocol/share_token.h"
 
 namespace mirell::relay {
 namespace {
@@ -69,7 +69,7 @@ void Relay::Stop() {
 
 std::shared_ptr<daemon::MediaStream> Relay::Lookup(const std::string& path, std::uint32_t peer) {
   const std::string token = daemon::TokenFromPath(path);
-  if (!transport::IsShareToken(token)) return nullptr;
+  if (!protocol::IsShareToken(token)) return nullptr;
   using JoinState = session::Viewing::JoinState;
   const auto watched = [&] { return viewing_.WaitJoinState(token, std::chrono::milliseconds(0)) != JoinState::kNoWatch; };
   if (!watched()) {

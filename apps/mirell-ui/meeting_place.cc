@@ -4,7 +4,7 @@
 
 #include "lan_address.h"
 #include "mirell/base/logging.h"
-#include "mirell/transport/signal_endpoint.h"
+#include "mirell/protocol/signal_endpoint.h"
 #include "mirell/transport/web_socket.h"
 
 namespace mirell::ui {
@@ -60,7 +60,7 @@ std::string DeriveSharePrefix(const std::string& signal_url) {
 void UseLocalMeeting(DaemonConfig& config, std::uint16_t port, const std::string& address) {
   const std::string port_text = std::to_string(port);
   config.local_signal_port = port;
-  config.signal_url = "ws://127.0.0.1:" + port_text + std::string(transport::kSignalPath);
+  config.signal_url = "ws://127.0.0.1:" + port_text + std::string(protocol::kSignalPath);
   config.share_prefix = address + ":" + port_text + "/s/";
 }
 

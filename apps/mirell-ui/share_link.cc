@@ -1,8 +1,8 @@
 #include "share_link.h"
 
 #include "mirell/base/ascii.h"
-#include "mirell/transport/share_token.h"
-#include "mirell/transport/signal_endpoint.h"
+#include "mirell/protocol/share_token.h"
+#include "mirell/protocol/signal_endpoint.h"
 
 namespace mirell::ui {
 namespace {
@@ -11,7 +11,7 @@ namespace {
 std::string TokenAt(std::string_view rest) {
   rest = rest.substr(0, rest.find_first_of("?#/&"));
   // Anything else is no link of ours, and no watch is made for it.
-  if (!transport::IsShareToken(rest)) return {};
+  if (!protocol::IsShareToken(rest)) return {};
   return std::string(rest);
 }
 
@@ -48,7 +48,7 @@ std::optional<ShareLink> ParseShareLink(std::string_view url) {
   link.token = std::move(token);
   link.authority = std::string(authority);
   link.signal_url =
-      std::string(secure ? "wss://" : "ws://") + link.authority + std::string(transport::kSignalPath);
+      std::string(secure ? "wss://" : "ws://") + link.authority + std::string(protocol::kSignalPath);
   return link;
 }
 

@@ -15,6 +15,7 @@
 #include <sstream>
 #include <thread>
 
+#include "mirell/protocol/share_token.h"
 #include "mirell/media/h264_rtp.h"
 #include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/eventually.h"
@@ -62,7 +63,7 @@ class RelayAcrossProcesses : public ::testing::Test {
         secret_file_.string(), "--relay-url", "rtspt://127.0.0.1:" + std::to_string(relay_port_)});
     ASSERT_TRUE(Eventually([&] { return testsupport::LoopbackPortAccepts(signal_port_); }));
     StartRelay();
-    credentials_ = transport::GenerateShareCredentials();
+    credentials_ = protocol::GenerateShareCredentials();
   }
 
   void StartRelay() {
@@ -130,7 +131,7 @@ class RelayAcrossProcesses : public ::testing::Test {
   testsupport::TempDir dir_;
   testsupport::TempDir host_dir_;
   const std::filesystem::path secret_file_ = dir_.path() / "relay-secret";
-  transport::ShareCredentials credentials_;
+  protocol::ShareCredentials credentials_;
   std::uint16_t signal_port_ = 0;
   std::uint16_t relay_port_ = 0;
   std::unique_ptr<ChildProcess> signal_;

@@ -29,7 +29,7 @@ namespace mirell::signal {
 namespace {
 
 using namespace std::chrono_literals;
-using transport::PeerIdentity;
+using protocol::PeerIdentity;
 using transport::SignalClient;
 using transport::SignalConfig;
 
@@ -61,7 +61,7 @@ SignalConfig HostConfig(const std::string& url) {
   config.url = url;
   config.token = "TESTTOKEN123";
   config.secret = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
-  config.media = transport::StreamMedia{1280, 720, 30, 6000, 48000, 2, 128, "1190"};
+  config.media = protocol::StreamMedia{1280, 720, 30, 6000, 48000, 2, 128, "1190"};
   return config;
 }
 
@@ -87,7 +87,7 @@ TEST(SignalServer, AHostAndAViewerMeetThroughIt) {
   Latch<std::string> gone_seen;
   Latch<bool> host_ready;
   host->OnReady([&] { host_ready.Set(true); });
-  host->OnPeer([&](const std::string& peer, const PeerIdentity& who) {
+  host->OnPeer([&](const std::string& peer, const protocol::PeerIdentity& who) {
     peer_seen.Set(peer + " " + who.identity + " " + who.display_name);
     host->SendOffer(peer, "v=0 offer");
   });
@@ -99,8 +99,8 @@ TEST(SignalServer, AHostAndAViewerMeetThroughIt) {
   ASSERT_TRUE(host_ready.Wait());
 
   auto viewer = transport::CreateViewerSignalClient(ViewerConfig(url));
-  Latch<transport::StreamMedia> media_seen;
-  viewer->OnMedia([&](const transport::StreamMedia& media) { media_seen.Set(media); });
+  Latch<protocol::StreamMedia> media_seen;
+  viewer->OnMedia([&](const protocol::StreamMedia& media) { media_seen.Set(media); });
   viewer->OnOffer([&](const std::string& sdp) { viewer->SendAnswer("answer to " + sdp); });
   viewer->Start();
 
@@ -137,7 +137,7 @@ TEST(SignalServer, AKeyItsProofAndASignedAnswerPassThroughIt) {
   Latch<std::string> answer_seen;
   Latch<bool> host_ready;
   host->OnReady([&] { host_ready.Set(true); });
-  host->OnPeer([&](const std::string& peer, const PeerIdentity& who) {
+  host->OnPeer([&](const std::string& peer, const protocol::PeerIdentity& who) {
     key_seen.Set(who.key);
     host->SendChallenge(peer, "CHALLENGE");
   });
@@ -303,9 +303,9 @@ TEST(SignalServer, ARelayJoinsOnlyPublicSharesAndItsHostKnowsIt) {
   public_config.is_public = true;
   auto host = transport::CreateHostSignalClient(public_config);
   Latch<bool> host_ready;
-  Latch<PeerIdentity> peer_seen;
+  Latch<protocol::PeerIdentity> peer_seen;
   host->OnReady([&] { host_ready.Set(true); });
-  host->OnPeer([&](const std::string&, const PeerIdentity& who) { peer_seen.Set(who); });
+  host->OnPeer([&](const std::string&, const protocol::PeerIdentity& who) { peer_seen.Set(who); });
   host->Start();
   ASSERT_TRUE(host_ready.Wait());
 

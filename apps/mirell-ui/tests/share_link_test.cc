@@ -16,8 +16,9 @@
 #include "lan_address.h"
 #include "meeting_place.h"
 #include "options.h"
-#include "mirell/transport/share_token.h"
+#include "mirell/protocol/share_token.h"
 #include "mirell/transport/signal_client.h"
+#include "mirell/protocol/signal_endpoint.h"
 #include "mirell/transport/signal_endpoint.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/tcp_client.h"
@@ -63,7 +64,7 @@ TEST(ShareToken, OnlyTwelveCrockfordDigitsAreAToken) {
   EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3U", kPrefix), "");
   EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0Z5XH3\r", kPrefix), "");
   EXPECT_EQ(ShareTokenFromUrl("https://mirell.example/s/7QK2M0 5XH3B", kPrefix), "");
-  EXPECT_TRUE(transport::IsShareToken(transport::GenerateShareCredentials().token));
+  EXPECT_TRUE(protocol::IsShareToken(protocol::GenerateShareCredentials().token));
 }
 
 TEST(ShareToken, ThePrefixMustStandDirectlyBehindTheScheme) {
@@ -255,7 +256,7 @@ TEST_F(ForeignLinkTest, ALookAlikeLinkOnAnotherWebServerPassesWithinTheBound) {
   testsupport::TempDir site;
   std::filesystem::create_directories(site.path() / "s");
   std::ofstream(site.path() / "s" / "ABCDEFGHJKMN") << "a page";
-  std::ofstream(site.path() / "signal") << transport::kSignalEndpointMarker << '\n';
+  std::ofstream(site.path() / "signal") << protocol::kSignalEndpointMarker << '\n';
   const std::uint16_t port = testsupport::FreeLoopbackPort();
   testsupport::ChildProcess web({"/usr/bin/python3", "-m", "http.server", "--bind", "127.0.0.1",
                                  "--directory", site.path().string(), std::to_string(port)});

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "installed_ui.h"
+#include "mirell/protocol/share_token.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/subprocess.h"
@@ -68,7 +69,7 @@ class ViewingAcrossProcesses : public ::testing::Test {
     signal_ = std::make_unique<ChildProcess>(std::vector<std::string>{
         MIRELL_SIGNAL_BINARY, "--listen", "127.0.0.1:" + std::to_string(signal_port_)});
     ASSERT_TRUE(Eventually([&] { return testsupport::LoopbackPortAccepts(signal_port_); }));
-    credentials_ = transport::GenerateShareCredentials();
+    credentials_ = protocol::GenerateShareCredentials();
     StartHost();
     StartViewer();
   }
@@ -182,7 +183,7 @@ class ViewingAcrossProcesses : public ::testing::Test {
   testsupport::TempDir home_;
   testsupport::TempDir host_dir_;
   InstalledUi ui_;
-  transport::ShareCredentials credentials_;
+  protocol::ShareCredentials credentials_;
   std::uint16_t signal_port_ = 0;
   std::uint16_t pipe_port_ = 0;
   std::uint16_t rtsp_port_ = 0;

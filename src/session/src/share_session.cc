@@ -82,7 +82,7 @@ void ShareSession::SetAllowlist(Allowlist allowlist) {
 
 void ShareSession::Start() {
   if (running_.exchange(true)) return;
-  signal_->OnPeer([this](const std::string& id, const transport::PeerIdentity& identity) {
+  signal_->OnPeer([this](const std::string& id, const protocol::PeerIdentity& identity) {
     OnArrival(id, identity);
   });
   signal_->OnPeerGone([this](const std::string& id) { OnDeparture(id); });
@@ -93,7 +93,7 @@ void ShareSession::Start() {
       [this](const std::string& id, const std::string& signature) { OnProof(id, signature); });
 }
 
-void ShareSession::OnArrival(const std::string& id, const transport::PeerIdentity& identity) {
+void ShareSession::OnArrival(const std::string& id, const protocol::PeerIdentity& identity) {
   Arrival arrival;
   arrival.identity = identity;
   arrival.since = SteadyNowNs();

@@ -1,3 +1,4 @@
+#include "mirell/protocol/share_token.h"
 #include "mirell/session/sharing.h"
 
 #include <fmt/format.h>
@@ -112,7 +113,7 @@ void Sharing::Start(const ShareTarget& target) {
   if (config_.lifetime_minutes > 0) {
     state->expires_at = SteadyNowNs() + config_.lifetime_minutes * kNanosecondsPerMinute;
   }
-  const transport::ShareCredentials credentials = transport::GenerateShareCredentials();
+  const protocol::ShareCredentials credentials = protocol::GenerateShareCredentials();
   state->token = credentials.token;
   state->secret = credentials.secret;
   MIRELL_CHECK(capture::IsCaptureSupported(), "{}", capture::CaptureUnsupportedReason());
@@ -222,7 +223,7 @@ void Sharing::StartPeering(State& state) {
   signal.token = state.token;
   signal.secret = state.secret;
   signal.is_public = state.is_public;
-  transport::StreamMedia media;
+  protocol::StreamMedia media;
   media.width = config_.width;
   media.height = config_.height;
   media.fps = config_.fps;
@@ -316,7 +317,7 @@ void Sharing::Retarget(const ShareTarget& target) {
 }
 
 void Sharing::Revoke() {
-  const transport::ShareCredentials credentials = transport::GenerateShareCredentials();
+  const protocol::ShareCredentials credentials = protocol::GenerateShareCredentials();
   std::string old_token;
   std::unique_ptr<transport::SignalClient> old_signal;
   std::unique_ptr<ShareSession> old_session;

@@ -117,7 +117,7 @@ void Viewing::StartWaitingCards() {
   }
 }
 
-void Viewing::ApplyMedia(daemon::MediaStream& stream, const transport::StreamMedia& media) {
+void Viewing::ApplyMedia(daemon::MediaStream& stream, const protocol::StreamMedia& media) {
   daemon::AudioConfig audio;
   audio.sample_rate = media.sample_rate != 0 ? media.sample_rate : kDefaultRate;
   audio.channels = media.channels != 0 ? media.channels : kDefaultChannels;
@@ -201,7 +201,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
   daemon::MediaStream& stream = *watch->stream;
   stream.SetPriming(static_cast<std::uint64_t>(prime_ms_ * kPrimingFps / 1000),
                     static_cast<std::uint64_t>(prime_ms_));
-  transport::StreamMedia defaults;
+  protocol::StreamMedia defaults;
   defaults.fps = 60;
   defaults.video_kbps = video_kbps_;
   defaults.sample_rate = kDefaultRate;
@@ -271,7 +271,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
 
   watch->signal = transport::CreateViewerSignalClient(signal_config);
   transport::SignalClient* const signal = watch->signal.get();
-  signal->OnMedia([raw, token](const transport::StreamMedia& media) {
+  signal->OnMedia([raw, token](const protocol::StreamMedia& media) {
     daemon::MediaStream& target = *raw->stream;
     ApplyMedia(target, media);
     target.SetVideoParameters(static_cast<int>(media.fps), media.video_kbps);
@@ -401,7 +401,7 @@ void Viewing::Drop(const std::string& token) {
   }
 }
 
-void Viewing::SetIdentity(transport::PeerIdentity identity) {
+void Viewing::SetIdentity(protocol::PeerIdentity identity) {
   std::lock_guard lock(mutex_);
   identity_ = std::move(identity.identity);
   display_name_ = std::move(identity.display_name);

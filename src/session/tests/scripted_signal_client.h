@@ -26,7 +26,7 @@ class ScriptedSignalClient : public transport::SignalClient {
   void OnRefused(std::function<void(const std::string&)> handler) override {
     on_refused_ = std::move(handler);
   }
-  void OnPeer(std::function<void(const std::string&, const transport::PeerIdentity&)> handler)
+  void OnPeer(std::function<void(const std::string&, const protocol::PeerIdentity&)> handler)
       override {
     on_peer_ = std::move(handler);
     ++peer_handler_sets_;
@@ -44,7 +44,7 @@ class ScriptedSignalClient : public transport::SignalClient {
   void OnChallenge(std::function<void(const std::string&)> handler) override {
     on_challenge_ = std::move(handler);
   }
-  void OnMedia(std::function<void(const transport::StreamMedia&)> handler) override {
+  void OnMedia(std::function<void(const protocol::StreamMedia&)> handler) override {
     on_media_ = std::move(handler);
   }
   void OnOffer(std::function<void(const std::string&)> handler) override {
@@ -67,9 +67,10 @@ class ScriptedSignalClient : public transport::SignalClient {
   int ends() const { return ends_; }
   bool connected() const override { return true; }
   std::uint64_t reconnects() const override { return 0; }
+  std::uint64_t malformed_messages() const override { return 0; }
 
   // The server's side.
-  void Peer(const std::string& peer, transport::PeerIdentity identity) {
+  void Peer(const std::string& peer, protocol::PeerIdentity identity) {
     if (on_peer_) on_peer_(peer, identity);
   }
   void PeerGone(const std::string& peer) {
@@ -118,14 +119,14 @@ class ScriptedSignalClient : public transport::SignalClient {
 
   std::function<void()> on_ready_;
   std::function<void(const std::string&)> on_refused_;
-  std::function<void(const std::string&, const transport::PeerIdentity&)> on_peer_;
+  std::function<void(const std::string&, const protocol::PeerIdentity&)> on_peer_;
   std::function<void(const std::string&)> on_peer_gone_;
   int peer_handler_sets_ = 0;
   int ends_ = 0;
   std::function<void(const std::string&, const std::string&, const std::string&)> on_answer_;
   std::function<void(const std::string&, const std::string&)> on_proof_;
   std::function<void(const std::string&)> on_challenge_;
-  std::function<void(const transport::StreamMedia&)> on_media_;
+  std::function<void(const protocol::StreamMedia&)> on_media_;
   std::function<void(const std::string&)> on_offer_;
   mutable std::mutex mutex_;
   std::vector<Sent> sent_;

@@ -25,7 +25,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ScriptedSignalClient;
 using testsupport::Eventually;
-using transport::PeerIdentity;
+using protocol::PeerIdentity;
 using transport::PeerState;
 
 constexpr const char* kToken = "ABCDEFGHJKMN";
@@ -53,13 +53,13 @@ class ShareSessionTest : public ::testing::Test {
   }
   // A viewer arrives naming `key`'s public key and answers the challenge with a proof signed by
   // `prover` (the same key, unless the test forges).
-  void ArriveAndProve(const std::string& id, const PeerIdentity& claim, const transport::IdentityKey& prover) {
+  void ArriveAndProve(const std::string& id, const protocol::PeerIdentity& claim, const transport::IdentityKey& prover) {
     signal_.Peer(id, claim);
     const std::string challenge = signal_.ChallengeSentTo(id);
     ASSERT_EQ(challenge.size(), transport::kChallengeLength);
     signal_.Proof(id, prover.Sign(transport::IdentityStatement(kToken, challenge)));
   }
-  static PeerIdentity Claim(const std::string& id, const std::string& name, const transport::IdentityKey& key) {
+  static protocol::PeerIdentity Claim(const std::string& id, const std::string& name, const transport::IdentityKey& key) {
     return {id, name, key.PublicText()};
   }
   bool OfferSentTo(const std::string& id) {
@@ -337,7 +337,7 @@ TEST_F(ShareSessionTest, APublicShareLetsEveryoneInAtOnceTheServersRelayToo) {
   session_.Start();
   const auto key = transport::IdentityKey::Generate();
   signal_.Peer("c1", Claim("usr_unlisted", "Stranger", key));
-  PeerIdentity relay;
+  protocol::PeerIdentity relay;
   relay.relay = true;
   signal_.Peer("r1", relay);
   EXPECT_TRUE(Asked().empty());
@@ -359,7 +359,7 @@ TEST_F(ShareSessionTest, ARelayIsSentAwayFromAShareThatIsNotPublicWhateverTheSer
                          48000);
     session.SetAdmissionRequired(admission);
     session.Start();
-    PeerIdentity relay;
+    protocol::PeerIdentity relay;
     relay.relay = true;
     signal.Peer("r1", relay);
     EXPECT_EQ(signal.CountSent("deny"), 1u) << admission;

@@ -75,7 +75,7 @@ std::unique_ptr<Door> OpenDoor(const Options& options, daemon::MediaStream& stre
   config.token = options.token;
   config.secret = options.secret;
   config.is_public = options.is_public;
-  transport::StreamMedia media;
+  protocol::StreamMedia media;
   media.width = static_cast<std::uint32_t>(options.width);
   media.height = static_cast<std::uint32_t>(options.height);
   media.fps = 30;

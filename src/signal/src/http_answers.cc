@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "mirell/transport/signal_endpoint.h"
+#include "mirell/protocol/signal_endpoint.h"
 
 namespace mirell::signal {
 namespace {
@@ -107,10 +107,10 @@ HttpAnswer AnswerHttp(std::string_view method, std::string_view target,
     answer.body = nlohmann::json{{"version", latest->version}, {"url", latest->url}}.dump();
     return answer;
   }
-  if (path == transport::kSignalPath) {
-    return Text(transport::kSignalEndpointStatus,
+  if (path == protocol::kSignalPath) {
+    return Text(protocol::kSignalEndpointStatus,
                 fmt::format("{}\nthis is the WebSocket endpoint of a Mirell signal server\n",
-                            transport::kSignalEndpointMarker));
+                            protocol::kSignalEndpointMarker));
   }
   return Text(404, "not found\n");
 }

@@ -2,16 +2,15 @@
 
 #include <algorithm>
 #include <cctype>
-#include <nlohmann/json.hpp>
 
 #include "mirell/base/logging.h"
-#include "mirell/transport/signal_client.h"
+#include "mirell/protocol/client_messages.h"
+#include "mirell/protocol/server_messages.h"
+#include "mirell/protocol/share_token.h"
 #include "secret_digest.h"
 
 namespace mirell::signal {
 namespace {
-
-using Json = nlohmann::json;
 
 constexpr std::size_t kMaxTokenLength = 64;
 constexpr std::size_t kMaxSecretLength = 256;
@@ -21,40 +20,9 @@ constexpr std::size_t kPeerIdLength = 16;
 // room for their form to change, none for a payload.
 constexpr std::size_t kMaxProofFieldLength = 256;
 
-std::string Dump(const Json& message) {
-  return message.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 bool ValidToken(const std::string& token) {
   return !token.empty() && token.size() <= kMaxTokenLength &&
          std::all_of(token.begin(), token.end(), [](unsigned char c) { return std::isalnum(c) != 0; });
-}
-
-// A string field, "" when absent; throws for another type (answered as malformed).
-std::string StringField(const Json& message, const char* key) {
-  return message.value(key, std::string());
-}
-
-// The host's media object as passed on to its viewers: only the fields the protocol knows, each
-// of its type (a number that fits 32 bits, a short string); anything else a host sends, however
-// deep, is neither kept nor forwarded.
-Json KnownMedia(const Json& media) {
-  static constexpr const char* kNumbers[] = {"width",    "height",   "fps",      "videoKbps",
-                                             "sampleRate", "channels", "audioKbps"};
-  constexpr std::size_t kMaxConfigText = 64;
-  Json known = Json::object();
-  for (const char* key : kNumbers) {
-    const auto found = media.find(key);
-    if (found != media.end() && found->is_number_unsigned() &&
-        found->get<std::uint64_t>() <= 0xFFFF'FFFFu) {
-      known[key] = found->get<std::uint64_t>();
-    }
-  }
-  const auto config = media.find("audioConfig");
-  if (config != media.end() && config->is_string() && config->get_ref<const std::string&>().size() <= kMaxConfigText) {
-    known["audioConfig"] = *config;
-  }
-  return known;
 }
 
 }  // namespace
@@ -97,35 +65,29 @@ void SignalHub::Received(ConnectionId id, std::string_view text, Clock::time_poi
   if (found == connections_.end()) return;
   Connection& connection = found->second;
   if (!Allowed(connection, now)) return Refuse(id, "too many messages");
-  const Json message = Json::parse(text, nullptr, false);
-  if (message.is_discarded() || !message.is_object()) return Refuse(id, "malformed message");
-  try {
-    const std::string type = StringField(message, "type");
-    if (type == "host") return Host(id, connection, std::string(text));
-    if (type == "join") return Join(id, connection, std::string(text));
-    if (connection.role == Role::kNone) return Refuse(id, "register first");
-    if (type == "offer" && connection.role == Role::kHost) return Offer(id, connection, std::string(text));
-    if (type == "deny" && connection.role == Role::kHost) return Deny(id, connection, std::string(text));
-    if (type == "end" && connection.role == Role::kHost) return End(id, connection, std::string(text));
-    if (type == "answer" && connection.role == Role::kViewer) return Answer(connection, std::string(text));
-    if (type == "challenge" && connection.role == Role::kHost) return Challenge(id, std::string(text));
-    if (type == "proof" && connection.role == Role::kViewer) return Proof(connection, std::string(text));
-    LOG_DEBUG("connection {}: ignoring a {} message", id, type.substr(0, 32));
-  } catch (const Json::exception&) {
-    Refuse(id, "malformed message");
-  }
+  const protocol::ClientMessage message = protocol::ParseClientMessage(text);
+  using Kind = protocol::ClientMessage::Kind;
+  if (message.kind == Kind::kMalformed) return Refuse(id, "malformed message");
+  if (message.kind == Kind::kHost) return Host(id, connection, message);
+  if (message.kind == Kind::kJoin) return Join(id, connection, message);
+  if (connection.role == Role::kNone) return Refuse(id, "register first");
+  const bool host = connection.role == Role::kHost;
+  if (message.kind == Kind::kOffer && host) return Offer(id, message);
+  if (message.kind == Kind::kDeny && host) return Deny(id, message);
+  if (message.kind == Kind::kEnd && host) return End(id, connection, message);
+  if (message.kind == Kind::kChallenge && host) return Challenge(id, message);
+  if (message.kind == Kind::kAnswer && !host) return Answer(connection, message);
+  if (message.kind == Kind::kProof && !host) return Proof(connection, message);
+  LOG_DEBUG("connection {}: ignoring a {} message", id, message.type.substr(0, 32));
 }
 
-void SignalHub::Host(ConnectionId id, Connection& connection, const std::string& text) {
-  const Json message = Json::parse(text);
-  const std::string token_name = StringField(message, "token");
-  const std::string secret = StringField(message, "secret");
+void SignalHub::Host(ConnectionId id, Connection& connection, const protocol::ClientMessage& message) {
+  const std::string& token_name = message.token;
+  const std::string& secret = message.secret;
   if (connection.role == Role::kViewer) return Refuse(id, "a viewer cannot host");
   if (!ValidToken(token_name)) return Refuse(id, "bad token");
   if (secret.empty() || secret.size() > kMaxSecretLength) return Refuse(id, "bad secret");
-  const auto media = message.find("media");
-  if (media != message.end() && !media->is_object()) return Refuse(id, "malformed message");
-  const bool is_public = message.value("public", false);
+  const bool is_public = message.is_public;
   const bool already_ours =
       std::find(connection.tokens.begin(), connection.tokens.end(), token_name) != connection.tokens.end();
   if (!already_ours && connection.tokens.size() >= limits_.max_tokens_per_connection) {
@@ -146,7 +108,7 @@ void SignalHub::Host(ConnectionId id, Connection& connection, const std::string&
   }
   Token& token = existing != tokens_.end() ? existing->second : tokens_[token_name];
   token.secret_digest = digest;
-  token.media = media != message.end() ? Dump(KnownMedia(*media)) : std::string();
+  token.media = message.media;
   token.is_public = is_public;
   if (token.host && *token.host != id) {
     // The same host from a new connection (it restarted, or its network changed).
@@ -165,7 +127,7 @@ void SignalHub::Host(ConnectionId id, Connection& connection, const std::string&
   token.host = id;
   connection.role = Role::kHost;
   if (!already_ours) connection.tokens.push_back(token_name);
-  router_.Deliver(id, R"({"type":"hosting"})");
+  router_.Deliver(id, protocol::MakeHostingMessage());
   // A share that is no longer public keeps no relay in it.
   if (!is_public) SendRelaysAway(token);
   LOG_INFO("connection {} hosts a token with {} viewers waiting", id, token.viewers.size());
@@ -174,25 +136,24 @@ void SignalHub::Host(ConnectionId id, Connection& connection, const std::string&
   }
 }
 
-void SignalHub::Join(ConnectionId id, Connection& connection, const std::string& text) {
-  const Json message = Json::parse(text);
-  const std::string token_name = StringField(message, "token");
-  const std::string identity = StringField(message, "identity");
-  const std::string display_name = StringField(message, "displayName");
-  const std::string key = StringField(message, "key");
+void SignalHub::Join(ConnectionId id, Connection& connection, const protocol::ClientMessage& message) {
+  const std::string& token_name = message.token;
+  const std::string& identity = message.identity;
+  const std::string& display_name = message.display_name;
+  const std::string& key = message.key;
   if (connection.role != Role::kNone) return Refuse(id, "one token per viewer connection");
   if (!ValidToken(token_name)) return Refuse(id, "bad token");
   if (identity.size() > kMaxNameLength || display_name.size() > kMaxNameLength) {
     return Refuse(id, "name too long");
   }
   if (key.size() > kMaxProofFieldLength) return Refuse(id, "key too long");
-  const auto relay_field = message.find("relay");
-  const bool relay = relay_field != message.end();
+  const bool relay = message.relay_secret.has_value();
   auto found = tokens_.find(token_name);
   if (relay) {
-    if (!relay_field->is_string() || relay_secret_digest_.empty() ||
-        relay_field->get_ref<const std::string&>().size() > kMaxSecretLength ||
-        !SameSecret(relay_secret_digest_, SecretDigest(relay_field->get<std::string>()))) {
+    // A relay field of another type reads as an empty secret, which no server has.
+    if (relay_secret_digest_.empty() || message.relay_secret->empty() ||
+        message.relay_secret->size() > kMaxSecretLength ||
+        !SameSecret(relay_secret_digest_, SecretDigest(*message.relay_secret))) {
       LOG_INFO("connection {}: refused a relay with a wrong secret", id);
       return Refuse(id, "not a relay of this server");
     }
@@ -205,7 +166,7 @@ void SignalHub::Join(ConnectionId id, Connection& connection, const std::string&
   Token& token = found != tokens_.end() ? found->second : tokens_[token_name];
   if (found == tokens_.end()) token.hostless_since = now_;
 
-  const std::string peer = transport::RandomCrockford(kPeerIdLength);
+  const std::string peer = protocol::RandomCrockford(kPeerIdLength);
   Viewer viewer;
   viewer.connection = id;
   viewer.waiting_since = now_;
@@ -230,19 +191,11 @@ void SignalHub::Announce(Token& token, const std::string& peer) {
   if (found == viewers_.end() || !token.host) return;
   Viewer& viewer = found->second;
   if (!viewer.joined) {
-    Json joined = {{"type", "joined"}};
-    if (!token.media.empty()) joined["media"] = Json::parse(token.media);
-    router_.Deliver(viewer.connection, Dump(joined));
+    router_.Deliver(viewer.connection, protocol::MakeJoinedMessage(token.media));
     viewer.joined = true;
   }
-  Json announcement = {{"type", "peer"}, {"peer", peer}};
-  if (!viewer.identity.empty()) {
-    announcement["identity"] = viewer.identity;
-    if (!viewer.display_name.empty()) announcement["displayName"] = viewer.display_name;
-  }
-  if (!viewer.key.empty()) announcement["key"] = viewer.key;
-  if (viewer.relay) announcement["relay"] = true;
-  router_.Deliver(*token.host, Dump(announcement));
+  router_.Deliver(*token.host, protocol::MakePeerMessage(
+                                   peer, {viewer.identity, viewer.display_name, viewer.key, viewer.relay}));
 }
 
 SignalHub::Token* SignalHub::TokenOfPeerHostedBy(ConnectionId host, const std::string& peer) {
@@ -255,64 +208,55 @@ SignalHub::Token* SignalHub::TokenOfPeerHostedBy(ConnectionId host, const std::s
   return &token->second;
 }
 
-void SignalHub::Offer(ConnectionId id, const Connection&, const std::string& text) {
-  const Json message = Json::parse(text);
-  const std::string peer = StringField(message, "peer");
-  const std::string sdp = StringField(message, "sdp");
+void SignalHub::Offer(ConnectionId id, const protocol::ClientMessage& message) {
+  const std::string& peer = message.peer;
   if (TokenOfPeerHostedBy(id, peer) == nullptr) {
     LOG_DEBUG("connection {}: an offer for a peer that is not its viewer", id);
     return;
   }
-  router_.Deliver(viewers_[peer].connection, Dump({{"type", "offer"}, {"sdp", sdp}}));
+  router_.Deliver(viewers_[peer].connection, protocol::MakeOfferToViewerMessage(message.sdp));
   ++relayed_;
 }
 
-void SignalHub::Answer(const Connection& connection, const std::string& text) {
-  const Json message = Json::parse(text);
-  const std::string sdp = StringField(message, "sdp");
-  const std::string signature = StringField(message, "signature");
+void SignalHub::Answer(const Connection& connection, const protocol::ClientMessage& message) {
   // A viewer sent away (denied, its host gone) may still have frames on their way.
   if (connection.tokens.empty()) return;
   const auto token = tokens_.find(connection.tokens.front());
   if (token == tokens_.end() || !token->second.host) return;  // The host is away; lost.
-  Json answer = {{"type", "answer"}, {"peer", connection.peer}, {"sdp", sdp}};
-  if (!signature.empty() && signature.size() <= kMaxProofFieldLength) answer["signature"] = signature;
-  router_.Deliver(*token->second.host, Dump(answer));
+  // A signature beyond any a key of ours makes is not passed on.
+  const bool signed_answer = message.signature.size() <= kMaxProofFieldLength;
+  router_.Deliver(*token->second.host,
+                  protocol::MakeAnswerToHostMessage(connection.peer, message.sdp,
+                                                    signed_answer ? message.signature : std::string()));
   ++relayed_;
 }
 
-void SignalHub::Challenge(ConnectionId id, const std::string& text) {
-  const Json message = Json::parse(text);
-  const std::string peer = StringField(message, "peer");
-  const std::string challenge = StringField(message, "challenge");
+void SignalHub::Challenge(ConnectionId id, const protocol::ClientMessage& message) {
+  const std::string& challenge = message.challenge;
   if (challenge.empty() || challenge.size() > kMaxProofFieldLength) return;
-  if (TokenOfPeerHostedBy(id, peer) == nullptr) return;
-  router_.Deliver(viewers_[peer].connection, Dump({{"type", "challenge"}, {"challenge", challenge}}));
+  if (TokenOfPeerHostedBy(id, message.peer) == nullptr) return;
+  router_.Deliver(viewers_[message.peer].connection, protocol::MakeChallengeToViewerMessage(challenge));
 }
 
-void SignalHub::Proof(const Connection& connection, const std::string& text) {
-  const Json message = Json::parse(text);
-  const std::string signature = StringField(message, "signature");
+void SignalHub::Proof(const Connection& connection, const protocol::ClientMessage& message) {
+  const std::string& signature = message.signature;
   if (signature.empty() || signature.size() > kMaxProofFieldLength || connection.tokens.empty()) return;
   const auto token = tokens_.find(connection.tokens.front());
   if (token == tokens_.end() || !token->second.host) return;
-  router_.Deliver(*token->second.host,
-                  Dump({{"type", "proof"}, {"peer", connection.peer}, {"signature", signature}}));
+  router_.Deliver(*token->second.host, protocol::MakeProofToHostMessage(connection.peer, signature));
 }
 
-void SignalHub::Deny(ConnectionId id, const Connection&, const std::string& text) {
-  const Json message = Json::parse(text);
-  const std::string peer = StringField(message, "peer");
+void SignalHub::Deny(ConnectionId id, const protocol::ClientMessage& message) {
+  const std::string& peer = message.peer;
   if (TokenOfPeerHostedBy(id, peer) == nullptr) return;
   const ConnectionId viewer = viewers_[peer].connection;
-  router_.Deliver(viewer, R"({"reason":"the host said no","type":"error"})");
+  router_.Deliver(viewer, protocol::MakeErrorMessage("the host said no"));
   router_.Disconnect(viewer);
   DropViewer(peer, false);
 }
 
-void SignalHub::End(ConnectionId id, Connection& connection, const std::string& text) {
-  const Json message = Json::parse(text);
-  const std::string token_name = StringField(message, "token");
+void SignalHub::End(ConnectionId id, Connection& connection, const protocol::ClientMessage& message) {
+  const std::string& token_name = message.token;
   const auto token = tokens_.find(token_name);
   if (token == tokens_.end() || token->second.host != id) {
     LOG_DEBUG("connection {}: an end for a token it does not host", id);
@@ -332,7 +276,7 @@ void SignalHub::SendViewersAway(Token& token, std::string_view reason) {
     const auto viewer = viewers_.find(peer);
     if (viewer == viewers_.end()) continue;
     const ConnectionId connection = viewer->second.connection;
-    router_.Deliver(connection, Dump({{"type", "error"}, {"reason", reason}}));
+    router_.Deliver(connection, protocol::MakeErrorMessage(reason));
     router_.Disconnect(connection);
     DropViewer(peer, false);
   }
@@ -343,7 +287,7 @@ void SignalHub::SendRelaysAway(Token& token) {
     const auto viewer = viewers_.find(peer);
     if (viewer == viewers_.end() || !viewer->second.relay) continue;
     const ConnectionId connection = viewer->second.connection;
-    router_.Deliver(connection, R"({"reason":"not a public share","type":"error"})");
+    router_.Deliver(connection, protocol::MakeErrorMessage("not a public share"));
     router_.Disconnect(connection);
     DropViewer(peer, true);
   }
@@ -359,7 +303,7 @@ void SignalHub::DropViewer(const std::string& peer, bool tell_host) {
       auto& list = token->second.viewers;
       list.erase(std::remove(list.begin(), list.end(), peer), list.end());
       if (tell_host && token->second.host && viewer->second.joined) {
-        router_.Deliver(*token->second.host, Dump({{"type", "peer-gone"}, {"peer", peer}}));
+        router_.Deliver(*token->second.host, protocol::MakePeerGoneMessage(peer));
       }
     }
     connection->second.tokens.clear();
@@ -408,7 +352,7 @@ void SignalHub::Sweep(Clock::time_point now) {
       const Clock::time_point since = std::max(token->second.hostless_since, viewer->second.waiting_since);
       if (now - since < limits_.grace) continue;
       const ConnectionId connection = viewer->second.connection;
-      router_.Deliver(connection, R"({"reason":"the host is not there","type":"error"})");
+      router_.Deliver(connection, protocol::MakeErrorMessage("the host is not there"));
       router_.Disconnect(connection);
       DropViewer(peer, false);
     }
@@ -438,7 +382,7 @@ bool SignalHub::Allowed(Connection& connection, Clock::time_point now) {
 
 void SignalHub::Refuse(ConnectionId id, std::string_view reason) {
   LOG_DEBUG("connection {}: refused ({})", id, reason);
-  router_.Deliver(id, Dump({{"type", "error"}, {"reason", reason}}));
+  router_.Deliver(id, protocol::MakeErrorMessage(reason));
   router_.Disconnect(id);
   // Forget it now: nothing more it sends counts. Its Closed comes later and finds nothing.
   Closed(id);

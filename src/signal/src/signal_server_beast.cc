@@ -21,7 +21,7 @@
 #include "mirell/base/logging.h"
 #include "mirell/base/thread_name.h"
 #include "mirell/base/version.h"
-#include "mirell/transport/signal_endpoint.h"
+#include "mirell/protocol/signal_endpoint.h"
 #include "mirell/signal/signal_server.h"
 
 #include "mirell/signal/relay_choice.h"
@@ -230,7 +230,7 @@ class HttpSession final : public std::enable_shared_from_this<HttpSession<Stream
   void Handle(http::request<http::string_body> request) {
     const std::string_view target(request.target().data(), request.target().size());
     if (websocket::is_upgrade(request) &&
-        target.substr(0, target.find('?')) == transport::kSignalPath) {
+        target.substr(0, target.find('?')) == protocol::kSignalPath) {
       beast::get_lowest_layer(stream_).expires_never();
       std::make_shared<WebSocketSession<Stream>>(std::move(stream_), core_, std::move(*slot_))
           ->Accept(std::move(request));

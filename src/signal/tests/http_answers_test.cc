@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "mirell/transport/signal_endpoint.h"
+#include "mirell/protocol/signal_endpoint.h"
 
 namespace mirell::signal {
 namespace {
@@ -62,11 +62,11 @@ TEST(HttpAnswers, LatestAnswersJsonOnlyWhenConfigured) {
 // A viewer follows a link to a server it does not know only after this answer.
 TEST(HttpAnswers, TheSignalEndpointSaysWhatItIsToAPlainGet) {
   const auto answer = AnswerHttp("GET", "/signal", std::nullopt);
-  EXPECT_EQ(answer.status, transport::kSignalEndpointStatus);
-  EXPECT_TRUE(answer.body.starts_with(std::string(transport::kSignalEndpointMarker) + "\n"))
+  EXPECT_EQ(answer.status, protocol::kSignalEndpointStatus);
+  EXPECT_TRUE(answer.body.starts_with(std::string(protocol::kSignalEndpointMarker) + "\n"))
       << answer.body;
   for (const std::string_view path : {"/", "/s/ABCDEFGHJKMN", "/latest", "/signal/x", "/signals"}) {
-    EXPECT_EQ(AnswerHttp("GET", path, std::nullopt).body.find(transport::kSignalEndpointMarker),
+    EXPECT_EQ(AnswerHttp("GET", path, std::nullopt).body.find(protocol::kSignalEndpointMarker),
               std::string::npos)
         << path;
   }

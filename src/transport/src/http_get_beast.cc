@@ -14,6 +14,7 @@
 
 #include "mirell/base/logging.h"
 #include "mirell/transport/https_get.h"
+#include "mirell/protocol/signal_endpoint.h"
 #include "mirell/transport/signal_endpoint.h"
 #include "server_url.h"
 #include "tls_context.h"
@@ -167,8 +168,8 @@ bool AnswersAsSignalEndpoint(const std::string& signal_url, const HttpsGetLimits
   const std::optional<Reply> reply = parts->secure
                                          ? Request<true>(std::move(*parts), limits).Run()
                                          : Request<false>(std::move(*parts), limits).Run();
-  return reply && reply->status == kSignalEndpointStatus &&
-         reply->body.find(kSignalEndpointMarker) != std::string::npos;
+  return reply && reply->status == protocol::kSignalEndpointStatus &&
+         reply->body.find(protocol::kSignalEndpointMarker) != std::string::npos;
 }
 
 void KeepTlsThroughExit() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }

@@ -8,8 +8,10 @@
 #include "mirell/base/error.h"
 #include "mirell/base/logging.h"
 #include "mirell/base/thread_name.h"
+#include "mirell/protocol/client_messages.h"
+#include "mirell/protocol/server_messages.h"
 #include "mirell/transport/web_socket.h"
-#include "signal_messages.h"
+#include "reconnect_delay.h"
 
 namespace mirell::transport {
 namespace {
@@ -31,7 +33,7 @@ class Client final : public SignalClient {
   void OnRefused(std::function<void(const std::string&)> handler) override {
     Set(on_refused_, std::move(handler));
   }
-  void OnPeer(std::function<void(const std::string&, const PeerIdentity&)> handler) override {
+  void OnPeer(std::function<void(const std::string&, const protocol::PeerIdentity&)> handler) override {
     Set(on_peer_, std::move(handler));
   }
   void OnPeerGone(std::function<void(const std::string&)> handler) override {
@@ -50,24 +52,24 @@ class Client final : public SignalClient {
   void OnOffer(std::function<void(const std::string&)> handler) override {
     Set(on_offer_, std::move(handler));
   }
-  void OnMedia(std::function<void(const StreamMedia&)> handler) override {
+  void OnMedia(std::function<void(const protocol::StreamMedia&)> handler) override {
     Set(on_media_, std::move(handler));
   }
 
   bool SendOffer(const std::string& peer, const std::string& sdp) override {
-    return Send([&] { return MakeOfferMessage(peer, sdp); });
+    return Send([&] { return protocol::MakeOfferMessage(peer, sdp); });
   }
   bool SendDeny(const std::string& peer) override {
-    return Send([&] { return MakeDenyMessage(peer); });
+    return Send([&] { return protocol::MakeDenyMessage(peer); });
   }
   bool SendChallenge(const std::string& peer, const std::string& challenge) override {
-    return Send([&] { return MakeChallengeMessage(peer, challenge); });
+    return Send([&] { return protocol::MakeChallengeMessage(peer, challenge); });
   }
   bool SendAnswer(const std::string& sdp, const std::string& signature) override {
-    return Send([&] { return MakeAnswerMessage(sdp, signature); });
+    return Send([&] { return protocol::MakeAnswerMessage(sdp, signature); });
   }
   bool SendProof(const std::string& signature) override {
-    return Send([&] { return MakeProofMessage(signature); });
+    return Send([&] { return protocol::MakeProofMessage(signature); });
   }
 
   void Start() override {
@@ -86,7 +88,7 @@ class Client final : public SignalClient {
     }
     if (host_ && connected_.load() && attempt) {
       ending_.store(true);  // The server's close that follows is no reason to reconnect.
-      if (Send([&] { return MakeEndMessage(config_.token); })) {
+      if (Send([&] { return protocol::MakeEndMessage(config_.token); })) {
         std::unique_lock lock(attempt->mutex);
         if (!attempt->changed.wait_for(lock, limit, [&] { return attempt->done; })) {
           LOG_INFO("the server did not close within {} ms of the end", limit.count());
@@ -122,6 +124,7 @@ class Client final : public SignalClient {
 
   bool connected() const override { return connected_.load(); }
   std::uint64_t reconnects() const override { return reconnects_.load(); }
+  std::uint64_t malformed_messages() const override { return malformed_.load(); }
 
  private:
   template <typename Handler>
@@ -209,19 +212,21 @@ class Client final : public SignalClient {
 
   void Register(WebSocket& socket) {
     try {
-      socket.Send(host_ ? MakeHostMessage(config_) : MakeJoinMessage(config_));
+      socket.Send(host_ ? protocol::MakeHostMessage({config_.token, config_.secret, config_.media, config_.is_public})
+                        : protocol::MakeJoinMessage({config_.token, config_.identity, config_.display_name,
+                                                     config_.key, config_.relay_secret}));
     } catch (const std::exception& error) {
       LOG_WARN("register failed: {}", error.what());
     }
   }
 
   void Dispatch(const std::string& text, Attempt& attempt) {
-    // A root that is no object or a field of another type throws; the socket logs it.
-    const ServerMessage message = ParseServerMessage(text);
-    using Kind = ServerMessage::Kind;
+    const protocol::ServerMessage message = protocol::ParseServerMessage(text);
+    using Kind = protocol::ServerMessage::Kind;
     switch (message.kind) {
-      case Kind::kUnparseable:
-        LOG_WARN("unparseable server message");
+      case Kind::kMalformed:
+        malformed_.fetch_add(1);
+        LOG_WARN("malformed server message (type \"{}\")", message.type.substr(0, 32));
         return;
       case Kind::kHosting:
       case Kind::kJoined:
@@ -282,13 +287,13 @@ class Client final : public SignalClient {
   std::mutex handlers_lock_;
   std::function<void()> on_ready_;
   std::function<void(const std::string&)> on_refused_;
-  std::function<void(const std::string&, const PeerIdentity&)> on_peer_;
+  std::function<void(const std::string&, const protocol::PeerIdentity&)> on_peer_;
   std::function<void(const std::string&)> on_peer_gone_;
   std::function<void(const std::string&, const std::string&, const std::string&)> on_answer_;
   std::function<void(const std::string&, const std::string&)> on_proof_;
   std::function<void(const std::string&)> on_challenge_;
   std::function<void(const std::string&)> on_offer_;
-  std::function<void(const StreamMedia&)> on_media_;
+  std::function<void(const protocol::StreamMedia&)> on_media_;
   std::mutex socket_lock_;  // Guards socket_ and attempt_.
   std::shared_ptr<WebSocket> socket_;
   std::shared_ptr<Attempt> attempt_;
@@ -297,6 +302,7 @@ class Client final : public SignalClient {
   std::atomic<bool> running_{false};
   std::atomic<bool> connected_{false};
   std::atomic<std::uint64_t> reconnects_{0};
+  std::atomic<std::uint64_t> malformed_{0};
   std::atomic<bool> refused_{false};  // Written on the socket's thread, never reset.
   std::atomic<bool> ending_{false};   // End was called; never reset.
   std::thread thread_;

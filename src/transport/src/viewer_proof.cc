@@ -2,7 +2,7 @@
 
 #include <cctype>
 
-#include "mirell/transport/signal_client.h"
+#include "mirell/protocol/share_token.h"
 
 namespace mirell::transport {
 namespace {
@@ -29,7 +29,7 @@ std::string NormalFingerprint(std::string_view value) {
 
 }  // namespace
 
-std::string NewChallenge() { return RandomCrockford(kChallengeLength); }
+std::string NewChallenge() { return protocol::RandomCrockford(kChallengeLength); }
 
 std::string IdentityStatement(std::string_view token, std::string_view challenge) {
   std::string text = "mirell viewer identity 1\n";

@@ -8,6 +8,7 @@
 #include "mirell/base/logging.h"
 #include "mirell/testsupport/https_test_server.h"
 #include "mirell/testsupport/tcp_client.h"
+#include "mirell/protocol/signal_endpoint.h"
 #include "mirell/transport/signal_endpoint.h"
 
 namespace mirell::transport {
@@ -101,7 +102,7 @@ TEST_F(HttpsGetTest, AServerThatNeverAnswersEndsTheRequestAtTheLimit) {
 TEST_F(HttpsGetTest, OnlyTheSignalEndpointsMarkerMakesASignalEndpoint) {
   const std::string site = "wss://127.0.0.1:" + std::to_string(server_->port());
   const HttpsGetLimits limits{1500ms, 8192};
-  server_->Put("marked", std::string(kSignalEndpointMarker) + "\n");
+  server_->Put("marked", std::string(protocol::kSignalEndpointMarker) + "\n");
   EXPECT_FALSE(AnswersAsSignalEndpoint(site + "/files/marked", limits)) << "200 is no endpoint";
   EXPECT_FALSE(AnswersAsSignalEndpoint(site + "/status/426", limits)) << "426 without the marker";
   EXPECT_FALSE(AnswersAsSignalEndpoint(site + "/signal", limits)) << "404";

@@ -130,14 +130,14 @@ class ShareSession {
   struct Peer;
   // A viewer from its arrival until it is let in.
   struct Arrival {
-    transport::PeerIdentity identity;
+    protocol::PeerIdentity identity;
     std::string challenge;        // Sent to it, when it named a key.
     std::string key_fingerprint;  // Once it proved the key.
     bool other_computer = false;
     std::int64_t since = 0;       // Steady clock, ns.
   };
 
-  void OnArrival(const std::string& connection_id, const transport::PeerIdentity& identity);
+  void OnArrival(const std::string& connection_id, const protocol::PeerIdentity& identity);
   void OnProof(const std::string& connection_id, const std::string& signature);
   void OnDeparture(const std::string& connection_id);
   void OnAnswer(const std::string& connection_id, const std::string& sdp, const std::string& signature);

@@ -85,7 +85,7 @@ class Viewing {
   void Drop(const std::string& token);
 
   // For later joins and watches.
-  void SetIdentity(transport::PeerIdentity identity);
+  void SetIdentity(protocol::PeerIdentity identity);
   void SetShareIdentity(bool share);
   // This installation's key, named beside the identity and proved to each host that asks.
   void SetIdentityKey(std::shared_ptr<const transport::IdentityKey> key);
@@ -97,7 +97,7 @@ class Viewing {
 
   // The stream's audio, history and description from what a host said; zero fields take the
   // defaults (48 kHz, stereo, 128 kb/s) and a missing or bad config is derived from them.
-  static void ApplyMedia(daemon::MediaStream& stream, const transport::StreamMedia& media);
+  static void ApplyMedia(daemon::MediaStream& stream, const protocol::StreamMedia& media);
 
   // A watch that no player ever read is dropped after this long (or the grace, if longer): a
   // link resolved by something that never plays it must not keep a peer connection for ever.

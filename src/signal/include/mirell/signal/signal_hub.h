@@ -28,6 +28,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "mirell/protocol/client_messages.h"
 #include "mirell/signal/signal_router.h"
 
 namespace mirell::signal {
@@ -99,14 +100,14 @@ class SignalHub {
     Clock::time_point hostless_since;
   };
 
-  void Host(ConnectionId id, Connection& connection, const std::string& text);
-  void Join(ConnectionId id, Connection& connection, const std::string& text);
-  void Offer(ConnectionId id, const Connection& connection, const std::string& text);
-  void Answer(const Connection& connection, const std::string& text);
-  void Challenge(ConnectionId id, const std::string& text);
-  void Proof(const Connection& connection, const std::string& text);
-  void Deny(ConnectionId id, const Connection& connection, const std::string& text);
-  void End(ConnectionId id, Connection& connection, const std::string& text);
+  void Host(ConnectionId id, Connection& connection, const protocol::ClientMessage& message);
+  void Join(ConnectionId id, Connection& connection, const protocol::ClientMessage& message);
+  void Offer(ConnectionId id, const protocol::ClientMessage& message);
+  void Answer(const Connection& connection, const protocol::ClientMessage& message);
+  void Challenge(ConnectionId id, const protocol::ClientMessage& message);
+  void Proof(const Connection& connection, const protocol::ClientMessage& message);
+  void Deny(ConnectionId id, const protocol::ClientMessage& message);
+  void End(ConnectionId id, Connection& connection, const protocol::ClientMessage& message);
   // Tells each of the token's viewers `reason` and closes them.
   void SendViewersAway(Token& token, std::string_view reason);
   // Its relays, when it is no longer public; the host hears them gone.

@@ -2,20 +2,7 @@
 // registers its token and learns of viewers; a viewer joins a token. Session descriptions pass
 // through it as JSON text frames; it carries no media and never reads an SDP.
 //
-// The protocol, one JSON object per text frame, selected by "type":
-//   client -> server  "host" {token, secret, media?, public?}   "end" {token}
-//                     "join" {token, identity?, displayName?, key?, relay?}
-//                     "offer" {peer, sdp}  "deny" {peer}  "challenge" {peer, challenge}
-//                     "proof" {signature}  "answer" {sdp, signature?}
-//   server -> client  "hosting"  "joined" {media?}  "peer" {peer, identity, displayName, key, relay?}
-//                     "peer-gone" {peer}  "offer" {sdp}  "challenge" {challenge}
-//                     "proof" {peer, signature}  "answer" {peer, sdp, signature}
-//                     "error" {reason}
-// A viewer that names a key proves it when its host challenges it (see viewer_proof.h); the
-// server only passes these on.
-// A public share ("public": true) lets everyone in; only into one may a relay join, naming the
-// secret its operator gave it and the server; the server tells the host that the peer is a relay.
-// Unknown keys are ignored; a binary frame is dropped.
+// The protocol's messages are described in mirell/protocol/message_names.h.
 //
 // Each client runs a thread of its own that opens the socket, registers on every open, and
 // reopens it when it falls: at once after a registered socket, else after 500 ms more each time,
@@ -29,34 +16,9 @@
 #include <optional>
 #include <string>
 
+#include "mirell/protocol/stream_media.h"
+
 namespace mirell::transport {
-
-// What a host advertises and what a viewer is told in "joined". 0 or empty: not said.
-struct StreamMedia {
-  std::uint32_t width = 0;
-  std::uint32_t height = 0;
-  std::uint32_t fps = 0;
-  std::uint32_t video_kbps = 0;
-  std::uint32_t sample_rate = 0;
-  std::uint32_t channels = 0;
-  std::uint32_t audio_kbps = 0;
-  std::string audio_config;  // Lower-case hexadecimal AudioSpecificConfig.
-};
-
-// Who a viewer says they are; all may be empty. The key is only named here, not yet proved.
-struct PeerIdentity {
-  std::string identity;
-  std::string display_name;
-  std::string key;  // The viewer's public key (identity_key.h).
-  // Said by the server, not the viewer: the peer is its operator's relay, which serves the share
-  // to players without Mirell.
-  bool relay = false;
-};
-
-struct ShareCredentials {
-  std::string token;   // 12 characters of the alphabet below.
-  std::string secret;  // 32 characters; never logged.
-};
 
 struct SignalConfig {
   std::string url;  // "ws://" or "wss://" URL of the signal server.
@@ -67,7 +29,7 @@ struct SignalConfig {
   std::string key;           // Viewer only: its public key, which it will prove when asked.
   bool is_public = false;    // Host only: anyone with the link may watch, a relay too.
   std::string relay_secret;  // Viewer only: joins as the server's relay (public shares only).
-  std::optional<StreamMedia> media;  // Host only.
+  std::optional<protocol::StreamMedia> media;  // Host only.
   // A server silent this long (a ping goes out at half of it) is taken as gone, and the client
   // reconnects. Zero: never.
   std::chrono::milliseconds idle_limit{30'000};
@@ -86,7 +48,7 @@ class SignalClient {
   virtual void OnRefused(std::function<void(const std::string& reason)> handler) = 0;
   // Host: a viewer arrived. An identity-less viewer has an empty display name too.
   virtual void OnPeer(
-      std::function<void(const std::string& peer, const PeerIdentity& identity)> handler) = 0;
+      std::function<void(const std::string& peer, const protocol::PeerIdentity& identity)> handler) = 0;
   // Host: a viewer left.
   virtual void OnPeerGone(std::function<void(const std::string& peer)> handler) = 0;
   // Host: a viewer's answer, and its signature ("" when it sent none).
@@ -102,7 +64,7 @@ class SignalClient {
   virtual bool SendDeny(const std::string& peer) = 0;
   virtual bool SendChallenge(const std::string& peer, const std::string& challenge) = 0;
   // Viewer: the host's media, told before OnReady.
-  virtual void OnMedia(std::function<void(const StreamMedia& media)> handler) = 0;
+  virtual void OnMedia(std::function<void(const protocol::StreamMedia& media)> handler) = 0;
   // Viewer: the host's offer.
   virtual void OnOffer(std::function<void(const std::string& sdp)> handler) = 0;
   // Viewer: the host asks it to prove its key.
@@ -124,16 +86,13 @@ class SignalClient {
   virtual bool connected() const = 0;
   // How many connection attempts have ended.
   virtual std::uint64_t reconnects() const = 0;
+  // How many text frames from the server were no message of the protocol (dropped; the socket
+  // stays open).
+  virtual std::uint64_t malformed_messages() const = 0;
 };
 
 // Fail a check when the token (or, for a host, the secret) is empty.
 std::unique_ptr<SignalClient> CreateHostSignalClient(const SignalConfig& config);
 std::unique_ptr<SignalClient> CreateViewerSignalClient(const SignalConfig& config);
-
-// `length` characters of "0123456789ABCDEFGHJKMNPQRSTVWXYZ" from the system's CSPRNG; fails a
-// check when the system cannot give random bytes.
-std::string RandomCrockford(std::size_t length);
-// A fresh token (12 characters, 60 bits) and secret (32 characters, 160 bits).
-ShareCredentials GenerateShareCredentials();
 
 }  // namespace mirell::transport

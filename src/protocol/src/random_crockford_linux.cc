@@ -6,10 +6,9 @@
 #include <vector>
 
 #include "mirell/base/error.h"
-#include "mirell/transport/share_token.h"
-#include "mirell/transport/signal_client.h"
+#include "mirell/protocol/share_token.h"
 
-namespace mirell::transport {
+namespace mirell::protocol {
 
 std::string RandomCrockford(std::size_t length) {
   std::vector<unsigned char> bytes(length);
@@ -29,4 +28,4 @@ ShareCredentials GenerateShareCredentials() {
   return {RandomCrockford(kTokenLength), RandomCrockford(kSecretLength)};
 }
 
-}  // namespace mirell::transport
+}  // namespace mirell::protocol

@@ -2,9 +2,9 @@
 
 #include <set>
 
-#include "mirell/transport/signal_client.h"
+#include "mirell/protocol/share_token.h"
 
-namespace mirell::transport {
+namespace mirell::protocol {
 namespace {
 
 TEST(RandomCrockford, LengthAndAlphabet) {
@@ -31,4 +31,4 @@ TEST(ShareCredentials, TwelveAndThirtyTwoCharacters) {
 }
 
 }  // namespace
-}  // namespace mirell::transport
+}  // namespace mirell::protocol
