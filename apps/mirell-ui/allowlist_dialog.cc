@@ -11,7 +11,7 @@
 
 namespace mirell::ui {
 
-AllowlistDialog::AllowlistDialog(std::vector<AllowlistEntry> entries, QWidget* parent)
+AllowlistDialog::AllowlistDialog(std::vector<settings::AllowlistEntry> entries, QWidget* parent)
     : QDialog(parent), entries_(std::move(entries)) {
   setWindowTitle(tr("Who can watch without being asked"));
   setMinimumWidth(620);
@@ -69,7 +69,7 @@ AllowlistDialog::AllowlistDialog(std::vector<AllowlistEntry> entries, QWidget* p
 void AllowlistDialog::Add() {
   const std::string id = id_edit_->text().trimmed().toStdString();
   const std::string name = name_edit_->text().trimmed().toStdString();
-  if (!AddToAllowlist(entries_, id, name)) {
+  if (!settings::AddToAllowlist(entries_, id, name)) {
     // The text stays, so that it can be corrected.
     id_edit_->setStyleSheet("QLineEdit { border: 1px solid red; }");
     id_edit_->setToolTip(
@@ -99,7 +99,7 @@ void AllowlistDialog::SelectionChanged() {
 
 void AllowlistDialog::Rebuild() {
   list_->clear();
-  for (const AllowlistEntry& entry : entries_) {
+  for (const settings::AllowlistEntry& entry : entries_) {
     const QString id = QString::fromStdString(entry.user_id);
     list_->addItem(entry.name.empty() ? id : QString::fromStdString(entry.name) + " (" + id + ")");
   }

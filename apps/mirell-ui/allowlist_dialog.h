@@ -5,7 +5,7 @@
 #include <QDialog>
 #include <vector>
 
-#include "mirell/ui/allowlist.h"
+#include "mirell/settings/allowlist.h"
 
 class QLineEdit;
 class QListWidget;
@@ -17,10 +17,10 @@ class AllowlistDialog : public QDialog {
   Q_OBJECT
 
  public:
-  explicit AllowlistDialog(std::vector<AllowlistEntry> entries, QWidget* parent = nullptr);
+  explicit AllowlistDialog(std::vector<settings::AllowlistEntry> entries, QWidget* parent = nullptr);
 
   // The list after it was accepted.
-  const std::vector<AllowlistEntry>& entries() const { return entries_; }
+  const std::vector<settings::AllowlistEntry>& entries() const { return entries_; }
 
  private slots:
   void Add();
@@ -30,7 +30,7 @@ class AllowlistDialog : public QDialog {
  private:
   void Rebuild();
 
-  std::vector<AllowlistEntry> entries_;
+  std::vector<settings::AllowlistEntry> entries_;
   QListWidget* list_ = nullptr;
   QLineEdit* id_edit_ = nullptr;
   QLineEdit* name_edit_ = nullptr;

@@ -32,10 +32,10 @@
 #include "mirell/daemon/winsock.h"
 #include "mirell/encode/media_runtime.h"
 #include "mirell/transport/https_get.h"
-#include "mirell/ui/allowlist.h"
-#include "mirell/ui/identity_key_store.h"
-#include "mirell/ui/network_settings.h"
-#include "mirell/ui/quality.h"
+#include "mirell/settings/allowlist.h"
+#include "mirell/settings/identity_key_store.h"
+#include "mirell/settings/network_settings.h"
+#include "mirell/settings/quality.h"
 #include "options.h"
 #include "quality_dialog.h"
 #include "quit_on_signal.h"
@@ -167,12 +167,12 @@ int main(int argc, char** argv) {
   // Locals are destroyed in reverse order of construction, which is the shutdown order: the host,
   // the update URL and the configuration, the media runtime, the socket runtime, Qt.
   DaemonConfig config;
-  ApplyQuality(config, ShareQualityOf(LoadQualitySettings()));
+  ApplyQuality(config, ShareQualityOf(settings::LoadQualitySettings()));
   LOG_INFO("quality {}x{}@{} v={}kbps a={}kbps/{}", config.width, config.height, config.fps,
            config.video_kbps, config.audio_kbps, config.mono ? "mono" : "stereo");
   // The command line beats the stored settings.
   ApplyServiceOptions(line, config);
-  NetworkSettings network = LoadNetworkSettings();
+  settings::NetworkSettings network = settings::LoadNetworkSettings();
   if (!line.signal_url) {
     std::string place = network.meeting;
     if (!place.empty() && !MeetingPlaceError(place).empty()) {
@@ -184,7 +184,7 @@ int main(int argc, char** argv) {
       place = AskMeetingPlace();
       if (!place.empty()) {
         network.meeting = place;
-        SaveNetworkSettings(network);
+        settings::SaveNetworkSettings(network);
       }
     }
     if (!place.empty()) ApplyMeetingPlace(config, place);
@@ -202,17 +202,17 @@ int main(int argc, char** argv) {
   }
   const std::string update_url = line.update_url ? *line.update_url : DeriveUpdateUrl(config.signal_url);
   LOG_DEBUG("update check {}", update_url.empty() ? "off" : update_url);
-  config.ice_servers = BuildIceServers(network);
+  config.ice_servers = settings::BuildIceServers(network);
   config.ice_policy = 0;
   LOG_INFO("STUN {}, relay {}", network.stun == "custom" ? network.custom_stun : network.stun,
            network.turn_url.empty() ? "none" : network.turn_url);
-  config.allowlist = SessionAllowlistOf(LoadAllowlist());
+  config.allowlist = SessionAllowlistOf(settings::LoadAllowlist());
   // For this run only: nothing is stored, and nothing is proved: whoever names the id gets in.
   config.allow_by_claim = share.allow;
   for (const std::string& user_id : share.allow) {
     LOG_INFO("let in without asking, by claimed id only: {}", user_id);
   }
-  config.identity_key = LoadIdentityKey();
+  config.identity_key = settings::LoadIdentityKey();
   LOG_INFO("identity key {}", transport::KeyFingerprint(config.identity_key->PublicText()));
   if (share.minutes) {
     config.share_lifetime_minutes = *share.minutes;

@@ -356,25 +356,25 @@ void MainWindow::CopyShareUrl() {
 }
 
 void MainWindow::EditQuality() {
-  QualityDialog dialog(LoadQualitySettings(), host_->sharing().active(), this);
+  QualityDialog dialog(settings::LoadQualitySettings(), host_->sharing().active(), this);
   if (dialog.exec() != QDialog::Accepted) return;
-  const QualitySettings& chosen = dialog.settings();
-  SaveQualitySettings(chosen);
+  const settings::QualitySettings& chosen = dialog.settings();
+  settings::SaveQualitySettings(chosen);
   host_->SetQuality(ShareQualityOf(chosen));
   Refresh();
 }
 
 void MainWindow::EditNetwork() {
-  NetworkDialog dialog(LoadNetworkSettings(), this);
+  NetworkDialog dialog(settings::LoadNetworkSettings(), this);
   if (dialog.exec() != QDialog::Accepted) return;
-  SaveNetworkSettings(dialog.settings());
-  host_->SetIceServers(BuildIceServers(dialog.settings()), 0);
+  settings::SaveNetworkSettings(dialog.settings());
+  host_->SetIceServers(settings::BuildIceServers(dialog.settings()), 0);
 }
 
 void MainWindow::EditAllowlist() {
-  AllowlistDialog dialog(LoadAllowlist(), this);
+  AllowlistDialog dialog(settings::LoadAllowlist(), this);
   if (dialog.exec() != QDialog::Accepted) return;
-  SaveAllowlist(dialog.entries());
+  settings::SaveAllowlist(dialog.entries());
   host_->SetAllowlist(SessionAllowlistOf(dialog.entries()));
 }
 
@@ -444,21 +444,21 @@ void MainWindow::Answer(const QString& connection_id, const QString& user_id,
   }
   sharing.Admit(connection_id.toStdString());
   if (!user_id.isEmpty() && !key_fingerprint.isEmpty()) {
-    std::vector<AllowlistEntry> entries = LoadAllowlist();
+    std::vector<settings::AllowlistEntry> entries = settings::LoadAllowlist();
     bool changed = false;
     if (answer.remember) {
-      changed = AddToAllowlist(entries, user_id.toStdString(), display_name.toStdString(),
+      changed = settings::AddToAllowlist(entries, user_id.toStdString(), display_name.toStdString(),
                                key_fingerprint.toStdString());
     } else {
       // An entry from before keys were checked takes the key of the first visit let in.
-      const auto entry = std::find_if(entries.begin(), entries.end(), [&](const AllowlistEntry& listed) {
+      const auto entry = std::find_if(entries.begin(), entries.end(), [&](const settings::AllowlistEntry& listed) {
         return listed.user_id == user_id.toStdString();
       });
       changed = entry != entries.end() && entry->key_fingerprints.empty() &&
-                AddKeyToAllowlist(entries, user_id.toStdString(), key_fingerprint.toStdString());
+                settings::AddKeyToAllowlist(entries, user_id.toStdString(), key_fingerprint.toStdString());
     }
     if (changed) {
-      SaveAllowlist(entries);
+      settings::SaveAllowlist(entries);
       host_->SetAllowlist(SessionAllowlistOf(entries));
     }
   }

@@ -23,7 +23,7 @@ QLabel* WrappedLabel(const QString& text, QWidget* parent) {
 
 }  // namespace
 
-NetworkDialog::NetworkDialog(NetworkSettings current, QWidget* parent)
+NetworkDialog::NetworkDialog(settings::NetworkSettings current, QWidget* parent)
     : QDialog(parent), settings_(std::move(current)) {
   setWindowTitle(tr("Network"));
   setMinimumWidth(560);

@@ -5,7 +5,7 @@
 
 #include <QDialog>
 
-#include "mirell/ui/network_settings.h"
+#include "mirell/settings/network_settings.h"
 
 class QComboBox;
 class QLabel;
@@ -19,10 +19,10 @@ class NetworkDialog : public QDialog {
   Q_OBJECT
 
  public:
-  NetworkDialog(NetworkSettings current, QWidget* parent = nullptr);
+  NetworkDialog(settings::NetworkSettings current, QWidget* parent = nullptr);
 
   // The chosen values, after Accept.
-  const NetworkSettings& settings() const { return settings_; }
+  const settings::NetworkSettings& settings() const { return settings_; }
   MeetingPlaceChooser* meeting_chooser() const { return meeting_chooser_; }
 
  private slots:
@@ -30,7 +30,7 @@ class NetworkDialog : public QDialog {
   void Accept();
 
  private:
-  NetworkSettings settings_;
+  settings::NetworkSettings settings_;
   MeetingPlaceChooser* meeting_chooser_ = nullptr;
   QComboBox* stun_combo_ = nullptr;
   QLabel* stun_note_ = nullptr;

@@ -46,7 +46,7 @@ QString BitrateText(std::uint32_t kbps) {
   return QCoreApplication::translate(context, "%1 Mbit/s").arg(number);
 }
 
-QualityDialog::QualityDialog(QualitySettings current, bool sharing, QWidget* parent)
+QualityDialog::QualityDialog(settings::QualitySettings current, bool sharing, QWidget* parent)
     : QDialog(parent), settings_(current) {
   setWindowTitle(tr("Quality"));
   setMinimumWidth(460);
@@ -58,7 +58,7 @@ QualityDialog::QualityDialog(QualitySettings current, bool sharing, QWidget* par
 
   auto* form = new QFormLayout;
   size_combo_ = new QComboBox(this);
-  for (const SizePreset& size : SizePresets()) {
+  for (const settings::SizePreset& size : settings::SizePresets()) {
     size_combo_->addItem(QString::fromStdString(size.text),
                          QPoint(static_cast<int>(size.width), static_cast<int>(size.height)));
   }
@@ -66,13 +66,13 @@ QualityDialog::QualityDialog(QualitySettings current, bool sharing, QWidget* par
                  QPoint(static_cast<int>(settings_.width), static_cast<int>(settings_.height)),
                  tr("%1 x %2").arg(settings_.width).arg(settings_.height));
   fps_combo_ = new QComboBox(this);
-  for (const std::uint32_t fps : FpsPresets()) fps_combo_->addItem(tr("%1 per second").arg(fps), fps);
+  for (const std::uint32_t fps : settings::FpsPresets()) fps_combo_->addItem(tr("%1 per second").arg(fps), fps);
   SelectOrAppend(*fps_combo_, settings_.fps, tr("%1 per second").arg(settings_.fps));
   video_combo_ = new QComboBox(this);
-  for (const std::uint32_t kbps : VideoKbpsPresets()) video_combo_->addItem(BitrateText(kbps), kbps);
+  for (const std::uint32_t kbps : settings::VideoKbpsPresets()) video_combo_->addItem(BitrateText(kbps), kbps);
   SelectOrAppend(*video_combo_, settings_.video_kbps, BitrateText(settings_.video_kbps));
   audio_combo_ = new QComboBox(this);
-  for (const std::uint32_t kbps : AudioKbpsPresets()) audio_combo_->addItem(BitrateText(kbps), kbps);
+  for (const std::uint32_t kbps : settings::AudioKbpsPresets()) audio_combo_->addItem(BitrateText(kbps), kbps);
   // Snapped to a preset when it was loaded, so it is always found.
   audio_combo_->setCurrentIndex(std::max(0, audio_combo_->findData(settings_.audio_kbps)));
   mono_check_ = new QCheckBox(tr("Mix the sound down to mono"), this);
@@ -125,7 +125,7 @@ void QualityDialog::Accept() {
   QDialog::accept();
 }
 
-session::ShareQuality ShareQualityOf(const QualitySettings& settings) {
+session::ShareQuality ShareQualityOf(const settings::QualitySettings& settings) {
   return {settings.width,      settings.height,     settings.fps,
           settings.video_kbps, settings.audio_kbps, settings.mono};
 }

@@ -6,7 +6,7 @@
 #include <QString>
 
 #include "mirell/session/sharing.h"
-#include "mirell/ui/quality.h"
+#include "mirell/settings/quality.h"
 
 class QCheckBox;
 class QComboBox;
@@ -18,17 +18,17 @@ class QualityDialog : public QDialog {
   Q_OBJECT
 
  public:
-  QualityDialog(QualitySettings current, bool sharing, QWidget* parent = nullptr);
+  QualityDialog(settings::QualitySettings current, bool sharing, QWidget* parent = nullptr);
 
   // The chosen values, after Accept.
-  const QualitySettings& settings() const { return settings_; }
+  const settings::QualitySettings& settings() const { return settings_; }
 
  private slots:
   void Recalculate();
   void Accept();
 
  private:
-  QualitySettings settings_;
+  settings::QualitySettings settings_;
   QComboBox* size_combo_ = nullptr;
   QComboBox* fps_combo_ = nullptr;
   QComboBox* video_combo_ = nullptr;
@@ -38,7 +38,7 @@ class QualityDialog : public QDialog {
 };
 
 // The stored settings as a share takes them.
-session::ShareQuality ShareQualityOf(const QualitySettings& settings);
+session::ShareQuality ShareQualityOf(const settings::QualitySettings& settings);
 
 // "900 kbit/s", "1.5 Mbit/s", "6 Mbit/s", "16 Mbit/s": two significant digits.
 QString BitrateText(std::uint32_t kbps);

@@ -4,9 +4,9 @@
 
 namespace mirell::ui {
 
-session::Allowlist SessionAllowlistOf(const std::vector<AllowlistEntry>& entries) {
+session::Allowlist SessionAllowlistOf(const std::vector<settings::AllowlistEntry>& entries) {
   session::Allowlist allowlist;
-  for (const AllowlistEntry& entry : entries) {
+  for (const settings::AllowlistEntry& entry : entries) {
     const auto [at, added] = allowlist.try_emplace(entry.user_id);
     if (added) at->second.name = entry.name;
     auto& keys = at->second.key_fingerprints;

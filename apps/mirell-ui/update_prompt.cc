@@ -28,15 +28,15 @@ struct UpdateCheck::Target {
 namespace {
 
 // The thread's whole work: the answer, when it is worth a prompt.
-std::optional<UpdateInfo> AskForUpdate(const std::string& current, const std::string& url,
+std::optional<settings::UpdateInfo> AskForUpdate(const std::string& current, const std::string& url,
                                        const std::string& skipped) {
   const std::optional<std::string> body = transport::HttpsGet(url);
   if (!body) {
     LOG_DEBUG("no answer");
     return std::nullopt;
   }
-  std::optional<UpdateInfo> info = ParseUpdateInfo(*body);
-  if (!info || !ShouldPrompt(current, *info, skipped)) return std::nullopt;
+  std::optional<settings::UpdateInfo> info = settings::ParseUpdateInfo(*body);
+  if (!info || !settings::ShouldPrompt(current, *info, skipped)) return std::nullopt;
   LOG_INFO("{} is available", info->version);
   return info;
 }
@@ -53,9 +53,9 @@ UpdateCheck::UpdateCheck(QMainWindow* window, const QString& current_version, co
   // The skipped version is read here, so that past this point the thread touches nothing of Qt
   // unless the window still stands: it may outlive QApplication.
   std::thread([target = target_, current = current_version.toStdString(),
-               address = url.toStdString(), skipped = LoadSkippedVersion()] {
+               address = url.toStdString(), skipped = settings::LoadSkippedVersion()] {
     NameThisThread("update-check");
-    if (const std::optional<UpdateInfo> info = AskForUpdate(current, address, skipped)) {
+    if (const std::optional<settings::UpdateInfo> info = AskForUpdate(current, address, skipped)) {
       std::lock_guard hold(target->mutex);
       if (QMainWindow* shown_on = target->window.data()) {
         QMetaObject::invokeMethod(
@@ -77,7 +77,7 @@ UpdateCheck::~UpdateCheck() {
   target_->window = nullptr;
 }
 
-void ShowUpdatePrompt(QWidget* parent, const UpdateInfo& info, const QString& current_version) {
+void ShowUpdatePrompt(QWidget* parent, const settings::UpdateInfo& info, const QString& current_version) {
   QMessageBox box(parent);
   box.setWindowTitle(QObject::tr("Update available"));
   box.setIcon(QMessageBox::Information);
@@ -88,7 +88,7 @@ void ShowUpdatePrompt(QWidget* parent, const UpdateInfo& info, const QString& cu
   QPushButton* get = box.addButton(QObject::tr("Get it"), QMessageBox::AcceptRole);
   box.addButton(QObject::tr("Not now"), QMessageBox::RejectRole);
   box.exec();
-  if (skip->isChecked()) SaveSkippedVersion(info.version);
+  if (skip->isChecked()) settings::SaveSkippedVersion(info.version);
   if (box.clickedButton() == get) QDesktopServices::openUrl(QUrl(QString::fromStdString(info.url)));
 }
 

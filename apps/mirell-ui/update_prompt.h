@@ -7,7 +7,7 @@
 #include <atomic>
 #include <memory>
 
-#include "mirell/ui/update_check.h"
+#include "mirell/settings/update_check.h"
 
 class QMainWindow;
 class QWidget;
@@ -35,6 +35,6 @@ class UpdateCheck {
 
 // "Update available", modal on `parent`: remembers the version as skipped when the box is
 // ticked, whichever button, and opens `info.url` on "Get it".
-void ShowUpdatePrompt(QWidget* parent, const UpdateInfo& info, const QString& current_version);
+void ShowUpdatePrompt(QWidget* parent, const settings::UpdateInfo& info, const QString& current_version);
 
 }  // namespace mirell::ui

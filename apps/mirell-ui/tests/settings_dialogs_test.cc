@@ -69,7 +69,7 @@ void Save(QDialog& dialog) {
 
 TEST(NetworkDialogTest, TheChoicesTheirNotesAndTheWordsAboutWhoLearnsWhat) {
   TestApplication();
-  NetworkDialog dialog(NetworkSettings{});
+  NetworkDialog dialog(settings::NetworkSettings{});
   EXPECT_EQ(dialog.windowTitle(), "Network");
   EXPECT_EQ(dialog.minimumWidth(), 560);
   const DialogParts parts = PartsOf(dialog);
@@ -112,17 +112,17 @@ TEST(NetworkDialogTest, TheChoicesTheirNotesAndTheWordsAboutWhoLearnsWhat) {
 
 TEST(NetworkDialogTest, TheStoredChoiceIsSelectedAndAnUnknownOneShowsTheFirst) {
   TestApplication();
-  NetworkDialog none(NetworkSettings{"", "none", "", "", "", ""});
+  NetworkDialog none(settings::NetworkSettings{"", "none", "", "", "", ""});
   EXPECT_EQ(PartsOf(none).combo->currentData().toString(), "none");
   EXPECT_EQ(LabelStartingWith(none, "Contacts nothing"),
             "Contacts nothing. Works on a LAN, won't connect between two homes.");
-  NetworkDialog unknown(NetworkSettings{"", "opendns", "", "", "", ""});
+  NetworkDialog unknown(settings::NetworkSettings{"", "opendns", "", "", "", ""});
   EXPECT_EQ(PartsOf(unknown).combo->currentIndex(), 0);
 }
 
 TEST(NetworkDialogTest, LeavingCustomDisablesTheAddressButKeepsAndSavesIt) {
   TestApplication();
-  NetworkDialog dialog(NetworkSettings{"", "custom", "stun:mine.example:3478", "", "", ""});
+  NetworkDialog dialog(settings::NetworkSettings{"", "custom", "stun:mine.example:3478", "", "", ""});
   const DialogParts parts = PartsOf(dialog);
   EXPECT_TRUE(parts.custom->isEnabled());
   EXPECT_EQ(parts.custom->text(), "stun:mine.example:3478");
@@ -137,7 +137,7 @@ TEST(NetworkDialogTest, LeavingCustomDisablesTheAddressButKeepsAndSavesIt) {
 
 TEST(NetworkDialogTest, AddressesAreTrimmedButNameAndPasswordKeepTheirBlanks) {
   TestApplication();
-  NetworkDialog dialog(NetworkSettings{});
+  NetworkDialog dialog(settings::NetworkSettings{});
   const DialogParts parts = PartsOf(dialog);
   parts.combo->setCurrentIndex(parts.combo->findData("custom"));
   parts.custom->setText("  stun:mine.example:3478 ");
@@ -150,7 +150,7 @@ TEST(NetworkDialogTest, AddressesAreTrimmedButNameAndPasswordKeepTheirBlanks) {
   user->setText(" bob");
   parts.password->setText("secret ");
   Save(dialog);
-  const NetworkSettings& chosen = dialog.settings();
+  const settings::NetworkSettings& chosen = dialog.settings();
   EXPECT_EQ(chosen.stun, "custom");
   EXPECT_EQ(chosen.custom_stun, "stun:mine.example:3478");
   EXPECT_EQ(chosen.turn_url, "turn:relay.example:3478");
@@ -160,10 +160,10 @@ TEST(NetworkDialogTest, AddressesAreTrimmedButNameAndPasswordKeepTheirBlanks) {
 
 TEST(NetworkDialogTest, AStoredPasswordIsShownHiddenAndAnEmptyOneAsAnEmptyField) {
   TestApplication();
-  NetworkDialog with(NetworkSettings{"", "none", "", "turn:r.example", "bob", "hunter2"});
+  NetworkDialog with(settings::NetworkSettings{"", "none", "", "turn:r.example", "bob", "hunter2"});
   EXPECT_EQ(PartsOf(with).password->text(), "hunter2");
   EXPECT_EQ(PartsOf(with).password->echoMode(), QLineEdit::Password);
-  NetworkDialog without(NetworkSettings{"", "none", "", "turn:r.example", "bob", ""});
+  NetworkDialog without(settings::NetworkSettings{"", "none", "", "turn:r.example", "bob", ""});
   EXPECT_TRUE(PartsOf(without).password->text().isEmpty());
 }
 
@@ -223,7 +223,7 @@ TEST(MeetingPlaceTest, PuttingItOffChoosesNothing) {
 
 TEST(MeetingPlaceTest, NetworkShowsTheStoredPlaceAndSavesTheOneChosen) {
   TestApplication();
-  NetworkSettings local_port;
+  settings::NetworkSettings local_port;
   local_port.meeting = "local:9443";
   NetworkDialog kept(local_port);
   EXPECT_TRUE(kept.meeting_chooser()->local_button()->isChecked());
@@ -231,7 +231,7 @@ TEST(MeetingPlaceTest, NetworkShowsTheStoredPlaceAndSavesTheOneChosen) {
   Save(kept);
   EXPECT_EQ(kept.settings().meeting, "local:9443");
 
-  NetworkSettings server;
+  settings::NetworkSettings server;
   server.meeting = "wss://a.example/signal";
   NetworkDialog changed(server);
   EXPECT_TRUE(changed.meeting_chooser()->server_button()->isChecked());
@@ -281,8 +281,8 @@ TEST_F(UpdatePromptTest, TickingTheBoxAndGetItOpensTheSiteAndSkipsThisVersion) {
   EXPECT_EQ(text, "Mirell 0.2 is out. You have 0.1.3.");
   ASSERT_EQ(catcher_.opened.size(), 1);
   EXPECT_EQ(catcher_.opened[0], QUrl("https://mirell.example/get"));
-  EXPECT_EQ(LoadSkippedVersion(), "0.2");
-  EXPECT_FALSE(ShouldPrompt("0.1.3", {"0.2", "https://mirell.example/get"}, LoadSkippedVersion()));
+  EXPECT_EQ(settings::LoadSkippedVersion(), "0.2");
+  EXPECT_FALSE(settings::ShouldPrompt("0.1.3", {"0.2", "https://mirell.example/get"}, settings::LoadSkippedVersion()));
 }
 
 TEST_F(UpdatePromptTest, NotNowWithTheBoxTickedSkipsWithoutOpening) {
@@ -293,14 +293,14 @@ TEST_F(UpdatePromptTest, NotNowWithTheBoxTickedSkipsWithoutOpening) {
   });
   ShowUpdatePrompt(nullptr, {"0.3", "https://mirell.example/get"}, "0.1.3");
   EXPECT_TRUE(catcher_.opened.isEmpty());
-  EXPECT_EQ(LoadSkippedVersion(), "0.3");
+  EXPECT_EQ(settings::LoadSkippedVersion(), "0.3");
 }
 
 TEST_F(UpdatePromptTest, NotNowAloneChangesNothing) {
   WhenModalOpens([](QWidget& modal) { ButtonNamed(modal, "Not now")->click(); });
   ShowUpdatePrompt(nullptr, {"0.3", "https://mirell.example/get"}, "0.1.3");
   EXPECT_TRUE(catcher_.opened.isEmpty());
-  EXPECT_EQ(LoadSkippedVersion(), "");
+  EXPECT_EQ(settings::LoadSkippedVersion(), "");
 }
 
 // The whole check against a server: a prompt shows on the window exactly when it should.
@@ -364,7 +364,7 @@ TEST_F(UpdateCheckTest, TheSameOrAnOlderVersionDoesNot) {
 }
 
 TEST_F(UpdateCheckTest, ASkippedVersionDoesNotButAnotherSpellingDoes) {
-  SaveSkippedVersion("0.2.0");
+  settings::SaveSkippedVersion("0.2.0");
   EXPECT_FALSE(Prompted(Offer("skipped", R"({"version":"0.2.0","url":"https://mirell.example/"})")));
   EXPECT_TRUE(Prompted(Offer("spelled", R"({"version":"0.2","url":"https://mirell.example/"})")));
 }

@@ -379,7 +379,7 @@ TEST(SessionAllowlist, DuplicateIdsKeepTheFirstNameAndEveryKey) {
 
 TEST(AllowlistDialogTest, AWrongIdIsFramedRedAndKeptAndARightOneIsListed) {
   TestApplication();
-  AllowlistDialog dialog(std::vector<AllowlistEntry>{{"4KxR2TmqZa", "", {}}});
+  AllowlistDialog dialog(std::vector<settings::AllowlistEntry>{{"4KxR2TmqZa", "", {}}});
   dialog.show();
   EXPECT_EQ(dialog.windowTitle(), "Who can watch without being asked");
   auto* list = dialog.findChild<QListWidget*>();
@@ -444,7 +444,7 @@ TEST(QualityDialogTest, TheStoredSettingsReachAShareFieldByField) {
 
 TEST(QualityDialogTest, TheDefaultsEstimateAboutSixMegabitsAViewer) {
   TestApplication();
-  QualityDialog dialog(QualitySettings{}, false);
+  QualityDialog dialog(settings::QualitySettings{}, false);
   dialog.show();
   EXPECT_EQ(dialog.windowTitle(), "Quality");
   EXPECT_EQ(LabelStartingWith(dialog, "About "),
@@ -464,7 +464,7 @@ TEST(QualityDialogTest, TheDefaultsEstimateAboutSixMegabitsAViewer) {
 
 TEST(QualityDialogTest, HandSetValuesSurviveAsExtraChoicesAndOkReturnsTheChoice) {
   TestApplication();
-  QualityDialog dialog(QualitySettings{1366, 768, 25, 7000, 96, true}, true);
+  QualityDialog dialog(settings::QualitySettings{1366, 768, 25, 7000, 96, true}, true);
   dialog.show();
   const QList<QComboBox*> combos = dialog.findChildren<QComboBox*>();
   ASSERT_EQ(combos.size(), 4);
@@ -512,14 +512,14 @@ TEST_F(MainWindowTest, TheVRChatAccountOfItsLogIsShownWithTheLogsName) {
 
 TEST_F(MainWindowTest, LettingSomeoneInForGoodStoresThemWithTheirComputersKey) {
   MainWindow window(host_.get());
-  SaveAllowlist({});
+  settings::SaveAllowlist({});
   WhenModalOpens([](QWidget& modal) {
     dynamic_cast<QMessageBox&>(modal).checkBox()->setChecked(true);
     ButtonNamed(modal, "Let them watch")->click();
   });
   window.PromptAdmission("conn-1", "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413", "Ann", "SHA256:ann");
   ASSERT_TRUE(AnsweredWithin(window));
-  const std::vector<AllowlistEntry> stored = LoadAllowlist();
+  const std::vector<settings::AllowlistEntry> stored = settings::LoadAllowlist();
   ASSERT_EQ(stored.size(), 1u);
   EXPECT_EQ(stored[0].user_id, "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413");
   EXPECT_EQ(stored[0].name, "Ann");
@@ -531,8 +531,8 @@ TEST_F(MainWindowTest, LettingSomeoneInForGoodStoresThemWithTheirComputersKey) {
   });
   window.PromptAdmission("conn-2", "usr_0a1b2c3d-4e5f-6789-abcd-ef0123456789", "Bob", "SHA256:bob");
   ASSERT_TRUE(AnsweredWithin(window));
-  EXPECT_EQ(LoadAllowlist().size(), 1u) << "someone turned away is not remembered";
-  SaveAllowlist({});
+  EXPECT_EQ(settings::LoadAllowlist().size(), 1u) << "someone turned away is not remembered";
+  settings::SaveAllowlist({});
 }
 
 // A list from before computers were checked: the first visit let in binds the entry to that
@@ -540,24 +540,24 @@ TEST_F(MainWindowTest, LettingSomeoneInForGoodStoresThemWithTheirComputersKey) {
 TEST_F(MainWindowTest, AnEntryWithoutAKeyTakesTheKeyOfTheVisitLetIn) {
   MainWindow window(host_.get());
   const std::string ann = "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413";
-  SaveAllowlist({{ann, "Ann", {}}});
+  settings::SaveAllowlist({{ann, "Ann", {}}});
   WhenModalOpens([](QWidget& modal) { ButtonNamed(modal, "Let them watch")->click(); });
   window.PromptAdmission("conn-1", QString::fromStdString(ann), "Ann", "SHA256:first");
   ASSERT_TRUE(AnsweredWithin(window));
-  EXPECT_EQ(LoadAllowlist().at(0).key_fingerprints, std::vector<std::string>{"SHA256:first"});
+  EXPECT_EQ(settings::LoadAllowlist().at(0).key_fingerprints, std::vector<std::string>{"SHA256:first"});
 
   WhenModalOpens([](QWidget& modal) { ButtonNamed(modal, "Let them watch")->click(); });
   window.PromptAdmission("conn-2", QString::fromStdString(ann), "Ann", "SHA256:other", true);
   ASSERT_TRUE(AnsweredWithin(window));
-  EXPECT_EQ(LoadAllowlist().at(0).key_fingerprints, std::vector<std::string>{"SHA256:first"});
-  SaveAllowlist({});
+  EXPECT_EQ(settings::LoadAllowlist().at(0).key_fingerprints, std::vector<std::string>{"SHA256:first"});
+  settings::SaveAllowlist({});
 }
 
 // Each waiting viewer has one box; asking again replaces it, and leaving closes it unanswered.
 TEST_F(MainWindowTest, OneBoxPerWaitingViewerClosedWhenTheyLeave) {
   MainWindow window(host_.get());
   window.show();
-  SaveAllowlist({});
+  settings::SaveAllowlist({});
   window.PromptAdmission("conn-1", "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413", "Ann");
   window.PromptAdmission("conn-2", "", "");
   window.PromptAdmission("conn-1", "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413", "Ann");
@@ -583,7 +583,7 @@ TEST_F(MainWindowTest, OneBoxPerWaitingViewerClosedWhenTheyLeave) {
   QApplication::processEvents();
   EXPECT_EQ(window.open_prompts(), 1u);
   EXPECT_EQ(visible_boxes(), 1);
-  EXPECT_TRUE(LoadAllowlist().empty()) << "a box closed because they left decides nothing";
+  EXPECT_TRUE(settings::LoadAllowlist().empty()) << "a box closed because they left decides nothing";
 
   window.WithdrawAdmissionPrompt("conn-2");
   QApplication::processEvents();

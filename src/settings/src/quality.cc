@@ -1,11 +1,11 @@
-#include "mirell/ui/quality.h"
+#include "mirell/settings/quality.h"
 
 #include <QSettings>
 #include <QString>
 
 #include "mirell/base/logging.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 namespace {
 
 std::uint32_t InRange(std::uint32_t value, std::uint32_t low, std::uint32_t high,
@@ -92,4 +92,4 @@ void SaveQualitySettings(const QualitySettings& settings) {
   stored.setValue("quality/mono", settings.mono);
 }
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

@@ -1,4 +1,4 @@
-#include "mirell/ui/allowlist.h"
+#include "mirell/settings/allowlist.h"
 
 #include <QSettings>
 #include <QString>
@@ -7,7 +7,7 @@
 
 #include "mirell/daemon/vrchat_identity.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 namespace {
 
 constexpr const char* kKey = "access/allowlist";
@@ -86,4 +86,4 @@ bool AddKeyToAllowlist(std::vector<AllowlistEntry>& entries, const std::string& 
   return true;
 }
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

@@ -6,19 +6,19 @@
 #include <cstdio>
 #include <cstring>
 
-#include "mirell/ui/network_settings.h"
+#include "mirell/settings/network_settings.h"
 
 int main(int argc, char** argv) {
   QCoreApplication application(argc, argv);
   QCoreApplication::setOrganizationName("Mirell");
   QCoreApplication::setApplicationName("Mirell");
-  using mirell::ui::NetworkSettings;
+  using mirell::settings::NetworkSettings;
   if (argc == 7 && std::strcmp(argv[1], "save") == 0) {
-    mirell::ui::SaveNetworkSettings(NetworkSettings{"", argv[2], argv[3], argv[4], argv[5], argv[6]});
+    mirell::settings::SaveNetworkSettings(NetworkSettings{"", argv[2], argv[3], argv[4], argv[5], argv[6]});
     return 0;
   }
   if (argc == 2 && std::strcmp(argv[1], "load") == 0) {
-    const NetworkSettings loaded = mirell::ui::LoadNetworkSettings();
+    const NetworkSettings loaded = mirell::settings::LoadNetworkSettings();
     for (const std::string* field : {&loaded.stun, &loaded.custom_stun, &loaded.turn_url,
                                      &loaded.turn_user, &loaded.turn_credential}) {
       std::printf("[%s]\n", field->c_str());

@@ -2,10 +2,10 @@
 // tests can run the store in environments of their own. Prints the key's fingerprint.
 #include <cstdio>
 
-#include "mirell/ui/identity_key_store.h"
+#include "mirell/settings/identity_key_store.h"
 
 int main() {
-  const auto key = mirell::ui::LoadIdentityKey();
+  const auto key = mirell::settings::LoadIdentityKey();
   std::printf("%s\n", mirell::transport::KeyFingerprint(key->PublicText()).c_str());
   return 0;
 }

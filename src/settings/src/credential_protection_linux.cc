@@ -10,10 +10,10 @@
 #include <random>
 
 #include "mirell/base/logging.h"
-#include "mirell/ui/network_settings.h"
+#include "mirell/settings/network_settings.h"
 #include "secret_service_deadline.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 namespace {
 
 constexpr std::string_view kReferencePrefix = "secret-service:";
@@ -119,4 +119,4 @@ std::string UnprotectCredential(const QByteArray& stored) {
   return plain;
 }
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

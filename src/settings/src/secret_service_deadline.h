@@ -11,7 +11,7 @@
 
 #include "mirell/base/thread_name.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 
 // Cancels the store's call when it outlives `limit`.
 class Deadline {
@@ -44,4 +44,4 @@ class Deadline {
   std::thread watcher_;
 };
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

@@ -1,4 +1,4 @@
-#include "mirell/ui/network_settings.h"
+#include "mirell/settings/network_settings.h"
 
 #include <QSettings>
 #include <QString>
@@ -6,7 +6,7 @@
 #include "mirell/base/logging.h"
 #include "mirell/transport/stun_choices.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 namespace {
 
 constexpr const char* kCustom = "custom";
@@ -58,4 +58,4 @@ std::vector<transport::IceServer> BuildIceServers(const NetworkSettings& setting
   return servers;
 }
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

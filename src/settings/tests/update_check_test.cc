@@ -1,10 +1,10 @@
 // The update check's rules: the document, the versions and their order, the skipped version.
 #include <gtest/gtest.h>
 
-#include "mirell/ui/update_check.h"
+#include "mirell/settings/update_check.h"
 #include "temporary_settings.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 namespace {
 
 TEST(UpdateDocument, VersionAndUrlAreTakenOtherMembersIgnored) {
@@ -71,4 +71,4 @@ TEST_F(SkippedVersionStore, NoneUntilSavedThenTheExactText) {
 }
 
 }  // namespace
-}  // namespace mirell::ui
+}  // namespace mirell::settings

@@ -1,4 +1,4 @@
-#include "mirell/ui/update_check.h"
+#include "mirell/settings/update_check.h"
 
 #include <QSettings>
 #include <QString>
@@ -6,7 +6,7 @@
 #include <charconv>
 #include <nlohmann/json.hpp>
 
-namespace mirell::ui {
+namespace mirell::settings {
 
 std::optional<UpdateInfo> ParseUpdateInfo(const std::string& body) {
   const nlohmann::json document = nlohmann::json::parse(body, nullptr, /*allow_exceptions=*/false);
@@ -63,4 +63,4 @@ void SaveSkippedVersion(const std::string& version) {
   QSettings().setValue("update/skippedVersion", QString::fromStdString(version));
 }
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

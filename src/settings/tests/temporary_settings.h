@@ -11,7 +11,7 @@
 
 #include "mirell/testsupport/subprocess.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 
 class TemporarySettings : public ::testing::Test {
  protected:
@@ -32,4 +32,4 @@ class TemporarySettings : public ::testing::Test {
   static void Store(const char* key, const QVariant& value) { QSettings().setValue(key, value); }
 };
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

@@ -11,10 +11,10 @@
 #include <optional>
 
 #include "mirell/base/logging.h"
-#include "mirell/ui/identity_key_store.h"
+#include "mirell/settings/identity_key_store.h"
 #include "secret_service_deadline.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 namespace {
 
 constexpr const char* kKindAttribute = "kind";
@@ -148,4 +148,4 @@ std::shared_ptr<const transport::IdentityKey> LoadIdentityKey() {
   return Shared(std::move(made));
 }
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

@@ -7,10 +7,10 @@
 #include <cstdlib>
 
 #include "mirell/base/logging.h"
-#include "mirell/ui/network_settings.h"
+#include "mirell/settings/network_settings.h"
 #include "temporary_settings.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 namespace {
 
 class NetworkStore : public TemporarySettings {
@@ -117,4 +117,4 @@ TEST_F(NetworkStore, AnotherPlatformsProtectedFormReadsEmpty) {
 }
 
 }  // namespace
-}  // namespace mirell::ui
+}  // namespace mirell::settings

@@ -5,10 +5,10 @@
 
 #include "mirell/base/logging.h"
 #include "mirell/testsupport/subprocess.h"
-#include "mirell/ui/quality.h"
+#include "mirell/settings/quality.h"
 #include "temporary_settings.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 namespace {
 
 class QualityStore : public TemporarySettings {
@@ -98,4 +98,4 @@ TEST(QualityPresets, TheDialogsChoices) {
 }
 
 }  // namespace
-}  // namespace mirell::ui
+}  // namespace mirell::settings

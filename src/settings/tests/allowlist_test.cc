@@ -5,10 +5,10 @@
 #include <QSettings>
 #include <QStringList>
 
-#include "mirell/ui/allowlist.h"
+#include "mirell/settings/allowlist.h"
 #include "temporary_settings.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 namespace {
 
 constexpr const char* kAnn = "usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413";
@@ -103,4 +103,4 @@ TEST_F(Allowlist, KeysOfIdsNoLongerListedAreDropped) {
 }
 
 }  // namespace
-}  // namespace mirell::ui
+}  // namespace mirell::settings

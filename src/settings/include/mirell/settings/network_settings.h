@@ -9,7 +9,7 @@
 
 #include "mirell/transport/peer_config.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 
 struct NetworkSettings {
   // Where shares meet their viewers: "" until chosen, "local" or "local:PORT" for this computer,
@@ -36,4 +36,4 @@ std::vector<transport::IceServer> BuildIceServers(const NetworkSettings& setting
 QByteArray ProtectCredential(const std::string& plain);
 std::string UnprotectCredential(const QByteArray& stored);
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

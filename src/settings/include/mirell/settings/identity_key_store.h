@@ -9,7 +9,7 @@
 
 #include "mirell/transport/identity_key.h"
 
-namespace mirell::ui {
+namespace mirell::settings {
 
 // Never fails: a key that can be kept nowhere is made for this run only (and said so).
 std::shared_ptr<const transport::IdentityKey> LoadIdentityKey();
@@ -17,4 +17,4 @@ std::shared_ptr<const transport::IdentityKey> LoadIdentityKey();
 // The fallback file's place: $XDG_DATA_HOME/mirell/identity-key, or ~/.local/share/... .
 std::filesystem::path IdentityKeyFile();
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace mirell::ui {
+namespace mirell::settings {
 
 struct AllowlistEntry {
   std::string user_id;
@@ -32,4 +32,4 @@ bool AddKeyToAllowlist(std::vector<AllowlistEntry>& entries, const std::string& 
 std::string AllowlistElement(const AllowlistEntry& entry);
 AllowlistEntry ParseAllowlistElement(const std::string& element);
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace mirell::ui {
+namespace mirell::settings {
 
 struct QualitySettings {
   std::uint32_t width = 1280;
@@ -38,4 +38,4 @@ QualitySettings LoadQualitySettings();
 // Written as given, not sanitised.
 void SaveQualitySettings(const QualitySettings& settings);
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace mirell::ui {
+namespace mirell::settings {
 
 struct UpdateInfo {
   std::string version;
@@ -27,4 +27,4 @@ bool ShouldPrompt(const std::string& current, const UpdateInfo& info, const std:
 std::string LoadSkippedVersion();  // Empty when none.
 void SaveSkippedVersion(const std::string& version);
 
-}  // namespace mirell::ui
+}  // namespace mirell::settings
