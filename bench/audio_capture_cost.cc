@@ -89,7 +89,7 @@ int main(int argc, char** argv) {
   auto* timing = capturer.get();
   mirell::encode::AacEncoderConfig config;
   config.bitrate_bps = 128'000;
-  mirell::daemon::AudioBus bus;
+  mirell::streams::AudioBus bus;
   const auto reader = bus.Subscribe(4096, -1);
   mirell::session::AudioSource source(std::move(capturer), mirell::encode::CreateAacEncoder(config), bus);
   std::vector<double> latency_ms;

@@ -65,7 +65,7 @@ Figures Ours(std::uint32_t width, std::uint32_t height, int seconds, int server_
   config.height = height;
   config.bitrate_bps = kBitrate;
   auto encoder = mirell::encode::CreateH264Encoder(config);
-  mirell::daemon::FrameBus bus;
+  mirell::streams::FrameBus bus;
   mirell::capture::CaptureTarget target;
   target.kind = mirell::capture::CaptureKind::kMonitor;
   mirell::session::CaptureSource source(mirell::capture::CreateCapturer(target), *encoder,

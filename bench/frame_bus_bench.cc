@@ -5,15 +5,15 @@
 #include <memory>
 #include <vector>
 
-#include "mirell/daemon/frame_bus.h"
+#include "mirell/streams/frame_bus.h"
 
 namespace {
 
 void BM_FrameBusPublish(benchmark::State& state) {
   const auto readers = static_cast<std::size_t>(state.range(0));
   constexpr std::uint64_t kDrainEvery = 4096;
-  mirell::daemon::FrameBus bus;
-  std::vector<std::shared_ptr<mirell::daemon::FrameBus::Subscription>> subscriptions;
+  mirell::streams::FrameBus bus;
+  std::vector<std::shared_ptr<mirell::streams::FrameBus::Subscription>> subscriptions;
   for (std::size_t i = 0; i < readers; ++i) subscriptions.push_back(bus.Subscribe(kDrainEvery + 1, 0));
   auto frame = std::make_shared<mirell::encode::EncodedFrame>();
   frame->keyframe = true;  // Every frame is accepted: the measured path is the push.

@@ -29,9 +29,9 @@
 #include <vector>
 
 #include "fixture_publisher.h"
-#include "mirell/protocol/share_token.h"
 #include "mirell/base/logging.h"
-#include "mirell/daemon/media_stream.h"
+#include "mirell/protocol/share_token.h"
+#include "mirell/streams/media_stream.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
 #include "mirell/transport/signal_client.h"
@@ -340,13 +340,13 @@ int main(int argc, char** argv) {
   // The reference serves files made the same way, long enough for every step.
   std::vector<Step> reference;
   {
-    auto stream = std::make_shared<mirell::daemon::MediaStream>("bench", 30, 6000);
-    mirell::daemon::testing::FixtureOptions fixture;
+    auto stream = std::make_shared<mirell::streams::MediaStream>("bench", 30, 6000);
+    mirell::rtsp::testing::FixtureOptions fixture;
     fixture.width = 1280;
     fixture.height = 720;
     fixture.video_kbps = 6000;
     fixture.frames = 30 * static_cast<int>(counts.size()) * (seconds + 12);
-    mirell::daemon::testing::FixturePublisher files(dir.path(), stream, fixture);
+    mirell::rtsp::testing::FixturePublisher files(dir.path(), stream, fixture);
     const std::uint16_t port = mirell::testsupport::FreeLoopbackPort();
     ChildProcess server({"/usr/bin/python3", std::string(MIRELL_BENCH_SOURCE_DIR) + "/reference_rtsp_server.py",
                          std::to_string(port), (dir.path() / "fixture.h264").string(),

@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "mirell/daemon/resolve_service.h"
-#include "mirell/daemon/socket_owner.h"
+#include "mirell/resolve/resolve_service.h"
+#include "mirell/resolve/socket_owner.h"
 
 namespace {
 
@@ -122,7 +122,7 @@ double PeerLookupMicros(int count) {
   std::vector<double> micros;
   for (int i = 0; i < count; ++i) {
     const auto start = Clock::now();
-    if (!mirell::daemon::LoopbackPeerUid(client, address)) std::abort();
+    if (!mirell::resolve::LoopbackPeerUid(client, address)) std::abort();
     micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
   }
   close(fd);
@@ -134,8 +134,8 @@ double PeerLookupMicros(int count) {
 
 int main(int argc, char** argv) {
   const int count = argc > 1 ? std::atoi(argv[1]) : 10000;
-  mirell::daemon::ResolveService service(
-      "127.0.0.1:0", [](const std::string&) { return mirell::daemon::ResolveResult{}; });
+  mirell::resolve::ResolveService service(
+      "127.0.0.1:0", [](const std::string&) { return mirell::resolve::ResolveResult{}; });
   service.Start();
   const std::string endpoint = service.endpoint();
   const auto resolve_port =

@@ -14,9 +14,9 @@
 
 #include "fixture_publisher.h"
 #include "mirell/base/logging.h"
-#include "mirell/daemon/rtsp_server.h"
-#include "mirell/daemon/stream_path.h"
-#include "mirell/daemon/stream_registry.h"
+#include "mirell/rtsp/rtsp_server.h"
+#include "mirell/rtsp/stream_path.h"
+#include "mirell/streams/stream_registry.h"
 #include "mirell/testsupport/subprocess.h"
 
 namespace {
@@ -55,17 +55,18 @@ double CpuPerMinute(const std::string& url, int players, int seconds) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  using namespace mirell::daemon;
+  using namespace mirell::streams;
+  using namespace mirell::rtsp;
   const int seconds = argc > 1 ? std::atoi(argv[1]) : 20;
   mirell::SetLogLevel(mirell::LogLevel::kError);
   mirell::testsupport::TempDir dir;
   auto stream = std::make_shared<MediaStream>("bench", 30, 6000);
-  mirell::daemon::testing::FixtureOptions fixture;
+  mirell::rtsp::testing::FixtureOptions fixture;
   fixture.width = 1280;
   fixture.height = 720;
   fixture.frames = 300;
   fixture.video_kbps = 6000;
-  mirell::daemon::testing::FixturePublisher publisher(dir.path(), stream, fixture);
+  mirell::rtsp::testing::FixturePublisher publisher(dir.path(), stream, fixture);
   StreamRegistry registry;
   registry.Publish("ABCDEFGHJKMN", stream);
   RtspServer server([&](const std::string& path) { return registry.Find(TokenFromPath(path)); });

@@ -11,9 +11,9 @@
 
 #include "fixture_publisher.h"
 #include "mirell/base/logging.h"
-#include "mirell/daemon/rtsp_server.h"
-#include "mirell/daemon/stream_path.h"
-#include "mirell/daemon/stream_registry.h"
+#include "mirell/rtsp/rtsp_server.h"
+#include "mirell/rtsp/stream_path.h"
+#include "mirell/streams/stream_registry.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
 
@@ -87,16 +87,17 @@ bool WaitForPort(std::uint16_t port) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  using namespace mirell::daemon;
+  using namespace mirell::streams;
+  using namespace mirell::rtsp;
   const int runs = argc > 1 ? std::atoi(argv[1]) : 20;
   mirell::SetLogLevel(mirell::LogLevel::kError);
   mirell::testsupport::TempDir dir;
   std::mt19937 random(12345);
 
   auto stream = std::make_shared<MediaStream>("bench", 30, 2000);
-  mirell::daemon::testing::FixtureOptions fixture;
+  mirell::rtsp::testing::FixtureOptions fixture;
   fixture.frames = 900;  // 30 s, so that the reference server does not reach the end.
-  mirell::daemon::testing::FixturePublisher publisher(dir.path(), stream, fixture);
+  mirell::rtsp::testing::FixturePublisher publisher(dir.path(), stream, fixture);
   StreamRegistry registry;
   registry.Publish("ABCDEFGHJKMN", stream);
   RtspServer server([&](const std::string& path) { return registry.Find(TokenFromPath(path)); });

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "mirell/base/logging.h"
-#include "mirell/daemon/resolve_service.h"
+#include "mirell/resolve/resolve_service.h"
 #include "mirell/testsupport/subprocess.h"
 
 namespace {
@@ -64,8 +64,8 @@ int main(int argc, char** argv) {
   const auto tools = dir.path() / "Tools";
   fs::create_directories(tools);
   fs::copy_file(MIRELL_STUB_EXE, tools / "yt-dlp.exe");
-  mirell::daemon::ResolveService service("127.0.0.1:0", [](const std::string&) {
-    return mirell::daemon::ResolveResult{mirell::daemon::ResolveStatus::kResolved,
+  mirell::resolve::ResolveService service("127.0.0.1:0", [](const std::string&) {
+    return mirell::resolve::ResolveResult{mirell::resolve::ResolveStatus::kResolved,
                                          "rtspt://127.0.0.1:8554/s/ABCDEFGHJKMN", ""};
   });
   service.Start();

@@ -2,8 +2,8 @@
 
 #include "mirell/base/logging.h"
 #include "mirell/base/thread_name.h"
-#include "mirell/daemon/stream_path.h"
 #include "mirell/protocol/share_token.h"
+#include "mirell/rtsp/stream_path.h"
 
 namespace mirell::relay {
 namespace {
@@ -67,8 +67,8 @@ void Relay::Stop() {
   viewing_.Stop();
 }
 
-std::shared_ptr<daemon::MediaStream> Relay::Lookup(const std::string& path, std::uint32_t peer) {
-  const std::string token = daemon::TokenFromPath(path);
+std::shared_ptr<streams::MediaStream> Relay::Lookup(const std::string& path, std::uint32_t peer) {
+  const std::string token = rtsp::TokenFromPath(path);
   if (!protocol::IsShareToken(token)) return nullptr;
   using JoinState = session::Viewing::JoinState;
   const auto watched = [&] { return viewing_.WaitJoinState(token, std::chrono::milliseconds(0)) != JoinState::kNoWatch; };

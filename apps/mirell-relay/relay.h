@@ -18,10 +18,10 @@
 #include <thread>
 
 #include "join_gate.h"
-#include "mirell/daemon/media_stream.h"
-#include "mirell/daemon/rtsp_server.h"
-#include "mirell/daemon/stream_registry.h"
+#include "mirell/rtsp/rtsp_server.h"
 #include "mirell/session/viewing.h"
+#include "mirell/streams/media_stream.h"
+#include "mirell/streams/stream_registry.h"
 #include "relay_options.h"
 
 namespace mirell::relay {
@@ -43,15 +43,15 @@ class Relay {
 
  private:
   // `peer`: the player's address, which has an allowance of joins of its own.
-  std::shared_ptr<daemon::MediaStream> Lookup(const std::string& path, std::uint32_t peer);
+  std::shared_ptr<streams::MediaStream> Lookup(const std::string& path, std::uint32_t peer);
   void PollLoop();
 
   const RelayOptions options_;
-  daemon::StreamRegistry registry_;
+  streams::StreamRegistry registry_;
   session::Viewing viewing_;
   std::mutex join_mutex_;
   JoinGate gate_;  // Under join_mutex_.
-  daemon::RtspServer rtsp_;
+  rtsp::RtspServer rtsp_;
   std::mutex poll_mutex_;
   std::condition_variable poll_wake_;
   bool stopping_ = false;  // Under poll_mutex_.

@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "mirell/daemon/resolve_endpoint.h"
+#include "mirell/encode/share_quality.h"
+#include "mirell/resolve/resolve_endpoint.h"
 #include "mirell/session/sharing.h"
 #include "mirell/transport/identity_key.h"
 #include "mirell/transport/peer_config.h"
@@ -15,16 +16,10 @@
 namespace mirell::ui {
 
 struct DaemonConfig {
-  // The first six fields are the share's quality (ApplyQuality).
-  std::uint32_t width = 1280;
-  std::uint32_t height = 720;
-  std::uint32_t fps = 30;
-  std::uint32_t video_kbps = 6000;
-  std::uint32_t audio_kbps = 128;
-  bool mono = false;
+  encode::ShareQuality quality;  // Stored, changed by "Quality".
   std::int64_t prime_ms = 500;  // History a new reader gets; nothing changes it.
   std::uint16_t rtsp_port = 8554;
-  std::string pipe_name{daemon::kDefaultResolveEndpoint};  // The resolve endpoint.
+  std::string pipe_name{resolve::kDefaultResolveEndpoint};  // The resolve endpoint.
   // Where shares meet their viewers (see meeting_place.h); both empty until a place is chosen:
   // a share then reaches nobody, and links of any server still play.
   std::string share_prefix;  // Host and path of this place's links, no scheme.
@@ -42,15 +37,5 @@ struct DaemonConfig {
   bool install_stub = true;
   std::int64_t share_lifetime_minutes = 360;  // A share ends by itself after this; 0: never.
 };
-
-// The quality a share sends, into the configuration's first six fields.
-inline void ApplyQuality(DaemonConfig& config, const session::ShareQuality& quality) {
-  config.width = quality.width;
-  config.height = quality.height;
-  config.fps = quality.fps;
-  config.video_kbps = quality.video_kbps;
-  config.audio_kbps = quality.audio_kbps;
-  config.mono = quality.mono;
-}
 
 }  // namespace mirell::ui

@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "mirell/base/logging.h"
-#include "mirell/daemon/stream_path.h"
+#include "mirell/rtsp/stream_path.h"
 #include "mirell/transport/peer_link.h"
 #include "mirell/transport/signal_endpoint.h"
 #include "executable_path.h"
@@ -19,12 +19,7 @@ constexpr std::chrono::milliseconds kSignalServerBound{1500};
 
 session::Sharing::Config SharingConfigOf(const DaemonConfig& config) {
   session::Sharing::Config sharing;
-  sharing.width = config.width;
-  sharing.height = config.height;
-  sharing.fps = config.fps;
-  sharing.video_kbps = config.video_kbps;
-  sharing.audio_kbps = config.audio_kbps;
-  sharing.mono = config.mono;
+  sharing.quality = config.quality;
   sharing.prime_ms = config.prime_ms;
   sharing.signal_url = config.signal_url;
   sharing.ice_servers = config.ice_servers;
@@ -67,6 +62,7 @@ session::Allowlist DaemonHost::WithCommandLineIds(session::Allowlist allowlist) 
 DaemonHost::~DaemonHost() { Stop(); }
 
 void DaemonHost::Start() {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
   if (started_) return;
   // Before anything can resolve, so that a link resolved in the first moments carries the account.
   RefreshIdentity();
@@ -78,7 +74,7 @@ void DaemonHost::Start() {
   transport::InitialiseTransportLogging();
   transport::PrepareLinks();
   rtsp_.emplace([this](const std::string& path) {
-    return registry_.Find(daemon::TokenFromPath(path));
+    return registry_.Find(rtsp::TokenFromPath(path));
   });
   rtsp_->Start(config_.rtsp_port);
   // The port actually bound ("--rtsp-port 0" asks for any free one) is what players must open.
@@ -87,8 +83,8 @@ void DaemonHost::Start() {
   resolve_->Start();
   if (!config_.install_stub) return;
 
-  daemon::StubInstallerConfig stub_config;
-  stub_config.stub_source = ExecutableDirectory() / daemon::kStubFileName;
+  vrchat::StubInstallerConfig stub_config;
+  stub_config.stub_source = ExecutableDirectory() / vrchat::kStubFileName;
   stub_config.watchdog_interval = std::chrono::milliseconds(1000);
   // The endpoint actually bound, so that the stub asks where we listen.
   stub_config.pipe_name = resolve_->endpoint();
@@ -105,6 +101,7 @@ void DaemonHost::Start() {
 }
 
 void DaemonHost::Stop() {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
   if (!started_) return;
   started_ = false;
   sharing_.Stop();
@@ -149,7 +146,7 @@ void DaemonHost::StartMeetingPlace() {
 
 std::uint16_t DaemonHost::meeting_port() const { return meeting_ ? meeting_->port() : 0; }
 
-daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
+resolve::ResolveResult DaemonHost::Resolve(const std::string& url) {
   // Without a meeting place of its own, every link is another server's.
   std::string token =
       config_.share_prefix.empty() ? std::string() : ShareTokenFromUrl(url, config_.share_prefix);
@@ -169,21 +166,22 @@ daemon::ResolveResult DaemonHost::Resolve(const std::string& url) {
     case session::Viewing::EnsureResult::kReady:
       break;
     case session::Viewing::EnsureResult::kTooMany:
-      return {daemon::ResolveStatus::kFailed, {}, "too many share links are playing at once"};
+      return {resolve::ResolveStatus::kFailed, {}, "too many share links are playing at once"};
     case session::Viewing::EnsureResult::kFailed:
-      return {daemon::ResolveStatus::kFailed, {}, "the link could not be set up (see the log)"};
+      return {resolve::ResolveStatus::kFailed, {}, "the link could not be set up (see the log)"};
   }
-  return {daemon::ResolveStatus::kResolved,
+  return {resolve::ResolveStatus::kResolved,
           fmt::format("rtspt://127.0.0.1:{}/s/{}", rtsp_bound_port_.load(), token), {}};
 }
 
 void DaemonHost::RefreshIdentity() {
   if (!identity_.Poll()) return;
-  daemon::VRChatIdentity identity = identity_.Identity();
+  vrchat::VRChatIdentity identity = identity_.Identity();
   viewing_.SetIdentity({std::move(identity.user_id), std::move(identity.display_name), {}});
 }
 
 void DaemonHost::Poll() {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
   RefreshIdentity();
   sharing_.Poll();
   viewing_.Poll();
@@ -194,18 +192,21 @@ void DaemonHost::Poll() {
 }
 
 void DaemonHost::SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy) {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
   config_.ice_servers = servers;
   config_.ice_policy = policy;
   sharing_.SetIceServers(servers, policy);
   viewing_.SetIceServers(std::move(servers), policy);
 }
 
-void DaemonHost::SetQuality(const session::ShareQuality& quality) {
-  ApplyQuality(config_, quality);
+void DaemonHost::SetQuality(const encode::ShareQuality& quality) {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
+  config_.quality = quality;
   sharing_.SetQuality(quality);
 }
 
 void DaemonHost::SetAllowlist(session::Allowlist allowlist) {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
   sharing_.SetAllowlist(WithCommandLineIds(std::move(allowlist)));
 }
 

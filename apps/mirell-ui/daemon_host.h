@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -12,15 +13,16 @@
 #include <string>
 
 #include "daemon_config.h"
-#include "mirell/daemon/resolve_service.h"
-#include "mirell/daemon/rtsp_server.h"
-#include "mirell/daemon/stub_installer.h"
-#include "mirell/daemon/stream_registry.h"
-#include "mirell/daemon/vrchat_identity.h"
+#include "mirell/base/thread_checker.h"
+#include "mirell/resolve/resolve_service.h"
+#include "mirell/rtsp/rtsp_server.h"
 #include "mirell/session/sharing.h"
 #include "mirell/session/viewing.h"
 #include "mirell/signal/signal_server.h"
+#include "mirell/streams/stream_registry.h"
 #include "mirell/transport/peer_config.h"
+#include "mirell/vrchat/stub_installer.h"
+#include "mirell/vrchat/vrchat_identity.h"
 #include "signal_server_check.h"
 
 namespace mirell::ui {
@@ -42,15 +44,17 @@ class DaemonHost {
   // start (its marker stays).
   void Stop();
 
+  // How often Poll runs: the process's one heartbeat, window or none.
+  static constexpr std::chrono::milliseconds kHeartbeat{500};
   // One heartbeat, from the interface thread's timer: reads VRChat's log for the account the
   // watches claim, ends a share whose time is up or whose capture has ended (a closed window),
-  // and drops the watches that have ended.
+  // and drops the watches that have ended. The window only shows what it leaves.
   void Poll();
   // Stored, and used by the shares and watches made from now on; those that exist keep what
   // they have.
   void SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy);
   // For the next share.
-  void SetQuality(const session::ShareQuality& quality);
+  void SetQuality(const encode::ShareQuality& quality);
   // The stored allowlist, to the share's door with the command line's ids beside it; the
   // start-up copy in config() stays as it was.
   void SetAllowlist(session::Allowlist allowlist);
@@ -66,14 +70,14 @@ class DaemonHost {
   // own signal server is taken at once; a link of another host only once that host has said,
   // within SignalServerCheck's bound, that it is a Mirell signal server, and its watch meets the
   // host there.
-  daemon::ResolveResult Resolve(const std::string& url);
+  resolve::ResolveResult Resolve(const std::string& url);
 
   const DaemonConfig& config() const { return config_; }
-  daemon::StreamRegistry& registry() { return registry_; }
+  streams::StreamRegistry& registry() { return registry_; }
   session::Sharing& sharing() { return sharing_; }
   session::Viewing& viewing() { return viewing_; }
   const SignalServerCheck& signal_servers() const { return signal_servers_; }
-  const daemon::VRChatIdentityWatcher& identity() const { return identity_; }
+  const vrchat::VRChatIdentityWatcher& identity() const { return identity_; }
   // The resolve endpoint as bound; empty when not started.
   std::string resolve_endpoint() const;
   // The port this program serves as the meeting place on; 0 when it is not one, or not started.
@@ -85,18 +89,19 @@ class DaemonHost {
 
  private:
   // Member order is destruction order in reverse: the services end before the registry they use.
+  const ThreadChecker owner_thread_;  // The interface thread: Start, Stop, Poll and the setters.
   DaemonConfig config_;
-  daemon::StreamRegistry registry_;
+  streams::StreamRegistry registry_;
   session::Sharing sharing_;
   session::Viewing viewing_;
   // Outlives the resolve service, which asks it.
   SignalServerCheck signal_servers_;
   // This computer as the meeting place, when it is one.
   std::optional<signal::SignalServer> meeting_;
-  std::optional<daemon::RtspServer> rtsp_;
-  std::optional<daemon::ResolveService> resolve_;
-  std::optional<daemon::StubInstaller> stub_;
-  daemon::VRChatIdentityWatcher identity_;  // VRChat's own log folder.
+  std::optional<rtsp::RtspServer> rtsp_;
+  std::optional<resolve::ResolveService> resolve_;
+  std::optional<vrchat::StubInstaller> stub_;
+  vrchat::VRChatIdentityWatcher identity_;  // VRChat's own log folder.
   // Read by the resolver on the resolve service's thread.
   std::atomic<std::uint16_t> rtsp_bound_port_{0};
   bool started_ = false;

@@ -29,13 +29,13 @@
 #include "mirell/base/logging.h"
 #include "mirell/base/process_memory.h"
 #include "mirell/base/version.h"
-#include "mirell/daemon/winsock.h"
 #include "mirell/encode/media_runtime.h"
-#include "mirell/transport/https_get.h"
+#include "mirell/resolve/winsock.h"
 #include "mirell/settings/allowlist.h"
 #include "mirell/settings/identity_key_store.h"
 #include "mirell/settings/network_settings.h"
 #include "mirell/settings/quality.h"
+#include "mirell/transport/https_get.h"
 #include "options.h"
 #include "quality_dialog.h"
 #include "quit_on_signal.h"
@@ -161,15 +161,16 @@ int main(int argc, char** argv) {
   LOG_INFO("mirell-ui {} starting, instance {}", kVersion, key);
   if (without_display) LOG_INFO("no display: running without a window");
 
-  daemon::WinsockRuntime winsock;
+  resolve::WinsockRuntime winsock;
   encode::MediaRuntime media;
 
   // Locals are destroyed in reverse order of construction, which is the shutdown order: the host,
   // the update URL and the configuration, the media runtime, the socket runtime, Qt.
   DaemonConfig config;
-  ApplyQuality(config, ShareQualityOf(settings::LoadQualitySettings()));
-  LOG_INFO("quality {}x{}@{} v={}kbps a={}kbps/{}", config.width, config.height, config.fps,
-           config.video_kbps, config.audio_kbps, config.mono ? "mono" : "stereo");
+  config.quality = settings::LoadQualitySettings();
+  const encode::ShareQuality& quality = config.quality;
+  LOG_INFO("quality {}x{}@{} v={}kbps a={}kbps/{}", quality.width, quality.height, quality.fps,
+           quality.video_kbps, quality.audio_kbps, quality.mono ? "mono" : "stereo");
   // The command line beats the stored settings.
   ApplyServiceOptions(line, config);
   settings::NetworkSettings network = settings::LoadNetworkSettings();
@@ -220,10 +221,11 @@ int main(int argc, char** argv) {
              *share.minutes == 0 ? std::string("none") : fmt::format("{} min", *share.minutes));
   }
   if (share.width) {
-    config.width = *share.width;
-    config.height = *share.height;
-    config.fps = *share.fps;
-    LOG_INFO("quality from the command line {}x{}@{}", config.width, config.height, config.fps);
+    config.quality.width = *share.width;
+    config.quality.height = *share.height;
+    config.quality.fps = *share.fps;
+    LOG_INFO("quality from the command line {}x{}@{}", config.quality.width, config.quality.height,
+             config.quality.fps);
   }
 
   // Before anything listens: a stop signal that comes during start-up is handled once the event
@@ -252,10 +254,12 @@ int main(int argc, char** argv) {
                      ? "--signal URL or --signal local (where friends meet you) and "
                      : "");
   }
-  // The window is the heartbeat that ends expired or orphaned shares and drops ended watches;
-  // where nobody can see a window, a timer of its own does that.
+  // The heartbeat that ends expired or orphaned shares and drops ended watches, with a window or
+  // without one.
+  QTimer heartbeat;
+  QObject::connect(&heartbeat, &QTimer::timeout, [&host] { host.Poll(); });
+  heartbeat.start(DaemonHost::kHeartbeat);
   std::unique_ptr<MainWindow> window;
-  QTimer poll_timer;
   if (HasScreenForMessages()) {
     window = std::make_unique<MainWindow>(&host);
     window->show();
@@ -274,8 +278,6 @@ int main(int argc, char** argv) {
                                 Q_ARG(QString, QString::fromStdString(connection_id)));
     });
   } else {
-    QObject::connect(&poll_timer, &QTimer::timeout, [&host] { host.Poll(); });
-    poll_timer.start(500);
     LogPendingViewers(host, InstanceOptions(start));
   }
   // Later starts' requests: the window shows itself; shares and decisions are the host's.

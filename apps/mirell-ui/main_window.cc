@@ -195,7 +195,6 @@ void MainWindow::ShowFromTray() {
 
 void MainWindow::Refresh() {
   session::Sharing& sharing = host_->sharing();
-  host_->Poll();
   CheckUntrustedUrls();
   if (sharing.expired() && !limit_notified_) {
     limit_notified_ = true;
@@ -288,7 +287,7 @@ void MainWindow::RefreshSignal() {
 }
 
 void MainWindow::RefreshIdentity() {
-  const daemon::VRChatIdentity identity = host_->identity().Identity();
+  const vrchat::VRChatIdentity identity = host_->identity().Identity();
   if (!identity.user_id.empty()) {
     identity_label_->setText(
         tr("VRChat account: %1 (%2)").arg(Q(identity.display_name), Q(identity.user_id)));
@@ -308,14 +307,14 @@ void MainWindow::CheckUntrustedUrls() {
     return;
   }
   untrusted_countdown_ = kUntrustedRefreshesBetweenReads;
-  untrusted_state_ = daemon::AllowUntrustedUrls();
-  if (untrusted_state_ == daemon::UntrustedUrls::kBlocked) {
+  untrusted_state_ = vrchat::AllowUntrustedUrls();
+  if (untrusted_state_ == vrchat::UntrustedUrls::kBlocked) {
     untrusted_banner_->setText(
         tr("VRChat has Allow Untrusted URLs switched off, so share links will load and then "
            "show nothing.\n\nTurn it on in %1. VRChat saves its settings when it exits, so this "
            "can take a moment to catch up.")
-            .arg(QString::fromUtf8(daemon::UntrustedUrlsSettingPath().data(),
-                                   static_cast<qsizetype>(daemon::UntrustedUrlsSettingPath().size()))));
+            .arg(QString::fromUtf8(vrchat::UntrustedUrlsSettingPath().data(),
+                                   static_cast<qsizetype>(vrchat::UntrustedUrlsSettingPath().size()))));
     untrusted_banner_->show();
   } else {
     // No claim without knowledge.
@@ -358,9 +357,9 @@ void MainWindow::CopyShareUrl() {
 void MainWindow::EditQuality() {
   QualityDialog dialog(settings::LoadQualitySettings(), host_->sharing().active(), this);
   if (dialog.exec() != QDialog::Accepted) return;
-  const settings::QualitySettings& chosen = dialog.settings();
+  const encode::ShareQuality& chosen = dialog.settings();
   settings::SaveQualitySettings(chosen);
-  host_->SetQuality(ShareQualityOf(chosen));
+  host_->SetQuality(chosen);
   Refresh();
 }
 

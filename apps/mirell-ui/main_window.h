@@ -11,7 +11,7 @@
 #include <string>
 #include <cstdint>
 
-#include "mirell/daemon/vrchat_settings.h"
+#include "mirell/vrchat/vrchat_settings.h"
 
 class QCloseEvent;
 class QLabel;
@@ -105,7 +105,7 @@ class MainWindow : public QMainWindow {
   bool close_hint_shown_ = false;
   bool limit_notified_ = false;
   std::int32_t untrusted_countdown_ = 0;
-  daemon::UntrustedUrls untrusted_state_ = daemon::UntrustedUrls::kUnknown;
+  vrchat::UntrustedUrls untrusted_state_ = vrchat::UntrustedUrls::kUnknown;
 };
 
 }  // namespace mirell::ui

@@ -7,8 +7,8 @@
 #include <functional>
 #include <string_view>
 
-#include "mirell/daemon/vrchat_identity.h"
 #include "mirell/transport/web_socket.h"
+#include "mirell/vrchat/vrchat_identity.h"
 #include "lan_address.h"
 #include "meeting_place.h"
 
@@ -75,7 +75,7 @@ const std::vector<Option>& Table() {
       {"--allow", "", "USER_ID", Section::kShare,
        "let whoever names this VRChat user id in at once, by the claimed id\nonly (repeatable)",
        [](CommandLine& line, const std::string& value) -> std::string {
-         if (!daemon::IsVRChatUserId(value)) {
+         if (!vrchat::IsVRChatUserId(value)) {
            return "--allow takes a VRChat user id (\"usr_\" and 36 more characters, or an older id of 6 to 20 "
                   "letters and digits), not " + Quoted(value);
          }

@@ -46,7 +46,7 @@ QString BitrateText(std::uint32_t kbps) {
   return QCoreApplication::translate(context, "%1 Mbit/s").arg(number);
 }
 
-QualityDialog::QualityDialog(settings::QualitySettings current, bool sharing, QWidget* parent)
+QualityDialog::QualityDialog(encode::ShareQuality current, bool sharing, QWidget* parent)
     : QDialog(parent), settings_(current) {
   setWindowTitle(tr("Quality"));
   setMinimumWidth(460);
@@ -123,11 +123,6 @@ void QualityDialog::Accept() {
   settings_.audio_kbps = audio_combo_->currentData().toUInt();
   settings_.mono = mono_check_->isChecked();
   QDialog::accept();
-}
-
-session::ShareQuality ShareQualityOf(const settings::QualitySettings& settings) {
-  return {settings.width,      settings.height,     settings.fps,
-          settings.video_kbps, settings.audio_kbps, settings.mono};
 }
 
 }  // namespace mirell::ui

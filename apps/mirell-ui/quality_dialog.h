@@ -18,17 +18,17 @@ class QualityDialog : public QDialog {
   Q_OBJECT
 
  public:
-  QualityDialog(settings::QualitySettings current, bool sharing, QWidget* parent = nullptr);
+  QualityDialog(encode::ShareQuality current, bool sharing, QWidget* parent = nullptr);
 
   // The chosen values, after Accept.
-  const settings::QualitySettings& settings() const { return settings_; }
+  const encode::ShareQuality& settings() const { return settings_; }
 
  private slots:
   void Recalculate();
   void Accept();
 
  private:
-  settings::QualitySettings settings_;
+  encode::ShareQuality settings_;
   QComboBox* size_combo_ = nullptr;
   QComboBox* fps_combo_ = nullptr;
   QComboBox* video_combo_ = nullptr;
@@ -36,9 +36,6 @@ class QualityDialog : public QDialog {
   QCheckBox* mono_check_ = nullptr;
   QLabel* estimate_label_ = nullptr;
 };
-
-// The stored settings as a share takes them.
-session::ShareQuality ShareQualityOf(const settings::QualitySettings& settings);
 
 // "900 kbit/s", "1.5 Mbit/s", "6 Mbit/s", "16 Mbit/s": two significant digits.
 QString BitrateText(std::uint32_t kbps);

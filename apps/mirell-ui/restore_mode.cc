@@ -10,8 +10,8 @@
 
 #include "executable_path.h"
 #include "mirell/base/logging.h"
-#include "mirell/daemon/stub_installer.h"
-#include "mirell/daemon/vrchat_paths.h"
+#include "mirell/vrchat/stub_installer.h"
+#include "mirell/vrchat/vrchat_paths.h"
 
 namespace mirell::ui {
 namespace {
@@ -28,18 +28,18 @@ fs::path TemporaryDirectory() {
 void TidyUp(const fs::path& tools_directory) {
   std::error_code ignored;
   if (!fs::is_directory(tools_directory, ignored)) return;
-  const auto live = tools_directory / daemon::kLiveResolverName;
+  const auto live = tools_directory / vrchat::kLiveResolverName;
   std::error_code size_error;
   bool live_is_real = false;
   if (fs::exists(live, ignored)) {
     const auto size = fs::file_size(live, size_error);
-    live_is_real = size_error || size > daemon::kMaxStubBytes;
+    live_is_real = size_error || size > vrchat::kMaxStubBytes;
   }
-  for (const char* name : {daemon::kStubConfigName, daemon::kStubLogName, daemon::kMarkerName}) {
+  for (const char* name : {vrchat::kStubConfigName, vrchat::kStubLogName, vrchat::kMarkerName}) {
     fs::remove(tools_directory / name, ignored);
   }
   if (live_is_real) {
-    fs::remove(tools_directory / daemon::kPreservedResolverName, ignored);
+    fs::remove(tools_directory / vrchat::kPreservedResolverName, ignored);
   } else {
     LOG_WARN("keeping the preserved original, the live resolver is still ours");
   }
@@ -52,13 +52,13 @@ int RunRestoreMode(const std::optional<std::string>& tools_dir) {
   if (tools_dir) tools_directory = *tools_dir;
   SetLogFile(TemporaryDirectory() / "mirell-restore.log");
   try {
-    if (!tools_directory) tools_directory = daemon::DefaultToolsDirectory();
-    daemon::StubInstallerConfig config;
+    if (!tools_directory) tools_directory = vrchat::DefaultToolsDirectory();
+    vrchat::StubInstallerConfig config;
     config.tools_directory = *tools_directory;
-    config.stub_source = ExecutableDirectory() / daemon::kStubFileName;
+    config.stub_source = ExecutableDirectory() / vrchat::kStubFileName;
     config.watchdog_interval = std::chrono::milliseconds(1000);
     config.stub_logging = true;
-    daemon::StubInstaller installer(config);
+    vrchat::StubInstaller installer(config);
     installer.Restore();
     installer.RecoverFromPreviousRun();
     TidyUp(installer.tools_directory());

@@ -15,8 +15,8 @@
 #include <sstream>
 #include <thread>
 
-#include "mirell/protocol/share_token.h"
 #include "mirell/media/h264_rtp.h"
+#include "mirell/protocol/share_token.h"
 #include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
@@ -28,7 +28,7 @@ namespace mirell::relay {
 namespace {
 
 using namespace std::chrono_literals;
-using daemon::testing::RtspTestClient;
+using rtsp::testing::RtspTestClient;
 using testsupport::ChildProcess;
 using testsupport::Eventually;
 

@@ -13,7 +13,7 @@
 #include <future>
 #include <thread>
 
-#include "mirell/daemon/resolve_service.h"
+#include "mirell/resolve/resolve_service.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
@@ -219,8 +219,8 @@ TEST_F(StubUnderWine, WithNoDaemonEveryUrlGoesToTheRealResolver) {
 }
 
 TEST_F(StubUnderWine, AnErrAnswerGoesToTheRealResolver) {
-  mirell::daemon::ResolveService service("127.0.0.1:" + std::to_string(pipe_port_), [](const std::string&) {
-    return mirell::daemon::ResolveResult{mirell::daemon::ResolveStatus::kFailed, "", "host gone"};
+  mirell::resolve::ResolveService service("127.0.0.1:" + std::to_string(pipe_port_), [](const std::string&) {
+    return mirell::resolve::ResolveResult{mirell::resolve::ResolveStatus::kFailed, "", "host gone"};
   });
   service.Start();
   const std::string url = "https://mirell.example/s/ABCDEFGHJKMN";

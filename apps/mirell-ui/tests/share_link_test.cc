@@ -17,13 +17,13 @@
 #include "meeting_place.h"
 #include "options.h"
 #include "mirell/protocol/share_token.h"
-#include "mirell/transport/signal_client.h"
 #include "mirell/protocol/signal_endpoint.h"
-#include "mirell/transport/signal_endpoint.h"
+#include "mirell/signal/signal_server.h"
+#include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/tcp_client.h"
-#include "mirell/testsupport/build_speed.h"
-#include "mirell/signal/signal_server.h"
+#include "mirell/transport/signal_client.h"
+#include "mirell/transport/signal_endpoint.h"
 
 namespace mirell::ui {
 namespace {
@@ -121,13 +121,13 @@ TEST(DaemonHostResolve, ShareLinkGetsTheLoopbackAddressAndOthersPass) {
   DaemonHost host(config);
   host.Start();
   const auto ours = host.Resolve("https://mirell.example/s/7QK2M0Z5XH3B?t=1");
-  EXPECT_EQ(ours.status, daemon::ResolveStatus::kResolved);
+  EXPECT_EQ(ours.status, resolve::ResolveStatus::kResolved);
   EXPECT_EQ(ours.url, fmt::format("rtspt://127.0.0.1:{}/s/7QK2M0Z5XH3B", config.rtsp_port));
   EXPECT_EQ(ours.reason, "");
   const auto other = host.Resolve("https://example.com/watch?v=1");
-  EXPECT_EQ(other.status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(other.status, resolve::ResolveStatus::kNotOurs);
   EXPECT_EQ(other.url, "");
-  EXPECT_EQ(host.Resolve("https://mirell.example/s/").status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(host.Resolve("https://mirell.example/s/").status, resolve::ResolveStatus::kNotOurs);
 }
 
 // A deployment of one's own: links of the configured host resolve, the built-in host's do not.
@@ -144,9 +144,9 @@ TEST(DaemonHostResolve, TheConfiguredSignalHostsLinksAreOursAndTheDefaultOnesAre
   DaemonHost host(config);
   host.Start();
   EXPECT_EQ(host.Resolve("https://share.example.net:8443/s/ABCDEFGHJKMN").status,
-            daemon::ResolveStatus::kResolved);
-  EXPECT_EQ(host.Resolve("https://mirell.example/s/ABCDEFGHJKMN").status, daemon::ResolveStatus::kNotOurs);
-  EXPECT_EQ(host.Resolve("https://share.example.net/s/ABCDEFGHJKMN").status, daemon::ResolveStatus::kNotOurs)
+            resolve::ResolveStatus::kResolved);
+  EXPECT_EQ(host.Resolve("https://mirell.example/s/ABCDEFGHJKMN").status, resolve::ResolveStatus::kNotOurs);
+  EXPECT_EQ(host.Resolve("https://share.example.net/s/ABCDEFGHJKMN").status, resolve::ResolveStatus::kNotOurs)
       << "another port is another deployment";
 }
 
@@ -162,16 +162,16 @@ TEST(DaemonHostResolve, AShareLinkGetsAWatchAndAnOwnShareIsServedFromItsOwnStrea
   DaemonHost host(config);
   host.Start();
   ASSERT_EQ(host.Resolve("https://mirell.example/s/WATCHED12345").status,
-            daemon::ResolveStatus::kResolved);
+            resolve::ResolveStatus::kResolved);
   EXPECT_EQ(host.viewing().WatchCount(), 1u);
   const auto watched = host.registry().Find("WATCHED12345");
   ASSERT_NE(watched, nullptr);
   EXPECT_EQ(watched->label(), "watching WATCHED12345");
 
-  auto own = std::make_shared<daemon::MediaStream>("sharing screen", 30, 6000);
+  auto own = std::make_shared<streams::MediaStream>("sharing screen", 30, 6000);
   host.registry().Publish("MYSHARE12345", own);
   ASSERT_EQ(host.Resolve("https://mirell.example/s/MYSHARE12345").status,
-            daemon::ResolveStatus::kResolved);
+            resolve::ResolveStatus::kResolved);
   EXPECT_EQ(host.viewing().WatchCount(), 1u);
   EXPECT_EQ(host.registry().Find("MYSHARE12345"), own);
 
@@ -196,10 +196,10 @@ TEST(DaemonHostResolve, ALinkBeyondTheMostWatchedAtOnceIsAnsweredWithTheReason) 
   host.Start();
   for (std::size_t i = 0; i < session::Viewing::kMaxWatches; ++i) {
     ASSERT_EQ(host.Resolve(fmt::format("https://mirell.example/s/ABCDEFGHJK{:02}", i)).status,
-              daemon::ResolveStatus::kResolved);
+              resolve::ResolveStatus::kResolved);
   }
   const auto refused = host.Resolve("https://mirell.example/s/ABCDEFGHJKZZ");
-  EXPECT_EQ(refused.status, daemon::ResolveStatus::kFailed);
+  EXPECT_EQ(refused.status, resolve::ResolveStatus::kFailed);
   EXPECT_EQ(refused.reason, "too many share links are playing at once");
   EXPECT_EQ(host.registry().Find("ABCDEFGHJKZZ"), nullptr);
   host.Stop();
@@ -238,14 +238,14 @@ TEST_F(ForeignLinkTest, ALinkOfAnotherMirellServerIsWatchedThere) {
   server.Start();
   const std::string link = fmt::format("http://127.0.0.1:{}/s/ABCDEFGHJKMN", server.port());
   const auto resolved = host_->Resolve(link);
-  EXPECT_EQ(resolved.status, daemon::ResolveStatus::kResolved);
+  EXPECT_EQ(resolved.status, resolve::ResolveStatus::kResolved);
   EXPECT_EQ(resolved.url, Loopback(config_.rtsp_port, "ABCDEFGHJKMN"));
   EXPECT_EQ(host_->viewing().WatchCount(), 1u);
   EXPECT_TRUE(Eventually([&] { return server.open_connections() == 1u; }))
       << "the watch meets the host at the link's server";
-  EXPECT_EQ(host_->Resolve(link).status, daemon::ResolveStatus::kResolved);
+  EXPECT_EQ(host_->Resolve(link).status, resolve::ResolveStatus::kResolved);
   EXPECT_EQ(host_->Resolve(fmt::format("http://127.0.0.1:{}/s/ABCDEFGHJKMP", server.port())).status,
-            daemon::ResolveStatus::kResolved);
+            resolve::ResolveStatus::kResolved);
   EXPECT_EQ(host_->signal_servers().probes(), 1u) << "the server's answer is kept";
   host_->Stop();
 }
@@ -262,11 +262,11 @@ TEST_F(ForeignLinkTest, ALookAlikeLinkOnAnotherWebServerPassesWithinTheBound) {
                                  "--directory", site.path().string(), std::to_string(port)});
   ASSERT_TRUE(Eventually([&] { return testsupport::LoopbackPortAccepts(port); }));
   const std::string link = fmt::format("http://127.0.0.1:{}/s/ABCDEFGHJKMN", port);
-  daemon::ResolveResult result;
+  resolve::ResolveResult result;
   EXPECT_LT(SecondsOf([&] { result = host_->Resolve(link); }), 1.5);
-  EXPECT_EQ(result.status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(result.status, resolve::ResolveStatus::kNotOurs);
   EXPECT_EQ(host_->viewing().WatchCount(), 0u);
-  EXPECT_EQ(host_->Resolve(link).status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(host_->Resolve(link).status, resolve::ResolveStatus::kNotOurs);
   EXPECT_EQ(host_->signal_servers().probes(), 1u);
   host_->Stop();
 }
@@ -274,13 +274,13 @@ TEST_F(ForeignLinkTest, ALookAlikeLinkOnAnotherWebServerPassesWithinTheBound) {
 TEST_F(ForeignLinkTest, AServerThatNeverAnswersCostsNoMoreThanTheBoundAndOnlyOnce) {
   testsupport::SilentListener silent;
   const std::string link = fmt::format("https://127.0.0.1:{}/s/ABCDEFGHJKMN", silent.port());
-  daemon::ResolveResult result;
+  resolve::ResolveResult result;
   const double first = SecondsOf([&] { result = host_->Resolve(link); });
-  EXPECT_EQ(result.status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(result.status, resolve::ResolveStatus::kNotOurs);
   EXPECT_GE(first, 1.4);
   EXPECT_LT(first, 1.5 + (testsupport::kSanitizedBuild ? 1.0 : 0.3));
   const double again = SecondsOf([&] { result = host_->Resolve(link); });
-  EXPECT_EQ(result.status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(result.status, resolve::ResolveStatus::kNotOurs);
   EXPECT_LT(again, 0.2) << "the silence is kept";
   EXPECT_EQ(host_->signal_servers().probes(), 1u);
   host_->Stop();
@@ -290,11 +290,11 @@ TEST_F(ForeignLinkTest, AServerThatNeverAnswersCostsNoMoreThanTheBoundAndOnlyOnc
 // for.
 TEST_F(ForeignLinkTest, AWatchedTokenOnAnUnknownHostIsStillAsked) {
   ASSERT_EQ(host_->Resolve("https://mirell.example/s/ABCDEFGHJKMN").status,
-            daemon::ResolveStatus::kResolved)
+            resolve::ResolveStatus::kResolved)
       << "the viewer's own server";
   testsupport::SilentListener silent;
   const std::string other = fmt::format("http://127.0.0.1:{}/s/ABCDEFGHJKMN", silent.port());
-  EXPECT_EQ(host_->Resolve(other).status, daemon::ResolveStatus::kNotOurs);
+  EXPECT_EQ(host_->Resolve(other).status, resolve::ResolveStatus::kNotOurs);
   EXPECT_EQ(host_->signal_servers().probes(), 1u);
   host_->Stop();
 }

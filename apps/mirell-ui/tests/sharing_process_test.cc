@@ -558,7 +558,9 @@ TEST_F(SharingAcrossProcesses, APersonPicksAWindowInThePickerAndAViewerPlaysIt) 
   ASSERT_TRUE(Eventually([&] { return !visible("^Mirell$").empty(); }, 30s)) << HostLog();
   // The tray icon's menu (trayer's first slot), then its second entry.
   ASSERT_TRUE(Eventually([&] {
-    run({"xdotool", "mousemove", "1267", "12", "click", "3"});
+    const auto icon = testsupport::TrayIconPoint(x);
+    if (!icon) return false;
+    run({"xdotool", "mousemove", std::to_string(icon->x), std::to_string(icon->y), "click", "3"});
     std::this_thread::sleep_for(300ms);
     run({"xdotool", "key", "Down", "Down", "Return"});
     return Eventually([&] { return !visible("^Share a screen or a window").empty(); }, 3s);

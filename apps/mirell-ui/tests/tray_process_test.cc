@@ -27,10 +27,6 @@ namespace {
 using namespace std::chrono_literals;
 using testsupport::ChildProcess;
 
-// trayer's icon slot on a 1280-wide screen: the first icon sits at the right of the top edge.
-constexpr int kTrayIconX = 1267;
-constexpr int kTrayIconY = 12;
-
 class UiOnADesktop : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -96,8 +92,9 @@ class UiOnADesktop : public ::testing::Test {
   // The tray icon's menu, opened with a right click on the icon; true once a menu shows.
   bool OpenTrayMenu() {
     const std::size_t before = VisibleMenus();
-    Run({"xdotool", "mousemove", std::to_string(kTrayIconX), std::to_string(kTrayIconY), "click",
-         "3"});
+    const auto icon = testsupport::TrayIconPoint(x_);
+    if (!icon) return false;
+    Run({"xdotool", "mousemove", std::to_string(icon->x), std::to_string(icon->y), "click", "3"});
     return WaitFor([&] { return VisibleMenus() > before; }, 5s);
   }
   // The program's shown windows: the main window, the tray icon's and a menu's.

@@ -13,8 +13,8 @@
 
 #include "installed_ui.h"
 #include "mirell/protocol/share_token.h"
-#include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/build_speed.h"
+#include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/tcp_client.h"
 #include "mirell/transport/signal_client.h"

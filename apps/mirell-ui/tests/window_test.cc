@@ -424,27 +424,9 @@ TEST(QualityDialogTest, BitratesInTwoSignificantDigits) {
   EXPECT_EQ(BitrateText(126000), "130 Mbit/s");
 }
 
-TEST(QualityDialogTest, TheStoredSettingsReachAShareFieldByField) {
-  const session::ShareQuality quality = ShareQualityOf({1920, 1080, 60, 16000, 192, true});
-  EXPECT_EQ(quality.width, 1920u);
-  EXPECT_EQ(quality.height, 1080u);
-  EXPECT_EQ(quality.fps, 60u);
-  EXPECT_EQ(quality.video_kbps, 16000u);
-  EXPECT_EQ(quality.audio_kbps, 192u);
-  EXPECT_TRUE(quality.mono);
-  DaemonConfig config;
-  ApplyQuality(config, quality);
-  EXPECT_EQ(config.width, 1920u);
-  EXPECT_EQ(config.height, 1080u);
-  EXPECT_EQ(config.fps, 60u);
-  EXPECT_EQ(config.video_kbps, 16000u);
-  EXPECT_EQ(config.audio_kbps, 192u);
-  EXPECT_TRUE(config.mono);
-}
-
 TEST(QualityDialogTest, TheDefaultsEstimateAboutSixMegabitsAViewer) {
   TestApplication();
-  QualityDialog dialog(settings::QualitySettings{}, false);
+  QualityDialog dialog(encode::ShareQuality{}, false);
   dialog.show();
   EXPECT_EQ(dialog.windowTitle(), "Quality");
   EXPECT_EQ(LabelStartingWith(dialog, "About "),
@@ -464,7 +446,7 @@ TEST(QualityDialogTest, TheDefaultsEstimateAboutSixMegabitsAViewer) {
 
 TEST(QualityDialogTest, HandSetValuesSurviveAsExtraChoicesAndOkReturnsTheChoice) {
   TestApplication();
-  QualityDialog dialog(settings::QualitySettings{1366, 768, 25, 7000, 96, true}, true);
+  QualityDialog dialog(encode::ShareQuality{1366, 768, 25, 7000, 96, true}, true);
   dialog.show();
   const QList<QComboBox*> combos = dialog.findChildren<QComboBox*>();
   ASSERT_EQ(combos.size(), 4);
@@ -497,6 +479,7 @@ TEST_F(MainWindowTest, TheVRChatAccountOfItsLogIsShownWithTheLogsName) {
   std::filesystem::create_directories(vrchat);
   std::ofstream(vrchat / "output_log_2026-11-24_10-00-00.txt")
       << "2026.11.24 10:00:01 Log        -  User Authenticated: Ann (usr_3f1e7c20-9b4d-4e6a-8c15-7a2d90b6e413)\n";
+  host_->Poll();  // The process's heartbeat reads the log; the window shows what it found.
   MainWindow window(host_.get());
   const QLabel* account = nullptr;
   for (const QLabel* label : window.findChildren<QLabel*>()) {

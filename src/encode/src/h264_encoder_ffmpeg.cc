@@ -312,11 +312,6 @@ std::unique_ptr<H264Encoder> TryCreate(const H264EncoderConfig& config,
 
 }  // namespace
 
-std::uint32_t GopFrames(const H264EncoderConfig& config) {
-  const std::uint32_t frames = config.gop_seconds * config.fps_numerator / config.fps_denominator;
-  return frames == 0 ? 1 : frames;
-}
-
 std::unique_ptr<H264Encoder> CreateH264Encoder(const H264EncoderConfig& config) {
   MIRELL_CHECK(config.width % 2 == 0 && config.height % 2 == 0,
                "NV12 requires even dimensions, got {}x{}", config.width, config.height);

@@ -108,6 +108,21 @@ class H264EncoderSmall : public ::testing::Test {
   H264EncoderConfig config_;
 };
 
+// A share and the holding card are encoded alike: whole frames per second, a keyframe every two
+// seconds, hardware first.
+TEST(LiveStreamConfig, KeyframesEveryTwoSecondsAtTheGivenRateHardwareFirst) {
+  const H264EncoderConfig config = LiveStreamConfig(1280, 720, 30, 6000, H264Profile::kHigh);
+  EXPECT_EQ(config.width, 1280u);
+  EXPECT_EQ(config.height, 720u);
+  EXPECT_EQ(config.fps_numerator, 30u);
+  EXPECT_EQ(config.fps_denominator, 1u);
+  EXPECT_EQ(config.bitrate_bps, 6'000'000u);
+  EXPECT_EQ(config.profile, H264Profile::kHigh);
+  EXPECT_TRUE(config.prefer_hardware);
+  EXPECT_EQ(GopFrames(config), 60u);
+  EXPECT_EQ(GopFrames(LiveStreamConfig(640, 360, 15, 1000, H264Profile::kMain)), 30u);
+}
+
 TEST_F(H264EncoderSmall, OddSizeIsAFailedCheckBeforeAnyEncoderIsTried) {
   config_.width = 321;
   try {

@@ -6,7 +6,7 @@
 namespace mirell::session {
 
 AudioSource::AudioSource(std::unique_ptr<capture::IAudioCapturer> capturer,
-                         std::unique_ptr<encode::AacEncoder> encoder, daemon::AudioBus& bus)
+                         std::unique_ptr<encode::AacEncoder> encoder, streams::AudioBus& bus)
     : capturer_(std::move(capturer)), encoder_(std::move(encoder)), bus_(bus) {
   MIRELL_CHECK(capturer_ != nullptr, "an audio source needs a capturer");
   MIRELL_CHECK(encoder_ != nullptr, "an audio source needs an encoder");

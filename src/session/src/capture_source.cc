@@ -20,7 +20,7 @@ std::uint32_t CheckedFps(std::uint32_t target_fps) {
 }  // namespace
 
 CaptureSource::CaptureSource(std::unique_ptr<capture::ICapturer> capturer, encode::H264Encoder& encoder,
-                             std::unique_ptr<encode::VideoProcessor> processor, daemon::FrameBus& bus,
+                             std::unique_ptr<encode::VideoProcessor> processor, streams::FrameBus& bus,
                              std::uint32_t target_fps)
     : capturer_(std::move(capturer)),
       encoder_(encoder),

@@ -70,16 +70,8 @@ void HoldingClip::BuildClip() {
   HoldingCard card(config_.width, config_.height, config_.title);
   std::unique_ptr<encode::H264Encoder> encoder;
   try {
-    encode::H264EncoderConfig video;
-    video.width = config_.width;
-    video.height = config_.height;
-    video.fps_numerator = config_.fps;
-    video.fps_denominator = 1;
-    video.bitrate_bps = config_.bitrate_kbps * 1000;
-    video.gop_seconds = 2;
-    video.profile = encode::H264Profile::kMain;
-    video.prefer_hardware = true;
-    encoder = encode::CreateH264Encoder(video);
+    encoder = encode::CreateH264Encoder(encode::LiveStreamConfig(
+        config_.width, config_.height, config_.fps, config_.bitrate_kbps, encode::H264Profile::kMain));
   } catch (const std::exception& error) {
     LOG_WARN("h264 unavailable: {}", error.what());
     return;
@@ -149,7 +141,7 @@ void HoldingClip::BuildAudio() {
   silence_ = units.back().data;
 }
 
-HoldingSource::HoldingSource(daemon::FrameBus& frames, daemon::AudioBus& audio, const HoldingClip& clip)
+HoldingSource::HoldingSource(streams::FrameBus& frames, streams::AudioBus& audio, const HoldingClip& clip)
     : frames_bus_(frames),
       audio_bus_(audio),
       clip_(clip.Frames()),

@@ -22,8 +22,8 @@ std::int64_t TimestampUnwrapper::Next(std::uint32_t value) {
   return static_cast<std::int64_t>(value) + (epoch << 32);
 }
 
-PeerReceiver::PeerReceiver(transport::PeerLink* link, daemon::FrameBus* frames,
-                           daemon::AudioBus* audio, unsigned audio_clock)
+PeerReceiver::PeerReceiver(transport::PeerLink* link, streams::FrameBus* frames,
+                           streams::AudioBus* audio, unsigned audio_clock)
     : link_(link), frames_(frames), audio_(audio), audio_clock_(audio_clock) {}
 
 void PeerReceiver::SetFirstVideoHandler(std::function<std::int64_t()> handler) {

@@ -13,8 +13,8 @@ constexpr int kVideoWaitMs = 10;           // Also bounds how long audio waits w
 
 }  // namespace
 
-PeerSender::PeerSender(transport::PeerLink* link, daemon::FrameBus* frames,
-                       daemon::AudioBus* audio, unsigned audio_clock)
+PeerSender::PeerSender(transport::PeerLink* link, streams::FrameBus* frames,
+                       streams::AudioBus* audio, unsigned audio_clock)
     : link_(link),
       frames_(frames),
       audio_(audio),
@@ -60,7 +60,7 @@ std::int64_t PeerSender::VideoRtpTime(std::int64_t t, std::int64_t base) {
 
 void PeerSender::Run() {
   auto video = frames_->Subscribe(kVideoQueue, 0);
-  std::shared_ptr<daemon::AudioBus::Subscription> audio;
+  std::shared_ptr<streams::AudioBus::Subscription> audio;
   if (audio_ != nullptr) audio = audio_->Subscribe(kAudioQueue, -1);
 
   std::int64_t base = -1;
@@ -80,7 +80,7 @@ void PeerSender::Run() {
   if (audio_ != nullptr) audio_->Unsubscribe(audio);
 }
 
-void PeerSender::SendAudio(daemon::AudioBus::Subscription& subscription, std::int64_t base) {
+void PeerSender::SendAudio(streams::AudioBus::Subscription& subscription, std::int64_t base) {
   while (encode::EncodedAudioFramePtr unit = subscription.TryPop()) {
     if (unit->pts_100ns < base) continue;  // From before this viewer's first frame.
     const auto rtp = static_cast<std::uint32_t>(AudioRtpTime(unit->pts_100ns, base, audio_clock_));

@@ -53,8 +53,8 @@ struct ShareSession::Peer {
   double rate_average = 0;
 };
 
-ShareSession::ShareSession(transport::SignalClient* signal, daemon::FrameBus* frames,
-                           daemon::AudioBus* audio, transport::PeerConfig config,
+ShareSession::ShareSession(transport::SignalClient* signal, streams::FrameBus* frames,
+                           streams::AudioBus* audio, transport::PeerConfig config,
                            transport::OfferMedia media, unsigned audio_clock)
     : signal_(signal),
       frames_(frames),

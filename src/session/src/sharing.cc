@@ -14,13 +14,13 @@
 #include "mirell/base/logging.h"
 #include "mirell/base/min_interval.h"
 #include "mirell/capture/audio_capturer.h"
-#include "mirell/daemon/media_stream.h"
 #include "mirell/encode/aac_encoder.h"
 #include "mirell/encode/h264_encoder.h"
 #include "mirell/encode/video_processor.h"
 #include "mirell/media/aac_rtp.h"
 #include "mirell/session/audio_source.h"
 #include "mirell/session/capture_source.h"
+#include "mirell/streams/media_stream.h"
 #include "mirell/transport/peer_link.h"
 #include "mirell/transport/signal_client.h"
 
@@ -30,7 +30,6 @@ namespace {
 
 constexpr std::int64_t kNanosecondsPerMinute = 60'000'000'000;
 constexpr std::int64_t kLongestShareMinutes = 24 * 60;
-constexpr std::uint32_t kGopSeconds = 2;
 constexpr std::uint32_t kAudioRate = 48000;
 constexpr std::uint32_t kAudioChannels = 2;
 // Keyframes asked for by viewers (their lost packets, a new player) come at most this often: a
@@ -41,7 +40,7 @@ constexpr std::int64_t kKeyframeRequestGapNs = 1'000'000'000;
 }  // namespace
 
 struct Sharing::State {
-  std::shared_ptr<daemon::MediaStream> stream;
+  std::shared_ptr<streams::MediaStream> stream;
   std::string token;
   std::string secret;
   // There is no graphics device here: pictures travel in system memory.
@@ -82,69 +81,70 @@ struct Sharing::State {
   }
 };
 
-Sharing::Sharing(daemon::StreamRegistry& registry, Config config, CaptureFactories factories)
-    : registry_(registry), config_(std::move(config)), factories_(std::move(factories)) {}
+Sharing::Sharing(streams::StreamRegistry& registry, Config config, CaptureFactories factories)
+    : registry_(registry), factories_(std::move(factories)), config_(std::move(config)) {}
+
+Sharing::Settings Sharing::CurrentSettings() const {
+  return {config_, admission_required_, public_, allowlist_};
+}
 
 Sharing::~Sharing() { Stop(); }
 
-std::unique_ptr<CaptureSource> Sharing::MakeCaptureSource(State& state, const ShareTarget& target) {
-  auto source = std::make_unique<CaptureSource>(
-      factories_.picture(target.capture), *state.encoder,
-      encode::CreateVideoProcessor(config_.width, config_.height), state.stream->frames(),
-      config_.fps);
+std::unique_ptr<CaptureSource> Sharing::MakeCaptureSource(State& state, const ShareTarget& target,
+                                                          const encode::ShareQuality& quality) {
+  auto source = std::make_unique<CaptureSource>(factories_.picture(target.capture), *state.encoder,
+                                                encode::CreateVideoProcessor(quality.width, quality.height),
+                                                state.stream->frames(), quality.fps);
   source->SetEpoch(&state.epoch);
   // The stream's description follows what actually goes out.
-  daemon::MediaStream* stream = state.stream.get();
+  streams::MediaStream* stream = state.stream.get();
   encode::H264Encoder* encoder = state.encoder.get();
   source->SetKeyframeCallback([stream, encoder] { stream->SetSequenceHeader(encoder->sequence_header()); });
   return source;
 }
 
 void Sharing::Start(const ShareTarget& target) {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
   Stop();
   expired_ = false;
+  const Settings settings = [this] {
+    MutexLock lock(mutex_);
+    return CurrentSettings();
+  }();
+  const Config& config = settings.config;
   auto state = std::make_unique<State>();
   state->label = target.label;
-  {
-    std::lock_guard lock(mutex_);
-    state->is_public = public_;
-  }
+  state->is_public = settings.is_public;
   state->whole_mix = target.whole_mix;
-  if (config_.lifetime_minutes > 0) {
-    state->expires_at = SteadyNowNs() + config_.lifetime_minutes * kNanosecondsPerMinute;
+  if (config.lifetime_minutes > 0) {
+    state->expires_at = SteadyNowNs() + config.lifetime_minutes * kNanosecondsPerMinute;
   }
   const protocol::ShareCredentials credentials = protocol::GenerateShareCredentials();
   state->token = credentials.token;
   state->secret = credentials.secret;
   MIRELL_CHECK(capture::IsCaptureSupported(), "{}", capture::CaptureUnsupportedReason());
 
-  encode::H264EncoderConfig video;
-  video.width = config_.width;
-  video.height = config_.height;
-  video.fps_numerator = config_.fps;
-  video.fps_denominator = 1;
-  video.bitrate_bps = config_.video_kbps * 1000;
-  video.gop_seconds = kGopSeconds;
-  video.profile = static_cast<encode::H264Profile>(config_.video_profile);
-  video.prefer_hardware = true;
-  state->encoder = encode::CreateH264Encoder(video);
+  const encode::ShareQuality& quality = config.quality;
+  state->encoder = encode::CreateH264Encoder(encode::LiveStreamConfig(
+      quality.width, quality.height, quality.fps, quality.video_kbps,
+      static_cast<encode::H264Profile>(config.video_profile)));
 
-  state->stream = std::make_shared<daemon::MediaStream>(fmt::format("sharing {}", target.label),
-                                                         static_cast<int>(config_.fps), config_.video_kbps);
-  state->stream->SetPriming(config_.fps * static_cast<std::uint64_t>(config_.prime_ms) / 1000,
-                            static_cast<std::uint64_t>(config_.prime_ms));
+  state->stream = std::make_shared<streams::MediaStream>(fmt::format("sharing {}", target.label),
+                                                         static_cast<int>(quality.fps), quality.video_kbps);
+  state->stream->SetPriming(quality.fps * static_cast<std::uint64_t>(config.prime_ms) / 1000,
+                            static_cast<std::uint64_t>(config.prime_ms));
   encode::H264Encoder* encoder = state->encoder.get();
   state->stream->SetKeyframeRequester([encoder, gate = state->keyframe_gate] {
     if (gate->Take(SteadyNowNs())) encoder->RequestKeyframe();
   });
 
-  OpenAudio(*state, target);
-  state->capture = MakeCaptureSource(*state, target);
+  OpenAudio(*state, target, config);
+  state->capture = MakeCaptureSource(*state, target, quality);
   if (state->audio) state->audio->Start();
   state->capture->Start();
   // From here a failure must also take back what has been made public.
   try {
-    StartPeering(*state);
+    StartPeering(*state, settings);
     registry_.Publish(state->token, state->stream);
   } catch (...) {
     registry_.Withdraw(state->token);
@@ -153,33 +153,33 @@ void Sharing::Start(const ShareTarget& target) {
     throw;
   }
   LOG_INFO("target={} token={}", state->label, state->token);
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   state_ = std::move(state);
 }
 
-void Sharing::OpenAudio(State& state, const ShareTarget& target) {
-  if (!config_.audio_enabled) return;
+void Sharing::OpenAudio(State& state, const ShareTarget& target, const Config& config) {
+  if (!config.audio_enabled) return;
   try {
     const capture::AudioFormat wanted{kAudioRate, kAudioChannels};
     std::unique_ptr<capture::IAudioCapturer> capturer =
-        target.whole_mix || config_.always_whole_mix
+        target.whole_mix || config.always_whole_mix
             ? factories_.whole_mix(wanted)
             : factories_.process_sound(target.process_id, wanted);
     const capture::AudioFormat format = capturer->format();
     encode::AacEncoderConfig audio;
     audio.sample_rate = format.sample_rate;
     audio.channels = format.channels;
-    audio.bitrate_bps = config_.audio_kbps * 1000;
+    audio.bitrate_bps = config.quality.audio_kbps * 1000;
     std::unique_ptr<encode::AacEncoder> encoder = encode::CreateAacEncoder(audio);
 
-    daemon::AudioConfig settled;
+    streams::AudioConfig settled;
     settled.sample_rate = encoder->sample_rate();
     settled.channels = encoder->channels();
     settled.bitrate_kbps = encoder->bitrate_bps() / 1000;
-    const auto config = encoder->audio_specific_config();
-    settled.audio_specific_config.assign(config.begin(), config.end());
+    const auto specific_config = encoder->audio_specific_config();
+    settled.audio_specific_config.assign(specific_config.begin(), specific_config.end());
 
-    const std::optional<daemon::AudioConfig> advertised = state.stream->Audio();
+    const std::optional<streams::AudioConfig> advertised = state.stream->Audio();
     if (advertised && (advertised->sample_rate != settled.sample_rate ||
                        advertised->channels != settled.channels)) {
       // Viewers and the signal server were told the old format; only a retarget gets here.
@@ -187,13 +187,13 @@ void Sharing::OpenAudio(State& state, const ShareTarget& target) {
                settled.channels, advertised->sample_rate, advertised->channels);
     } else {
       state.stream->audio().SetHistory(
-          static_cast<std::uint64_t>((config_.prime_ms + 3000) * settled.sample_rate / 1024000));
+          static_cast<std::uint64_t>((config.prime_ms + 3000) * settled.sample_rate / 1024000));
       state.stream->SetAudio(settled);
     }
     state.audio_whole_mix = !capturer->process_scoped();
     state.audio = std::make_unique<AudioSource>(std::move(capturer), std::move(encoder), state.stream->audio());
     state.audio->SetEpoch(&state.epoch);
-    state.audio->SetMono(config_.mono);
+    state.audio->SetMono(config.quality.mono);
     state.audio_open = true;
   } catch (const std::exception& error) {
     LOG_WARN("audio unavailable: {}", error.what());
@@ -202,10 +202,11 @@ void Sharing::OpenAudio(State& state, const ShareTarget& target) {
   }
 }
 
-void Sharing::StartPeering(State& state) {
-  if (config_.signal_url.empty()) return;
-  transport::PeerConfig peer_config{config_.ice_servers, config_.ice_policy};
-  const std::optional<daemon::AudioConfig> audio =
+void Sharing::StartPeering(State& state, const Settings& settings) {
+  const Config& config = settings.config;
+  if (config.signal_url.empty()) return;
+  transport::PeerConfig peer_config{config.ice_servers, config.ice_policy};
+  const std::optional<streams::AudioConfig> audio =
       state.audio_open ? state.stream->Audio() : std::nullopt;
 
   transport::OfferMedia offer;
@@ -219,15 +220,15 @@ void Sharing::StartPeering(State& state) {
   }
 
   transport::SignalConfig signal;
-  signal.url = config_.signal_url;
+  signal.url = config.signal_url;
   signal.token = state.token;
   signal.secret = state.secret;
   signal.is_public = state.is_public;
   protocol::StreamMedia media;
-  media.width = config_.width;
-  media.height = config_.height;
-  media.fps = config_.fps;
-  media.video_kbps = config_.video_kbps;
+  media.width = config.quality.width;
+  media.height = config.quality.height;
+  media.fps = config.quality.fps;
+  media.video_kbps = config.quality.video_kbps;
   if (audio) {
     media.sample_rate = audio->sample_rate;
     media.channels = audio->channels;
@@ -240,14 +241,14 @@ void Sharing::StartPeering(State& state) {
   state.session = std::make_unique<ShareSession>(state.signal.get(), &state.stream->frames(),
                                                  audio ? &state.stream->audio() : nullptr, peer_config,
                                                  offer, audio ? audio->sample_rate : kAudioRate);
-  state.session->SetAdmissionRequired(admission_required_);
+  state.session->SetAdmissionRequired(settings.admission_required);
   state.session->SetPublic(state.is_public);
-  state.session->SetAllowlist(allowlist_);
+  state.session->SetAllowlist(settings.allowlist);
   state.session->SetShareToken(state.token);
   state.session->SetPendingHandler([this](const PendingViewer& viewer) {
     PendingHandler handler;
     {
-      std::lock_guard lock(handler_mutex_);
+      MutexLock lock(handler_mutex_);
       handler = on_viewer_pending_;
     }
     if (handler) handler(viewer);
@@ -255,7 +256,7 @@ void Sharing::StartPeering(State& state) {
   state.session->SetPendingGoneHandler([this](const std::string& connection_id) {
     std::function<void(const std::string&)> handler;
     {
-      std::lock_guard lock(handler_mutex_);
+      MutexLock lock(handler_mutex_);
       handler = on_viewer_pending_gone_;
     }
     if (handler) handler(connection_id);
@@ -274,7 +275,7 @@ void Sharing::StartPeering(State& state) {
     }
     std::function<void(const std::string&)> handler;
     {
-      std::lock_guard lock(handler_mutex_);
+      MutexLock lock(handler_mutex_);
       handler = on_refused_;
     }
     if (handler) handler(reason);
@@ -283,14 +284,15 @@ void Sharing::StartPeering(State& state) {
 }
 
 void Sharing::Retarget(const ShareTarget& target) {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
   std::unique_ptr<CaptureSource> old_capture;
   std::unique_ptr<AudioSource> old_audio;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!state_) return;
     State& state = *state_;
     // A failure here leaves the share as it was.
-    std::unique_ptr<CaptureSource> replacement = MakeCaptureSource(state, target);
+    std::unique_ptr<CaptureSource> replacement = MakeCaptureSource(state, target, config_.quality);
 
     old_capture = std::move(state.capture);
     old_audio = std::move(state.audio);
@@ -305,7 +307,7 @@ void Sharing::Retarget(const ShareTarget& target) {
     const std::uint64_t resume_frame = old_capture->next_frame();
     state.capture->SetResumeFrame(resume_frame);
     if (old_audio) old_audio->Stop();
-    OpenAudio(state, target);
+    OpenAudio(state, target, config_);
     if (state.audio) state.audio->Start();
     state.capture->Start();
     // Viewers resynchronise at once on the new picture.
@@ -317,12 +319,13 @@ void Sharing::Retarget(const ShareTarget& target) {
 }
 
 void Sharing::Revoke() {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
   const protocol::ShareCredentials credentials = protocol::GenerateShareCredentials();
   std::string old_token;
   std::unique_ptr<transport::SignalClient> old_signal;
   std::unique_ptr<ShareSession> old_session;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!state_) return;
     old_token = state_->token;
     old_signal = std::move(state_->signal);
@@ -337,9 +340,9 @@ void Sharing::Revoke() {
   // The old token is let go on the server too: its viewers are sent away, and it is nobody's.
   if (old_signal) old_signal->End();
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (state_ && state_->token == credentials.token) {
-      StartPeering(*state_);
+      StartPeering(*state_, CurrentSettings());
       LOG_INFO("token={} revoked -> {}", old_token, state_->token);
     }
   }
@@ -348,9 +351,10 @@ void Sharing::Revoke() {
 }
 
 void Sharing::Stop() {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
   std::unique_ptr<State> state;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     state = std::move(state_);
   }
   if (!state) return;
@@ -365,7 +369,8 @@ void Sharing::Stop() {
 }
 
 void Sharing::Extend(std::int32_t minutes) {
-  std::lock_guard lock(mutex_);
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
+  MutexLock lock(mutex_);
   if (!state_ || state_->expires_at == 0) return;
   // Added to what is left (it was once "now + minutes", which shortened a long share), and never
   // beyond the longest a share may last.
@@ -377,12 +382,13 @@ void Sharing::Extend(std::int32_t minutes) {
 }
 
 void Sharing::Poll() {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
   ShareSession* session = nullptr;
   {
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     if (!state_) return;
     if (state_->expires_at != 0 && SteadyNowNs() >= state_->expires_at) {
-      lock.unlock();
+      lock.Unlock();
       expired_ = true;
       LOG_INFO("lifetime expired, stopped");
       Stop();
@@ -395,22 +401,22 @@ void Sharing::Poll() {
 }
 
 void Sharing::OnViewerPending(PendingHandler handler) {
-  std::lock_guard lock(handler_mutex_);
+  MutexLock lock(handler_mutex_);
   on_viewer_pending_ = std::move(handler);
 }
 
 void Sharing::OnViewerPendingGone(std::function<void(const std::string&)> handler) {
-  std::lock_guard lock(handler_mutex_);
+  MutexLock lock(handler_mutex_);
   on_viewer_pending_gone_ = std::move(handler);
 }
 
 void Sharing::OnRefused(std::function<void(const std::string&)> handler) {
-  std::lock_guard lock(handler_mutex_);
+  MutexLock lock(handler_mutex_);
   on_refused_ = std::move(handler);
 }
 
 SignalState Sharing::signal_state() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (!state_ || !state_->signal) return SignalState::kOff;
   {
     std::lock_guard refusal_lock(state_->refusal->mutex);
@@ -421,103 +427,106 @@ SignalState Sharing::signal_state() const {
 }
 
 std::string Sharing::refusal() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (!state_) return {};
   std::lock_guard refusal_lock(state_->refusal->mutex);
   return state_->refusal->reason;
 }
 
 void Sharing::SetAllowlist(Allowlist allowlist) {
-  std::lock_guard lock(mutex_);
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
+  MutexLock lock(mutex_);
   allowlist_ = std::move(allowlist);
   if (state_ && state_->session) state_->session->SetAllowlist(allowlist_);
 }
 
 void Sharing::SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy) {
-  std::lock_guard lock(mutex_);
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
+  MutexLock lock(mutex_);
   config_.ice_servers = std::move(servers);
   config_.ice_policy = policy;
 }
 
-void Sharing::SetQuality(const ShareQuality& quality) {
-  std::lock_guard lock(mutex_);
-  config_.width = quality.width;
-  config_.height = quality.height;
-  config_.fps = quality.fps;
-  config_.video_kbps = quality.video_kbps;
-  config_.audio_kbps = quality.audio_kbps;
-  config_.mono = quality.mono;
+void Sharing::SetQuality(const encode::ShareQuality& quality) {
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
+  MutexLock lock(mutex_);
+  config_.quality = quality;
 }
 
 void Sharing::SetAdmissionRequired(bool required) {
-  std::lock_guard lock(mutex_);
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
+  MutexLock lock(mutex_);
   admission_required_ = required;
 }
 
 void Sharing::SetPublic(bool is_public) {
-  std::lock_guard lock(mutex_);
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
+  MutexLock lock(mutex_);
   public_ = is_public;
 }
 
 bool Sharing::is_public() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return state_ && state_->is_public;
 }
 
 void Sharing::Admit(const std::string& connection_id) {
-  std::lock_guard lock(mutex_);
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
+  MutexLock lock(mutex_);
   if (state_ && state_->session) state_->session->Approve(connection_id);
 }
 
 void Sharing::Deny(const std::string& connection_id) {
-  std::lock_guard lock(mutex_);
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
+  MutexLock lock(mutex_);
   if (state_ && state_->session) state_->session->Deny(connection_id);
 }
 
 void Sharing::Disconnect(const std::string& connection_id) {
-  std::lock_guard lock(mutex_);
+  MIRELL_DCHECK_OWNER_THREAD(owner_thread_);
+  MutexLock lock(mutex_);
   if (state_ && state_->session) state_->session->Disconnect(connection_id);
 }
 
 bool Sharing::active() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return state_ != nullptr;
 }
 
 bool Sharing::capture_running() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return state_ && state_->capture && state_->capture->capturing();
 }
 
 bool Sharing::audio_open() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return state_ && state_->audio_open;
 }
 
 bool Sharing::audio_whole_mix() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return state_ && state_->audio_whole_mix;
 }
 
 std::int64_t Sharing::seconds_left() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (!state_ || state_->expires_at == 0) return 0;
   const std::int64_t left_ns = state_->expires_at - SteadyNowNs();
   return left_ns > 0 ? left_ns / 1'000'000'000 : 0;
 }
 
 std::string Sharing::label() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return state_ ? state_->label : std::string();
 }
 
 std::string Sharing::token() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return state_ ? state_->token : std::string();
 }
 
 std::string Sharing::link() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   // Without a meeting place there is no link anyone could open.
   if (!state_ || config_.share_prefix.empty()) return {};
   // A link opens the page of the server it names: a plain ws:// server serves plain http://.
@@ -526,7 +535,7 @@ std::string Sharing::link() const {
 }
 
 std::size_t Sharing::viewer_count() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return state_ && state_->session ? state_->session->ViewerCount() : 0;
 }
 
@@ -537,12 +546,12 @@ std::uint32_t Sharing::uplink_kbps() const {
 }
 
 std::vector<ViewerInfo> Sharing::viewers() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return state_ && state_->session ? state_->session->Viewers() : std::vector<ViewerInfo>{};
 }
 
 std::vector<PendingViewer> Sharing::pending_viewers() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return state_ && state_->session ? state_->session->PendingViewers() : std::vector<PendingViewer>{};
 }
 

@@ -43,7 +43,7 @@ HoldingClipConfig CardConfig(std::uint32_t fps, const std::string& title) {
 // client, the receiver, the link, the stream.
 struct Viewing::Watch {
   std::string token;
-  std::shared_ptr<daemon::MediaStream> stream;
+  std::shared_ptr<streams::MediaStream> stream;
   // Shared so that the stream's keyframe requester, which an RTSP reader may call after the watch
   // has gone, holds it only weakly.
   std::shared_ptr<transport::PeerLink> link;
@@ -75,7 +75,7 @@ struct Viewing::Watch {
   std::shared_ptr<Joining> joining = std::make_shared<Joining>();
 };
 
-Viewing::Viewing(daemon::StreamRegistry& registry, Config config)
+Viewing::Viewing(streams::StreamRegistry& registry, Config config)
     : registry_(registry),
       signal_url_(std::move(config.signal_url)),
       share_identity_(config.share_identity),
@@ -111,14 +111,14 @@ void Viewing::StartCard(Watch& watch, const HoldingClip& clip) {
 }
 
 void Viewing::StartWaitingCards() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   for (const auto& watch : watches_) {
     if (!watch->done.load()) StartCard(*watch, *clip_);
   }
 }
 
-void Viewing::ApplyMedia(daemon::MediaStream& stream, const protocol::StreamMedia& media) {
-  daemon::AudioConfig audio;
+void Viewing::ApplyMedia(streams::MediaStream& stream, const protocol::StreamMedia& media) {
+  streams::AudioConfig audio;
   audio.sample_rate = media.sample_rate != 0 ? media.sample_rate : kDefaultRate;
   audio.channels = media.channels != 0 ? media.channels : kDefaultChannels;
   audio.bitrate_kbps = media.audio_kbps != 0 ? media.audio_kbps : kDefaultAudioKbps;
@@ -158,7 +158,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
   if (token.empty()) return EnsureResult::kFailed;
   // One at a time: two callers for one token (a relay's players come together) must not both
   // find no watch and each make one.
-  std::lock_guard making(ensure_mutex_);
+  MutexLock making(ensure_mutex_);
   // The host's own stream when this program shares the token: no peer connection is made.
   if (registry_.Find(token)) return EnsureResult::kReady;
 
@@ -166,7 +166,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
   transport::SignalConfig signal_config;
   std::shared_ptr<const transport::IdentityKey> key;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     std::size_t live = 0;
     for (const auto& watch : watches_) {
       if (watch->token == token) return EnsureResult::kReady;
@@ -196,9 +196,9 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
 
   auto watch = std::make_unique<Watch>();
   watch->token = token;
-  watch->stream = std::make_shared<daemon::MediaStream>(fmt::format("watching {}", token),
+  watch->stream = std::make_shared<streams::MediaStream>(fmt::format("watching {}", token),
                                                         static_cast<int>(fps_), video_kbps_);
-  daemon::MediaStream& stream = *watch->stream;
+  streams::MediaStream& stream = *watch->stream;
   stream.SetPriming(static_cast<std::uint64_t>(prime_ms_ * kPrimingFps / 1000),
                     static_cast<std::uint64_t>(prime_ms_));
   protocol::StreamMedia defaults;
@@ -262,7 +262,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
   if (signal_url.empty()) {
     LOG_WARN("token={} no signal url", token);
     registry_.Publish(token, watch->stream);
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     watches_.push_back(std::move(watch));
     // The card may have become ready after the wait above and before the watch was listed.
     if (clip_ && clip_->WaitReady(0)) StartCard(*raw, *clip_);
@@ -272,7 +272,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
   watch->signal = transport::CreateViewerSignalClient(signal_config);
   transport::SignalClient* const signal = watch->signal.get();
   signal->OnMedia([raw, token](const protocol::StreamMedia& media) {
-    daemon::MediaStream& target = *raw->stream;
+    streams::MediaStream& target = *raw->stream;
     ApplyMedia(target, media);
     target.SetVideoParameters(static_cast<int>(media.fps), media.video_kbps);
     if (media.sample_rate != 0) raw->receiver->SetAudioClock(media.sample_rate);
@@ -288,7 +288,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
       if (channels != 0) {
         // The offer names the audio RTP clock; what the player was told stays as it is.
         raw->receiver->SetAudioClock(rate);
-        const std::optional<daemon::AudioConfig> advertised = raw->stream->Audio();
+        const std::optional<streams::AudioConfig> advertised = raw->stream->Audio();
         if (advertised &&
             (advertised->sample_rate != rate || advertised->channels != channels)) {
           LOG_WARN("token={} offer audio={}/{} advertised={}/{} mismatch", token, rate, channels,
@@ -341,7 +341,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
   registry_.Publish(token, watch->stream);
   signal->Start();
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     watches_.push_back(std::move(watch));
     if (clip_ && clip_->WaitReady(0)) StartCard(*raw, *clip_);
   }
@@ -349,7 +349,7 @@ Viewing::EnsureResult Viewing::Ensure(const std::string& token, const std::strin
   return EnsureResult::kReady;
 }
 
-void Viewing::End(daemon::StreamRegistry& registry, Watch& watch) {
+void Viewing::End(streams::StreamRegistry& registry, Watch& watch) {
   registry.Withdraw(watch.token, watch.stream.get());
   if (watch.signal) watch.signal->Stop();
   if (watch.link) watch.link->Close();
@@ -358,7 +358,7 @@ void Viewing::End(daemon::StreamRegistry& registry, Watch& watch) {
 void Viewing::Poll() {
   std::vector<std::unique_ptr<Watch>> finished;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     const std::int64_t now = SteadyNowNs();
     for (const auto& watch : watches_) {
       if (watch->done.load()) continue;
@@ -388,37 +388,37 @@ void Viewing::Poll() {
 void Viewing::Stop() {
   std::vector<std::unique_ptr<Watch>> all;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     all.swap(watches_);
   }
   for (const auto& watch : all) End(registry_, *watch);
 }
 
 void Viewing::Drop(const std::string& token) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   for (const auto& watch : watches_) {
     if (watch->token == token) watch->done = true;
   }
 }
 
 void Viewing::SetIdentity(protocol::PeerIdentity identity) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   identity_ = std::move(identity.identity);
   display_name_ = std::move(identity.display_name);
 }
 
 void Viewing::SetIdentityKey(std::shared_ptr<const transport::IdentityKey> key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   key_ = std::move(key);
 }
 
 void Viewing::SetShareIdentity(bool share) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   share_identity_ = share;
 }
 
 void Viewing::SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ice_servers_ = std::move(servers);
   ice_policy_ = policy;
 }
@@ -427,7 +427,7 @@ Viewing::JoinState Viewing::WaitJoinState(const std::string& token,
                                           std::chrono::milliseconds limit) const {
   std::shared_ptr<Watch::Joining> joining;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     for (const auto& watch : watches_) {
       if (watch->token == token && watch->signal) joining = watch->joining;
     }
@@ -439,7 +439,7 @@ Viewing::JoinState Viewing::WaitJoinState(const std::string& token,
 }
 
 std::size_t Viewing::WatchCount() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return watches_.size();
 }
 

@@ -36,7 +36,7 @@ TEST(AudioSourceOnPulse, ACapturedToneComesBackFromTheAacUnitsAtItsFrequency) {
     return capturer != nullptr;
   }));
   encode::AacEncoderConfig config;
-  daemon::AudioBus bus;
+  streams::AudioBus bus;
   const auto reader = bus.Subscribe(1024, -1);
   AudioSource source(std::move(capturer), encode::CreateAacEncoder(config), bus);
   source.Start();

@@ -78,8 +78,8 @@ class AudioSourceTest : public ::testing::Test {
     return units;
   }
 
-  daemon::AudioBus bus_;
-  std::shared_ptr<daemon::AudioBus::Subscription> reader_ = bus_.Subscribe(256, -1);
+  streams::AudioBus bus_;
+  std::shared_ptr<streams::AudioBus::Subscription> reader_ = bus_.Subscribe(256, -1);
   capture::FakeAudioCapturer* capturer_ = nullptr;
   RecordingAacEncoder* encoder_ = nullptr;
 };

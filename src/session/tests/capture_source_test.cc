@@ -113,7 +113,7 @@ class CaptureSourceTest : public ::testing::Test {
                                            encode::CreateVideoProcessor(320, 180), bus_, fps);
   }
   // Units published on the bus, oldest first, until `count` arrived or 5 s passed.
-  std::vector<encode::EncodedFramePtr> Collect(const std::shared_ptr<daemon::FrameBus::Subscription>& reader,
+  std::vector<encode::EncodedFramePtr> Collect(const std::shared_ptr<streams::FrameBus::Subscription>& reader,
                                                std::size_t count) {
     std::vector<encode::EncodedFramePtr> units;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
@@ -123,7 +123,7 @@ class CaptureSourceTest : public ::testing::Test {
     return units;
   }
 
-  daemon::FrameBus bus_;
+  streams::FrameBus bus_;
   capture::FakeCapturer* capturer_ = nullptr;
   RecordingEncoder encoder_;
   SolidBgra grey_{640, 360, 128};

@@ -45,7 +45,7 @@ class CaptureSourceOnX11 : public ::testing::Test {
 
   std::unique_ptr<testsupport::XvfbDisplay> display_;
   std::unique_ptr<encode::H264Encoder> encoder_;
-  daemon::FrameBus bus_;
+  streams::FrameBus bus_;
 };
 
 TEST_F(CaptureSourceOnX11, AStillWindowIsRepeatedAtTheTargetRate) {

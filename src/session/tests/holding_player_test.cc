@@ -5,12 +5,12 @@
 #include <filesystem>
 #include <sstream>
 
-#include "mirell/daemon/rtsp_server.h"
+#include "mirell/rtsp/rtsp_server.h"
 #include "interop_support.h"
 #include "rtsp_test_client.h"
-#include "mirell/daemon/stream_path.h"
-#include "mirell/daemon/stream_registry.h"
+#include "mirell/rtsp/stream_path.h"
 #include "mirell/session/holding_source.h"
+#include "mirell/streams/stream_registry.h"
 #include "mirell/testsupport/subprocess.h"
 
 namespace mirell::session {
@@ -26,9 +26,9 @@ class HoldingPlayerTest : public ::testing::Test {
     if (!testsupport::HaveProgram("ffmpeg")) GTEST_SKIP() << "needs ffmpeg";
     clip_ = std::make_unique<HoldingClip>(HoldingClipConfig{});
     ASSERT_TRUE(clip_->WaitReady(60'000));
-    stream_ = std::make_shared<daemon::MediaStream>("card", 30, 1000);
+    stream_ = std::make_shared<streams::MediaStream>("card", 30, 1000);
     stream_->SetSequenceHeader(clip_->SequenceHeader());
-    stream_->SetAudio(daemon::AudioConfig{48000, 2, 128, {}});
+    stream_->SetAudio(streams::AudioConfig{48000, 2, 128, {}});
     stream_->SetPriming(15, 500);
     stream_->audio().SetHistory(100);
     registry_.Publish("ABCDEFGHJKMN", stream_);
@@ -43,9 +43,9 @@ class HoldingPlayerTest : public ::testing::Test {
   }
 
   std::unique_ptr<HoldingClip> clip_;
-  std::shared_ptr<daemon::MediaStream> stream_;
-  daemon::StreamRegistry registry_;
-  daemon::RtspServer server_{[this](const std::string& path) { return registry_.Find(daemon::TokenFromPath(path)); }};
+  std::shared_ptr<streams::MediaStream> stream_;
+  streams::StreamRegistry registry_;
+  rtsp::RtspServer server_{[this](const std::string& path) { return registry_.Find(rtsp::TokenFromPath(path)); }};
   std::unique_ptr<HoldingSource> source_;
   std::string url_;
 };
@@ -131,7 +131,7 @@ TEST_F(HoldingPlayerTest, FirstPictureShowsTheCard) {
 
 // On the wire: RTP time stamps of both tracks over 6 s, across the clip's loop point at 4 s.
 TEST_F(HoldingPlayerTest, RtpTimesStepEvenlyAcrossTheLoopPoint) {
-  daemon::testing::RtspTestClient client(server_.port());
+  rtsp::testing::RtspTestClient client(server_.port());
   ASSERT_EQ(client.Request("DESCRIBE", url_, 1).status, 200);
   client.Request("SETUP", url_ + "/trackID=0", 2, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
   client.Request("SETUP", url_ + "/trackID=1", 3, "Transport: RTP/AVP/TCP;interleaved=2-3\r\n");
@@ -141,7 +141,7 @@ TEST_F(HoldingPlayerTest, RtpTimesStepEvenlyAcrossTheLoopPoint) {
   while (std::chrono::steady_clock::now() < until) {
     const auto frame = client.ReadFrame(1s);
     ASSERT_TRUE(frame.has_value());
-    const auto fields = daemon::testing::ReadRtpFields(frame->payload);
+    const auto fields = rtsp::testing::ReadRtpFields(frame->payload);
     if (frame->channel == 0 && fields.marker) video.push_back(fields.timestamp);
     if (frame->channel == 2) audio.push_back(fields.timestamp);
   }

@@ -68,8 +68,8 @@ TEST(HoldingClip, WithoutH264TheClipIsEmptyButReady) {
   EXPECT_TRUE(clip.SequenceHeader().empty());
   EXPECT_NE(testsupport::ReadFileText(dir.path() / "log").find("h264 unavailable: "), std::string::npos);
 
-  daemon::FrameBus frames;
-  daemon::AudioBus audio;
+  streams::FrameBus frames;
+  streams::AudioBus audio;
   frames.SetHistory(10);
   HoldingSource source(frames, audio, clip);
   source.Start();
@@ -96,8 +96,8 @@ TEST(HoldingClip, ACardThatCannotBeDrawnLeavesAnEmptyClipAndTheProcessRunning) {
       << log;
   EXPECT_NE(log.find("viewers wait without it"), std::string::npos) << log;
 
-  daemon::FrameBus frames;
-  daemon::AudioBus audio;
+  streams::FrameBus frames;
+  streams::AudioBus audio;
   HoldingSource source(frames, audio, clip);
   source.Start();
   EXPECT_FALSE(source.playing());
@@ -108,8 +108,8 @@ TEST(HoldingSource, LoopsWithRisingTimesKeyframesAsInTheClipAndSilenceOneUnitAhe
   ASSERT_TRUE(clip.WaitReady(30'000));
   const auto clip_frames = clip.Frames();
   ASSERT_EQ(clip_frames.size(), 30u);
-  daemon::FrameBus frames;
-  daemon::AudioBus audio;
+  streams::FrameBus frames;
+  streams::AudioBus audio;
   auto video_reader = frames.Subscribe(200, 0);
   auto audio_reader = audio.Subscribe(400, -1);
   HoldingSource source(frames, audio, clip);
@@ -151,8 +151,8 @@ TEST(HoldingSource, LoopsWithRisingTimesKeyframesAsInTheClipAndSilenceOneUnitAhe
 TEST(HoldingSource, APlayerOpeningTheStreamAtOnceFindsAHeadStartOfPicturesAndSound) {
   HoldingClip clip(SmallClip());
   ASSERT_TRUE(clip.WaitReady(30'000));
-  daemon::FrameBus frames;
-  daemon::AudioBus audio;
+  streams::FrameBus frames;
+  streams::AudioBus audio;
   frames.SetHistory(200);  // As a stream's buses keep it.
   audio.SetHistory(400);
   HoldingSource source(frames, audio, clip);
@@ -180,8 +180,8 @@ TEST(HoldingSource, WithoutSilenceOnlyVideoPlays) {
   ASSERT_TRUE(clip.WaitReady(30'000));
   EXPECT_TRUE(clip.Silence().empty());
   ASSERT_FALSE(clip.Frames().empty());
-  daemon::FrameBus frames;
-  daemon::AudioBus audio;
+  streams::FrameBus frames;
+  streams::AudioBus audio;
   auto audio_reader = audio.Subscribe(100, -1);
   auto video_reader = frames.Subscribe(100, 0);
   HoldingSource source(frames, audio, clip);

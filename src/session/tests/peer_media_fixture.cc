@@ -27,7 +27,7 @@ std::int64_t AudioTime(std::int64_t start, std::size_t j) {
 }
 
 void PublishInRealTime(const PeerMediaFixture& fixture, std::int64_t start,
-                       daemon::FrameBus& frames, daemon::AudioBus* audio) {
+                       streams::FrameBus& frames, streams::AudioBus* audio) {
   const auto began = std::chrono::steady_clock::now();
   const std::int64_t first = AudioTime(start, 0);
   std::size_t i = 0;

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "mirell/daemon/audio_bus.h"
-#include "mirell/daemon/frame_bus.h"
+#include "mirell/streams/audio_bus.h"
+#include "mirell/streams/frame_bus.h"
 
 namespace mirell::session::testing {
 
@@ -31,7 +31,7 @@ std::int64_t AudioTime(std::int64_t start, std::size_t j);
 
 // Publishes every unit in time-stamp order, paced by the clock.
 void PublishInRealTime(const PeerMediaFixture& fixture, std::int64_t start,
-                       daemon::FrameBus& frames, daemon::AudioBus* audio);
+                       streams::FrameBus& frames, streams::AudioBus* audio);
 
 // FNV-1a of the bytes, as 16 hex digits.
 std::string Digest(const Bytes& bytes);

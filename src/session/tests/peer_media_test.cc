@@ -84,8 +84,8 @@ class PeerMediaTest : public ::testing::Test {
 
   // Host side in this process: sender on the offerer, publishing the fixture in real time.
   void SendThrough(transport::PeerLink& host, bool with_audio) {
-    daemon::FrameBus frames;
-    daemon::AudioBus audio;
+    streams::FrameBus frames;
+    streams::AudioBus audio;
     PeerSender sender(&host, &frames, with_audio ? &audio : nullptr, 48000);
     sender.Start();
     ASSERT_TRUE(testsupport::Eventually([&] {
@@ -109,8 +109,8 @@ class PeerMediaTest : public ::testing::Test {
     transport::SetOutgoingVideoLoss(loss_every);
     transport::testing::LinkPair pair(HostOnly(), HostOnly(), media);
     transport::SetOutgoingVideoLoss(0);
-    daemon::FrameBus frames;
-    daemon::AudioBus audio;
+    streams::FrameBus frames;
+    streams::AudioBus audio;
     auto video_reader = frames.Subscribe(1000, 0);
     auto audio_reader = audio.Subscribe(1000, -1);
     PeerReceiver receiver(pair.viewer.get(), &frames, &audio, 48000);

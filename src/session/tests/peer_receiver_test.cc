@@ -62,10 +62,10 @@ class PeerReceiverTest : public ::testing::Test {
 
   testsupport::TempDir dir_;
   RecordingLink link_;
-  daemon::FrameBus frames_;
-  daemon::AudioBus audio_;
-  std::shared_ptr<daemon::FrameBus::Subscription> video_;
-  std::shared_ptr<daemon::AudioBus::Subscription> audio_sub_;
+  streams::FrameBus frames_;
+  streams::AudioBus audio_;
+  std::shared_ptr<streams::FrameBus::Subscription> video_;
+  std::shared_ptr<streams::AudioBus::Subscription> audio_sub_;
   PeerReceiver receiver_{&link_, &frames_, &audio_, 48000};
   media::H264RtpPacketizer video_packetizer_{{96, 0x4D524C56, 1200, 0}};
   media::AacRtpPacketizer audio_packetizer_{{97, 0x4D524C41, 1200, 0}};
@@ -164,7 +164,7 @@ TEST_F(PeerReceiverTest, AResumePointAheadOfTheFirstFrameShiftsBothTracks) {
 
 TEST_F(PeerReceiverTest, AResumePointOfZeroOrNotAheadLeavesTheTimelineAlone) {
   for (std::int64_t resume : {std::int64_t{0}, std::int64_t{-5}}) {
-    daemon::FrameBus frames;
+    streams::FrameBus frames;
     auto subscription = frames.Subscribe(100, 0);
     PeerReceiver receiver(&link_, &frames, &audio_, 48000);
     int calls = 0;

@@ -66,8 +66,8 @@ class PeerSenderTest : public ::testing::Test {
 
   testsupport::TempDir dir_;
   RecordingLink link_;
-  daemon::FrameBus frames_;
-  daemon::AudioBus audio_;
+  streams::FrameBus frames_;
+  streams::AudioBus audio_;
 };
 
 TEST(PeerSenderClock, VideoAndAudioArithmetic) {

@@ -31,8 +31,8 @@ int main(int argc, char** argv) {
 
   // A sanitized build runs several times slower; see the link's tests.
   if constexpr (testsupport::kSanitizedBuild) transport::SetReceiveLatency(1000);
-  daemon::FrameBus frames;
-  daemon::AudioBus audio;
+  streams::FrameBus frames;
+  streams::AudioBus audio;
   auto video_reader = frames.Subscribe(1000, 0);
   auto audio_reader = audio.Subscribe(1000, -1);
   auto link = transport::CreateAnswerer(transport::PeerConfig{{}, 1});

@@ -71,8 +71,8 @@ class ShareSessionTest : public ::testing::Test {
 
   testsupport::TempDir dir_;
   ScriptedSignalClient signal_;
-  daemon::FrameBus frames_;
-  daemon::AudioBus audio_;
+  streams::FrameBus frames_;
+  streams::AudioBus audio_;
   ShareSession session_{&signal_, &frames_, &audio_, transport::PeerConfig{{}, 1},
                         transport::OfferMedia{}, 48000};
   std::mutex asked_mutex_;
@@ -578,8 +578,8 @@ class InProcessViewer {
   transport::PeerLink& link() { return *link_; }
 
  private:
-  daemon::FrameBus frames_;
-  daemon::AudioBus audio_;
+  streams::FrameBus frames_;
+  streams::AudioBus audio_;
   std::unique_ptr<transport::PeerLink> link_;
   PeerReceiver receiver_;
   std::mutex mutex_;

@@ -16,9 +16,9 @@
 #include "fake_audio_capturer.h"
 #include "fake_signal_server.h"
 #include "mirell/base/logging.h"
-#include "mirell/daemon/media_stream.h"
-#include "mirell/daemon/stream_registry.h"
 #include "mirell/session/sharing.h"
+#include "mirell/streams/media_stream.h"
+#include "mirell/streams/stream_registry.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
 #include "mirell/testsupport/xvfb.h"
@@ -50,10 +50,10 @@ class SharingTest : public ::testing::Test {
 
   static Sharing::Config SmallConfig() {
     Sharing::Config config;
-    config.width = 320;
-    config.height = 180;
-    config.fps = 15;
-    config.video_kbps = 400;
+    config.quality.width = 320;
+    config.quality.height = 180;
+    config.quality.fps = 15;
+    config.quality.video_kbps = 400;
     config.share_prefix = "mirell.test/s/";
     return config;
   }
@@ -118,7 +118,7 @@ class SharingTest : public ::testing::Test {
   std::unique_ptr<testsupport::XvfbDisplay> display_;
   std::unique_ptr<capture::PulseServer> pulse_;
   transport::testing::FakeSignalServer signal_;
-  daemon::StreamRegistry registry_;
+  streams::StreamRegistry registry_;
 };
 
 // No meeting place, so no address anyone could open: the share plays here and has no link.
@@ -283,7 +283,7 @@ TEST_F(SharingTest, AOneMinuteShareEndsByItselfAtThePollAfterItsTime) {
   auto window = OpenWindow("Lifetime", "0000FF");
   auto config = SmallConfig();
   config.audio_enabled = false;
-  config.fps = 5;
+  config.quality.fps = 5;
   config.lifetime_minutes = 1;
   Sharing sharing(registry_, config);
   sharing.Start(WindowTarget(*window, "lifetime"));
@@ -332,7 +332,7 @@ TEST_F(SharingTest, WithSoundTheHostRegistersWhatTheEncoderSettledOn) {
   auto window = OpenWindow("Loud", "0000FF", 440);
   auto config = SmallConfig();
   config.signal_url = signal_.url();
-  config.audio_kbps = 100;  // Snapped by the encoder to 96.
+  config.quality.audio_kbps = 100;  // Snapped by the encoder to 96.
   Sharing sharing(registry_, config);
   sharing.Start(WindowTarget(*window, "loud"));
   ASSERT_TRUE(sharing.audio_open());
@@ -537,7 +537,7 @@ TEST_F(SharingTest, ARetargetThatOpensSoundAt44100KeepsTheAdvertisedDescription)
   sharing.Start(WindowTarget(*window, "window"));
   const auto stream = registry_.Find(sharing.token());
   ASSERT_TRUE(stream->Audio().has_value());
-  const daemon::AudioConfig advertised = *stream->Audio();
+  const streams::AudioConfig advertised = *stream->Audio();
   ASSERT_EQ(advertised.sample_rate, 48000u);
 
   sharing.Retarget(MonitorTarget());

@@ -11,11 +11,11 @@
 #include <sstream>
 #include <thread>
 
-#include "mirell/daemon/rtsp_server.h"
-#include "mirell/daemon/stream_path.h"
-#include "mirell/daemon/stream_registry.h"
+#include "mirell/rtsp/rtsp_server.h"
+#include "mirell/rtsp/stream_path.h"
 #include "mirell/session/sharing.h"
 #include "mirell/session/viewing.h"
+#include "mirell/streams/stream_registry.h"
 #include "mirell/testsupport/build_speed.h"
 #include "mirell/testsupport/eventually.h"
 #include "mirell/testsupport/subprocess.h"
@@ -57,10 +57,10 @@ class SharingToAViewer : public ::testing::Test {
     ASSERT_TRUE(Eventually([&] { return testsupport::LoopbackPortAccepts(signal_port_); }));
 
     Sharing::Config config;
-    config.width = 640;
-    config.height = 360;
-    config.fps = 30;
-    config.video_kbps = 1500;
+    config.quality.width = 640;
+    config.quality.height = 360;
+    config.quality.fps = 30;
+    config.quality.video_kbps = 1500;
     config.audio_enabled = false;
     config.signal_url = SignalUrl();
     config.share_prefix = "127.0.0.1/s/";
@@ -71,8 +71,8 @@ class SharingToAViewer : public ::testing::Test {
     viewing.signal_url = SignalUrl();
     viewing.holding_card = false;
     viewing_ = std::make_unique<Viewing>(viewer_registry_, viewing);
-    rtsp_ = std::make_unique<daemon::RtspServer>(
-        [this](const std::string& path) { return viewer_registry_.Find(daemon::TokenFromPath(path)); });
+    rtsp_ = std::make_unique<rtsp::RtspServer>(
+        [this](const std::string& path) { return viewer_registry_.Find(rtsp::TokenFromPath(path)); });
     rtsp_->Start(0);
   }
 
@@ -147,11 +147,11 @@ class SharingToAViewer : public ::testing::Test {
   std::unique_ptr<testsupport::XvfbDisplay> display_;
   std::uint16_t signal_port_ = 0;
   std::unique_ptr<ChildProcess> signal_;
-  daemon::StreamRegistry host_registry_;
-  daemon::StreamRegistry viewer_registry_;
+  streams::StreamRegistry host_registry_;
+  streams::StreamRegistry viewer_registry_;
   std::unique_ptr<Sharing> sharing_;
   std::unique_ptr<Viewing> viewing_;
-  std::unique_ptr<daemon::RtspServer> rtsp_;
+  std::unique_ptr<rtsp::RtspServer> rtsp_;
 };
 
 TEST_F(SharingToAViewer, ARetargetKeepsTheViewersLinkAndShowsTheNewWindowAtOnce) {
@@ -274,14 +274,14 @@ TEST_F(SharingToAViewer, AShareThatStopsEndsItsViewersPlayerWithinASecond) {
 TEST_F(SharingToAViewer, WithoutASignalServerTheShareStillPlaysOnThisMachine) {
   auto window = OpenWindow("Local Window", "0000FF");
   Sharing::Config config;
-  config.width = 640;
-  config.height = 360;
+  config.quality.width = 640;
+  config.quality.height = 360;
   config.audio_enabled = false;
   Sharing local(host_registry_, config);
   local.Start(WindowTarget(*window, "local"));
   EXPECT_EQ(local.viewer_count(), 0u);
-  daemon::RtspServer host_rtsp(
-      [this](const std::string& path) { return host_registry_.Find(daemon::TokenFromPath(path)); });
+  rtsp::RtspServer host_rtsp(
+      [this](const std::string& path) { return host_registry_.Find(rtsp::TokenFromPath(path)); });
   host_rtsp.Start(0);
   const auto result = testsupport::RunProcess(
       {"ffmpeg", "-hide_banner", "-nostdin", "-rtsp_transport", "tcp", "-i",

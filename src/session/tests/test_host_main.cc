@@ -24,9 +24,9 @@
 
 #include "fixture_publisher.h"
 #include "mirell/base/logging.h"
-#include "mirell/daemon/media_stream.h"
 #include "mirell/media/aac_rtp.h"
 #include "mirell/session/share_session.h"
+#include "mirell/streams/media_stream.h"
 #include "mirell/transport/peer_link.h"
 #include "mirell/transport/signal_client.h"
 
@@ -68,8 +68,8 @@ struct Door {
   }
 };
 
-std::unique_ptr<Door> OpenDoor(const Options& options, daemon::MediaStream& stream,
-                               daemon::testing::FixturePublisher& publisher, Events& events) {
+std::unique_ptr<Door> OpenDoor(const Options& options, streams::MediaStream& stream,
+                               rtsp::testing::FixturePublisher& publisher, Events& events) {
   transport::SignalConfig config;
   config.url = options.signal_url;
   config.token = options.token;
@@ -140,13 +140,13 @@ int main(int argc, char** argv) {
   transport::InitialiseTransportLogging();
   transport::PrepareLinks();
   Events events(options.dir / "events");
-  auto stream = std::make_shared<daemon::MediaStream>("test host", 30, 2000);
-  daemon::testing::FixtureOptions fixture;
+  auto stream = std::make_shared<streams::MediaStream>("test host", 30, 2000);
+  rtsp::testing::FixtureOptions fixture;
   fixture.width = options.width;
   fixture.height = options.height;
   fixture.video_kbps = options.video_kbps;
   if (options.width > 640) fixture.frames = 300;
-  daemon::testing::FixturePublisher publisher(options.dir, stream, fixture);
+  rtsp::testing::FixturePublisher publisher(options.dir, stream, fixture);
   stream->SetKeyframeRequester([&publisher] { publisher.RequestKeyframe(); });
   publisher.Start();
   std::unique_ptr<Door> door = OpenDoor(options, *stream, publisher, events);

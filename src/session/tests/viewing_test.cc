@@ -52,7 +52,7 @@ class ViewingTest : public ::testing::Test {
 
   testsupport::TempDir dir_;
   FakeSignalServer server_;
-  daemon::StreamRegistry registry_;
+  streams::StreamRegistry registry_;
 };
 
 TEST_F(ViewingTest, AnEmptyTokenDoesNothing) {
@@ -63,7 +63,7 @@ TEST_F(ViewingTest, AnEmptyTokenDoesNothing) {
 }
 
 TEST_F(ViewingTest, TheTokenOfThisProgramsOwnShareIsServedFromItsStream) {
-  auto own = std::make_shared<daemon::MediaStream>("sharing screen", 30, 6000);
+  auto own = std::make_shared<streams::MediaStream>("sharing screen", 30, 6000);
   registry_.Publish("OWNTOKEN0001", own);
   Viewing viewing(registry_, Config());
   viewing.Ensure("OWNTOKEN0001");

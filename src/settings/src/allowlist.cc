@@ -5,7 +5,7 @@
 #include <QStringList>
 #include <algorithm>
 
-#include "mirell/daemon/vrchat_identity.h"
+#include "mirell/vrchat/vrchat_identity.h"
 
 namespace mirell::settings {
 namespace {
@@ -40,7 +40,7 @@ std::vector<AllowlistEntry> LoadAllowlist() {
   const QSettings settings;
   for (const QString& element : settings.value(kKey).toStringList()) {
     AllowlistEntry entry = ParseAllowlistElement(element.toStdString());
-    if (daemon::IsVRChatUserId(entry.user_id)) entries.push_back(std::move(entry));
+    if (vrchat::IsVRChatUserId(entry.user_id)) entries.push_back(std::move(entry));
   }
   for (const QString& element : settings.value(kKeysKey).toStringList()) {
     const AllowlistEntry pair = ParseAllowlistElement(element.toStdString());
@@ -66,7 +66,7 @@ void SaveAllowlist(const std::vector<AllowlistEntry>& entries) {
 
 bool AddToAllowlist(std::vector<AllowlistEntry>& entries, const std::string& user_id,
                     const std::string& name, const std::string& key_fingerprint) {
-  if (!daemon::IsVRChatUserId(user_id)) return false;
+  if (!vrchat::IsVRChatUserId(user_id)) return false;
   auto existing = Find(entries, user_id);
   if (existing == entries.end()) {
     entries.push_back({user_id, name, {}});

@@ -56,8 +56,8 @@ const std::vector<std::uint32_t>& AudioKbpsPresets() {
   return presets;
 }
 
-QualitySettings Sanitise(QualitySettings settings) {
-  const QualitySettings defaults;
+encode::ShareQuality Sanitise(encode::ShareQuality settings) {
+  const encode::ShareQuality defaults;
   settings.width = InRange(settings.width, 160, 3840, defaults.width, "width");
   settings.height = InRange(settings.height, 120, 2160, defaults.height, "height");
   settings.fps = InRange(settings.fps, 10, 60, defaults.fps, "fps");
@@ -69,10 +69,10 @@ QualitySettings Sanitise(QualitySettings settings) {
   return settings;
 }
 
-QualitySettings LoadQualitySettings() {
+encode::ShareQuality LoadQualitySettings() {
   const QSettings stored;
-  const QualitySettings defaults;
-  QualitySettings settings;
+  const encode::ShareQuality defaults;
+  encode::ShareQuality settings;
   settings.width = ReadNumber(stored, "quality/width", defaults.width);
   settings.height = ReadNumber(stored, "quality/height", defaults.height);
   settings.fps = ReadNumber(stored, "quality/fps", defaults.fps);
@@ -82,7 +82,7 @@ QualitySettings LoadQualitySettings() {
   return Sanitise(settings);
 }
 
-void SaveQualitySettings(const QualitySettings& settings) {
+void SaveQualitySettings(const encode::ShareQuality& settings) {
   QSettings stored;
   stored.setValue("quality/width", settings.width);
   stored.setValue("quality/height", settings.height);

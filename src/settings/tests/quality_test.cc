@@ -4,8 +4,8 @@
 
 
 #include "mirell/base/logging.h"
-#include "mirell/testsupport/subprocess.h"
 #include "mirell/settings/quality.h"
+#include "mirell/testsupport/subprocess.h"
 #include "temporary_settings.h"
 
 namespace mirell::settings {
@@ -23,7 +23,7 @@ class QualityStore : public TemporarySettings {
 };
 
 TEST_F(QualityStore, NothingStoredGivesTheDefaults) {
-  const QualitySettings loaded = LoadQualitySettings();
+  const encode::ShareQuality loaded = LoadQualitySettings();
   EXPECT_EQ(loaded.width, 1280u);
   EXPECT_EQ(loaded.height, 720u);
   EXPECT_EQ(loaded.fps, 30u);
@@ -34,7 +34,7 @@ TEST_F(QualityStore, NothingStoredGivesTheDefaults) {
 
 TEST_F(QualityStore, WhatIsSavedIsLoadedInTheConfigurationFileOfMirell) {
   SaveQualitySettings({1920, 1080, 60, 16000, 192, true});
-  const QualitySettings loaded = LoadQualitySettings();
+  const encode::ShareQuality loaded = LoadQualitySettings();
   EXPECT_EQ(loaded.width, 1920u);
   EXPECT_EQ(loaded.height, 1080u);
   EXPECT_EQ(loaded.fps, 60u);
@@ -62,7 +62,7 @@ TEST_F(QualityStore, AnFpsOutOfRangeIsTheDefaultAndSaysSo) {
 TEST_F(QualityStore, TooLargeIsTheDefaultNotTheNearestBound) {
   Store("quality/width", 5000);
   Store("quality/videoKbps", 100);
-  const QualitySettings loaded = LoadQualitySettings();
+  const encode::ShareQuality loaded = LoadQualitySettings();
   EXPECT_EQ(loaded.width, 1280u);
   EXPECT_EQ(loaded.video_kbps, 6000u);
   EXPECT_NE(Log().find("width of 5000 is outside 160-3840, using 1280"), std::string::npos) << Log();

@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <filesystem>
+#include <map>
+#include <sstream>
 #include <thread>
 
 namespace mirell::testsupport {
@@ -76,6 +78,40 @@ XvfbDisplay::~XvfbDisplay() {
     server_->Signal(SIGTERM);
     server_->Wait(std::chrono::seconds(5));
   }
+}
+
+}  // namespace mirell::testsupport
+
+namespace mirell::testsupport {
+
+std::optional<ScreenPoint> TrayIconPoint(const ProcessOptions& options) {
+  const ProcessResult found = RunProcess({"xdotool", "search", "--onlyvisible", "--class", "trayer"}, options);
+  std::optional<ScreenPoint> point;
+  int right_edge = -1;
+  std::istringstream windows(found.out);
+  std::string window;
+  while (windows >> window) {
+    const ProcessResult geometry = RunProcess({"xdotool", "getwindowgeometry", "--shell", window}, options);
+    std::map<std::string, int> values;
+    std::istringstream lines(geometry.out);
+    std::string line;
+    while (std::getline(lines, line)) {
+      const auto equals = line.find('=');
+      if (equals == std::string::npos) continue;
+      try {
+        values[line.substr(0, equals)] = std::stoi(line.substr(equals + 1));
+      } catch (const std::exception&) {
+      }
+    }
+    const int height = values["HEIGHT"];
+    const int right = values["X"] + values["WIDTH"];
+    // The panel itself, not a window of its own it keeps for embedding.
+    if (height < 16 || right <= right_edge) continue;
+    right_edge = right;
+    // Icons are squares as high as the panel; the first ends the right-aligned panel.
+    point = ScreenPoint{right - height / 2, values["Y"] + height / 2};
+  }
+  return point;
 }
 
 }  // namespace mirell::testsupport

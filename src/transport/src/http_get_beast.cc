@@ -13,8 +13,8 @@
 #include <type_traits>
 
 #include "mirell/base/logging.h"
-#include "mirell/transport/https_get.h"
 #include "mirell/protocol/signal_endpoint.h"
+#include "mirell/transport/https_get.h"
 #include "mirell/transport/signal_endpoint.h"
 #include "server_url.h"
 #include "tls_context.h"

@@ -6,9 +6,9 @@
 #include <memory>
 
 #include "mirell/base/logging.h"
+#include "mirell/protocol/signal_endpoint.h"
 #include "mirell/testsupport/https_test_server.h"
 #include "mirell/testsupport/tcp_client.h"
-#include "mirell/protocol/signal_endpoint.h"
 #include "mirell/transport/signal_endpoint.h"
 
 namespace mirell::transport {

@@ -56,6 +56,14 @@ class H264Encoder {
 // The keyframe distance in frames: gop_seconds x fps, at least 1.
 std::uint32_t GopFrames(const H264EncoderConfig& config);
 
+// A live stream's keyframe distance: a player that joins waits at most this long for a picture
+// (a viewer's own request for one is answered sooner).
+inline constexpr std::uint32_t kLiveStreamGopSeconds = 2;
+// What a live stream (a share, the holding card) is encoded with: whole frames per second, the
+// live keyframe distance, hardware encoders tried first.
+H264EncoderConfig LiveStreamConfig(std::uint32_t width, std::uint32_t height, std::uint32_t fps,
+                                   std::uint32_t kbps, H264Profile profile);
+
 // Throws Error for odd sizes or a frame rate that is not positive, and when no encoder opens.
 std::unique_ptr<H264Encoder> CreateH264Encoder(const H264EncoderConfig& config);
 

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "mirell/capture/audio_capturer.h"
-#include "mirell/daemon/audio_bus.h"
 #include "mirell/encode/aac_encoder.h"
+#include "mirell/streams/audio_bus.h"
 
 namespace mirell::session {
 
@@ -25,7 +25,7 @@ class AudioSource {
 
   // Throws Error for a missing capturer or encoder, or when their rates or channels differ.
   AudioSource(std::unique_ptr<capture::IAudioCapturer> capturer, std::unique_ptr<encode::AacEncoder> encoder,
-              daemon::AudioBus& bus);
+              streams::AudioBus& bus);
   // Stops.
   ~AudioSource();
   AudioSource(const AudioSource&) = delete;
@@ -52,7 +52,7 @@ class AudioSource {
 
   std::unique_ptr<capture::IAudioCapturer> capturer_;
   std::unique_ptr<encode::AacEncoder> encoder_;
-  daemon::AudioBus& bus_;
+  streams::AudioBus& bus_;
   std::atomic<std::int64_t>* epoch_ = nullptr;
   std::mutex mutex_;  // Guards encoder_ and units_: the capturer's thread and Stop meet here.
   std::vector<encode::EncodedAudioFrame> units_;

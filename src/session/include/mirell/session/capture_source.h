@@ -18,9 +18,9 @@
 #include <thread>
 
 #include "mirell/capture/capturer.h"
-#include "mirell/daemon/frame_bus.h"
 #include "mirell/encode/h264_encoder.h"
 #include "mirell/encode/video_processor.h"
+#include "mirell/streams/frame_bus.h"
 
 namespace mirell::session {
 
@@ -45,7 +45,7 @@ class CaptureSource {
   // Throws Error for a target_fps of 0. The encoder is not owned: it outlives a source, so that
   // it survives a change of target; the bus likewise.
   CaptureSource(std::unique_ptr<capture::ICapturer> capturer, encode::H264Encoder& encoder,
-                std::unique_ptr<encode::VideoProcessor> processor, daemon::FrameBus& bus,
+                std::unique_ptr<encode::VideoProcessor> processor, streams::FrameBus& bus,
                 std::uint32_t target_fps);
   // Stops.
   ~CaptureSource();
@@ -86,7 +86,7 @@ class CaptureSource {
   std::function<void(const FrameTiming&)> on_timing_;
   std::atomic<std::int64_t>* epoch_ = nullptr;
   std::unique_ptr<encode::VideoProcessor> processor_;
-  daemon::FrameBus& bus_;
+  streams::FrameBus& bus_;
 
   // The hand-over, three pictures of the output size. The capturer's thread writes `incoming_`
   // and swaps it with `slot_`; the encode thread swaps `slot_` with `encoding_` when a new one is

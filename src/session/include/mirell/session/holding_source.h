@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "mirell/daemon/audio_bus.h"
-#include "mirell/daemon/frame_bus.h"
 #include "mirell/encode/encoded_frame.h"
+#include "mirell/streams/audio_bus.h"
+#include "mirell/streams/frame_bus.h"
 
 namespace mirell::session {
 
@@ -72,7 +72,7 @@ class HoldingSource {
   static constexpr std::uint64_t kHeadStartFrames = 9;
 
   // Copies the clip as it is now.
-  HoldingSource(daemon::FrameBus& frames, daemon::AudioBus& audio, const HoldingClip& clip);
+  HoldingSource(streams::FrameBus& frames, streams::AudioBus& audio, const HoldingClip& clip);
   ~HoldingSource();
   HoldingSource(const HoldingSource&) = delete;
   HoldingSource& operator=(const HoldingSource&) = delete;
@@ -93,8 +93,8 @@ class HoldingSource {
   void Run();
   void Play();
 
-  daemon::FrameBus& frames_bus_;
-  daemon::AudioBus& audio_bus_;
+  streams::FrameBus& frames_bus_;
+  streams::AudioBus& audio_bus_;
   std::vector<encode::EncodedFrame> clip_;
   std::vector<std::uint8_t> silence_;
   std::int64_t frame_duration_;

@@ -16,10 +16,10 @@
 #include <span>
 #include <vector>
 
-#include "mirell/daemon/audio_bus.h"
-#include "mirell/daemon/frame_bus.h"
 #include "mirell/media/aac_rtp.h"
 #include "mirell/media/h264_rtp.h"
+#include "mirell/streams/audio_bus.h"
+#include "mirell/streams/frame_bus.h"
 #include "mirell/transport/peer_link.h"
 
 namespace mirell::session {
@@ -39,7 +39,7 @@ class PeerReceiver {
   using ByteSpan = std::span<const std::uint8_t>;
 
   // `audio_clock` in Hz until SetAudioClock replaces it.
-  PeerReceiver(transport::PeerLink* link, daemon::FrameBus* frames, daemon::AudioBus* audio,
+  PeerReceiver(transport::PeerLink* link, streams::FrameBus* frames, streams::AudioBus* audio,
                unsigned audio_clock);
   PeerReceiver(const PeerReceiver&) = delete;
   PeerReceiver& operator=(const PeerReceiver&) = delete;
@@ -67,8 +67,8 @@ class PeerReceiver {
   std::atomic<std::int64_t> offset_{0};  // 100 ns; written once, before base_.
   bool first_video_seen_ = false;
   transport::PeerLink* link_;
-  daemon::FrameBus* frames_;
-  daemon::AudioBus* audio_;
+  streams::FrameBus* frames_;
+  streams::AudioBus* audio_;
   std::atomic<unsigned> audio_clock_;
   media::H264RtpDepacketizer video_;
   media::AacRtpDepacketizer audio_depacketizer_;

@@ -14,10 +14,10 @@
 #include <thread>
 #include <vector>
 
-#include "mirell/daemon/audio_bus.h"
-#include "mirell/daemon/frame_bus.h"
 #include "mirell/media/aac_rtp.h"
 #include "mirell/media/h264_rtp.h"
+#include "mirell/streams/audio_bus.h"
+#include "mirell/streams/frame_bus.h"
 #include "mirell/transport/peer_link.h"
 
 namespace mirell::session {
@@ -25,7 +25,7 @@ namespace mirell::session {
 class PeerSender {
  public:
   // `audio` may be null: video only. `audio_clock` is the audio RTP clock in Hz.
-  PeerSender(transport::PeerLink* link, daemon::FrameBus* frames, daemon::AudioBus* audio,
+  PeerSender(transport::PeerLink* link, streams::FrameBus* frames, streams::AudioBus* audio,
              unsigned audio_clock);
   ~PeerSender();
   PeerSender(const PeerSender&) = delete;
@@ -52,12 +52,12 @@ class PeerSender {
 
  private:
   void Run();
-  void SendAudio(daemon::AudioBus::Subscription& subscription, std::int64_t base);
+  void SendAudio(streams::AudioBus::Subscription& subscription, std::int64_t base);
   void SendVideo(const encode::EncodedFramePtr& frame, std::int64_t base);
 
   transport::PeerLink* link_;
-  daemon::FrameBus* frames_;
-  daemon::AudioBus* audio_;
+  streams::FrameBus* frames_;
+  streams::AudioBus* audio_;
   unsigned audio_clock_;
   media::H264RtpPacketizer video_packetizer_;
   media::AacRtpPacketizer audio_packetizer_;

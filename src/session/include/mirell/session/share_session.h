@@ -25,10 +25,10 @@
 #include <vector>
 
 #include "mirell/base/serial_worker.h"
-#include "mirell/daemon/audio_bus.h"
-#include "mirell/daemon/frame_bus.h"
 #include "mirell/session/admission.h"
 #include "mirell/session/peer_sender.h"
+#include "mirell/streams/audio_bus.h"
+#include "mirell/streams/frame_bus.h"
 #include "mirell/transport/peer_config.h"
 #include "mirell/transport/peer_link.h"
 #include "mirell/transport/signal_client.h"
@@ -64,7 +64,7 @@ class ShareSession {
   using PendingHandler = std::function<void(const PendingViewer&)>;
 
   // `audio` may be null: the share has no sound. `audio_clock` is the audio RTP clock in Hz.
-  ShareSession(transport::SignalClient* signal, daemon::FrameBus* frames, daemon::AudioBus* audio,
+  ShareSession(transport::SignalClient* signal, streams::FrameBus* frames, streams::AudioBus* audio,
                transport::PeerConfig config, transport::OfferMedia media, unsigned audio_clock);
   ~ShareSession();
   ShareSession(const ShareSession&) = delete;
@@ -158,8 +158,8 @@ class ShareSession {
   static void End(Peer& peer);
 
   transport::SignalClient* signal_;
-  daemon::FrameBus* frames_;
-  daemon::AudioBus* audio_;
+  streams::FrameBus* frames_;
+  streams::AudioBus* audio_;
   const transport::PeerConfig peer_config_;
   const transport::OfferMedia offer_media_;
   const unsigned audio_clock_;

@@ -6,12 +6,15 @@
 // viewers does not change the cost of capture and encoding. The stream is published under the
 // token, so that this machine can play its own share through the loopback RTSP server.
 //
-// Threads: every operation comes from the interface thread, except token(), which the resolver
-// also asks from its own thread (it takes mutex_, so it may wait out a retarget). The pending handler, the keyframe
-// handlers and the signal client's handlers run on library threads. mutex_ guards the settings,
-// the allowlist and the state; it is held through the whole of Retarget (no reader sees a
-// half-swapped share) and released around the stopping in Stop and Revoke, which wait for
-// threads whose handlers may call back. Lock order: mutex_, then the session's.
+// Threads: every operation that changes the share comes from the thread that made the object
+// (the interface thread; checked in debug builds); the reading ones may come from any thread:
+// token() is asked from the resolver's thread too (it takes mutex_, so it may wait out a
+// retarget). The pending handler, the keyframe handlers and the signal client's handlers run on
+// library threads. mutex_ guards the settings, the allowlist and the state (the compiler checks
+// it: MIRELL_GUARDED_BY); it is held through the whole of Retarget (no reader sees a half-swapped
+// share) and released around the stopping in Stop and Revoke, which wait for threads whose
+// handlers may call back. Start reads the settings once, under the lock, and builds the share
+// outside it. Lock order: mutex_, then the session's.
 #pragma once
 
 #include <atomic>
@@ -19,14 +22,16 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "mirell/base/mutex.h"
+#include "mirell/base/thread_checker.h"
 #include "mirell/capture/audio_capturer.h"
 #include "mirell/capture/capturer.h"
-#include "mirell/daemon/stream_registry.h"
+#include "mirell/encode/share_quality.h"
 #include "mirell/session/share_session.h"
+#include "mirell/streams/stream_registry.h"
 #include "mirell/transport/peer_config.h"
 
 namespace mirell::session {
@@ -37,16 +42,6 @@ struct ShareTarget {
   std::string label;             // What the user calls it; shown and logged, never sent.
   std::uint32_t process_id = 0;  // A window's process, for its sound.
   bool whole_mix = false;        // Capture the whole output mix; set for a monitor.
-};
-
-// The quality settings, laid out as the first six fields of Sharing::Config.
-struct ShareQuality {
-  std::uint32_t width = 1280;
-  std::uint32_t height = 720;
-  std::uint32_t fps = 30;
-  std::uint32_t video_kbps = 6000;
-  std::uint32_t audio_kbps = 128;
-  bool mono = false;
 };
 
 // Where pictures and sound come from: the platform's capture, or what a test puts in its place.
@@ -72,12 +67,7 @@ enum class SignalState {
 class Sharing {
  public:
   struct Config {
-    std::uint32_t width = 1280;  // Encoded size.
-    std::uint32_t height = 720;
-    std::uint32_t fps = 30;
-    std::uint32_t video_kbps = 6000;
-    std::uint32_t audio_kbps = 128;
-    bool mono = false;                 // Fold the sound to mono.
+    encode::ShareQuality quality;
     std::uint32_t video_profile = 1;   // Main.
     bool audio_enabled = true;         // Share sound at all.
     bool always_whole_mix = false;     // The whole output mix for windows too.
@@ -91,7 +81,7 @@ class Sharing {
 
   using PendingHandler = ShareSession::PendingHandler;
 
-  Sharing(daemon::StreamRegistry& registry, Config config, CaptureFactories factories = {});
+  Sharing(streams::StreamRegistry& registry, Config config, CaptureFactories factories = {});
   // Stops.
   ~Sharing();
   Sharing(const Sharing&) = delete;
@@ -124,7 +114,7 @@ class Sharing {
   void SetAllowlist(Allowlist allowlist);
   // For the next share; a running one keeps what it has.
   void SetIceServers(std::vector<transport::IceServer> servers, std::uint32_t policy);
-  void SetQuality(const ShareQuality& quality);
+  void SetQuality(const encode::ShareQuality& quality);
   // False admits every viewer at once.
   void SetAdmissionRequired(bool required);
   // For the next share: anyone with its link can watch (every viewer is let in at once) and its
@@ -159,28 +149,38 @@ class Sharing {
 
  private:
   struct State;
+  // What a share is built from, read together under mutex_.
+  struct Settings {
+    Config config;
+    bool admission_required = false;
+    bool is_public = false;
+    Allowlist allowlist;
+  };
 
+  Settings CurrentSettings() const MIRELL_REQUIRES(mutex_);
   // The state's sound, as far as it can be opened; a failure leaves the share silent.
-  void OpenAudio(State& state, const ShareTarget& target);
+  void OpenAudio(State& state, const ShareTarget& target, const Config& config);
   // The signal client and the door, when there is a signal server.
-  void StartPeering(State& state);
-  std::unique_ptr<class CaptureSource> MakeCaptureSource(State& state, const ShareTarget& target);
+  void StartPeering(State& state, const Settings& settings);
+  std::unique_ptr<class CaptureSource> MakeCaptureSource(State& state, const ShareTarget& target,
+                                                         const encode::ShareQuality& quality);
 
-  daemon::StreamRegistry& registry_;
-  Config config_;
+  streams::StreamRegistry& registry_;
   const CaptureFactories factories_;
-  bool admission_required_ = false;
-  bool public_ = false;
+  const ThreadChecker owner_thread_;
   std::atomic<bool> expired_{false};
-  Allowlist allowlist_;
   // Its own lock: the door calls it on the signal client's thread, which must never wait for
   // mutex_ (held through a whole Retarget).
-  std::mutex handler_mutex_;
-  PendingHandler on_viewer_pending_;
-  std::function<void(const std::string&)> on_viewer_pending_gone_;
-  std::function<void(const std::string&)> on_refused_;
-  mutable std::mutex mutex_;
-  std::unique_ptr<State> state_;
+  Mutex handler_mutex_ MIRELL_ACQUIRED_AFTER(mutex_);
+  PendingHandler on_viewer_pending_ MIRELL_GUARDED_BY(handler_mutex_);
+  std::function<void(const std::string&)> on_viewer_pending_gone_ MIRELL_GUARDED_BY(handler_mutex_);
+  std::function<void(const std::string&)> on_refused_ MIRELL_GUARDED_BY(handler_mutex_);
+  mutable Mutex mutex_;
+  Config config_ MIRELL_GUARDED_BY(mutex_);
+  bool admission_required_ MIRELL_GUARDED_BY(mutex_) = false;
+  bool public_ MIRELL_GUARDED_BY(mutex_) = false;
+  Allowlist allowlist_ MIRELL_GUARDED_BY(mutex_);
+  std::unique_ptr<State> state_ MIRELL_GUARDED_BY(mutex_);
 };
 
 }  // namespace mirell::session

@@ -6,7 +6,7 @@
 // Threads: Ensure runs on the resolve service's one thread (a relay's on its players' threads,
 // one at a time under ensure_mutex_, which is taken before mutex_); Poll, Stop and the setters on
 // the interface thread; the handlers on the signal client's and the link's threads. The mutex guards
-// the watch list and the join settings, and is never held across a network or library call. The
+// the watch list and the join settings (MIRELL_GUARDED_BY, checked by clang), and is never held across a network or library call. The
 // handlers touch only their own watch's flag, stream, link, receiver and holding source, never the
 // list: they mark a watch done and the next Poll removes it.
 #pragma once
@@ -15,13 +15,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "mirell/daemon/media_stream.h"
-#include "mirell/daemon/stream_registry.h"
+#include "mirell/base/mutex.h"
 #include "mirell/session/holding_source.h"
+#include "mirell/streams/media_stream.h"
+#include "mirell/streams/stream_registry.h"
 #include "mirell/transport/identity_key.h"
 #include "mirell/transport/peer_config.h"
 #include "mirell/transport/signal_client.h"
@@ -48,7 +48,7 @@ class Viewing {
   };
 
   // With a holding card, starts building its clip in the background.
-  Viewing(daemon::StreamRegistry& registry, Config config);
+  Viewing(streams::StreamRegistry& registry, Config config);
   ~Viewing();
   Viewing(const Viewing&) = delete;
   Viewing& operator=(const Viewing&) = delete;
@@ -97,7 +97,7 @@ class Viewing {
 
   // The stream's audio, history and description from what a host said; zero fields take the
   // defaults (48 kHz, stereo, 128 kb/s) and a missing or bad config is derived from them.
-  static void ApplyMedia(daemon::MediaStream& stream, const protocol::StreamMedia& media);
+  static void ApplyMedia(streams::MediaStream& stream, const protocol::StreamMedia& media);
 
   // A watch that no player ever read is dropped after this long (or the grace, if longer): a
   // link resolved by something that never plays it must not keep a peer connection for ever.
@@ -114,17 +114,18 @@ class Viewing {
  private:
   struct Watch;
 
-  static void End(daemon::StreamRegistry& registry, Watch& watch);
+  static void End(streams::StreamRegistry& registry, Watch& watch);
   // Starts the card in a watch that has none, unless the host's picture has come; any thread.
   static void StartCard(Watch& watch, const HoldingClip& clip);
   // The card's builder thread, once the card is ready: every watch made before it gets it.
   void StartWaitingCards();
 
-  daemon::StreamRegistry& registry_;
+  streams::StreamRegistry& registry_;
   const std::string signal_url_;
-  bool share_identity_;
-  std::vector<transport::IceServer> ice_servers_;
-  std::uint32_t ice_policy_;
+  mutable Mutex mutex_;
+  bool share_identity_ MIRELL_GUARDED_BY(mutex_);
+  std::vector<transport::IceServer> ice_servers_ MIRELL_GUARDED_BY(mutex_);
+  std::uint32_t ice_policy_ MIRELL_GUARDED_BY(mutex_);
   const bool holding_card_;
   const std::int64_t prime_ms_;
   const std::uint32_t fps_;
@@ -134,12 +135,11 @@ class Viewing {
   const std::size_t max_watches_;
   const std::string relay_secret_;
   std::unique_ptr<HoldingClip> clip_;
-  std::mutex ensure_mutex_;
-  mutable std::mutex mutex_;
-  std::string identity_;
-  std::string display_name_;
-  std::shared_ptr<const transport::IdentityKey> key_;
-  std::vector<std::unique_ptr<Watch>> watches_;
+  Mutex ensure_mutex_ MIRELL_ACQUIRED_BEFORE(mutex_);
+  std::string identity_ MIRELL_GUARDED_BY(mutex_);
+  std::string display_name_ MIRELL_GUARDED_BY(mutex_);
+  std::shared_ptr<const transport::IdentityKey> key_ MIRELL_GUARDED_BY(mutex_);
+  std::vector<std::unique_ptr<Watch>> watches_ MIRELL_GUARDED_BY(mutex_);
 };
 
 }  // namespace mirell::session

@@ -6,16 +6,9 @@
 #include <string>
 #include <vector>
 
-namespace mirell::settings {
+#include "mirell/encode/share_quality.h"
 
-struct QualitySettings {
-  std::uint32_t width = 1280;
-  std::uint32_t height = 720;
-  std::uint32_t fps = 30;
-  std::uint32_t video_kbps = 6000;
-  std::uint32_t audio_kbps = 128;
-  bool mono = false;
-};
+namespace mirell::settings {
 
 struct SizePreset {
   std::uint32_t width;
@@ -31,11 +24,11 @@ const std::vector<std::uint32_t>& AudioKbpsPresets();
 
 // Out-of-range values replaced by the defaults (not the nearest bound), each with a warn line;
 // the sound rate snapped to the nearest preset (the lower on a tie); width and height even.
-QualitySettings Sanitise(QualitySettings settings);
+encode::ShareQuality Sanitise(encode::ShareQuality quality);
 
 // Through a default QSettings (the application's organisation and name decide the file).
-QualitySettings LoadQualitySettings();
+encode::ShareQuality LoadQualitySettings();
 // Written as given, not sanitised.
-void SaveQualitySettings(const QualitySettings& settings);
+void SaveQualitySettings(const encode::ShareQuality& quality);
 
 }  // namespace mirell::settings

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "mirell/testsupport/subprocess.h"
@@ -41,5 +42,16 @@ class XvfbDisplay {
   std::unique_ptr<ChildProcess> window_manager_;
   std::string name_;
 };
+
+struct ScreenPoint {
+  int x = 0;
+  int y = 0;
+};
+
+// The middle of the first icon in a running trayer's tray (started with "--align right" and
+// "--widthtype request", so its window is as wide as its icons and the first icon ends it), read
+// from the window's geometry with xdotool; none while trayer has no visible window. `options`
+// names the display.
+std::optional<ScreenPoint> TrayIconPoint(const ProcessOptions& options);
 
 }  // namespace mirell::testsupport
