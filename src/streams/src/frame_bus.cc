@@ -113,6 +113,7 @@ void FrameBus::Publish(const FramePtr& frame) {
   std::vector<std::shared_ptr<Subscription>> readers;
   {
     std::lock_guard lock(mutex_);
+    if (closed_) return;
     readers = subscribers_;
     detail::RecordHistory(history_, history_limit_, frame);
     live_edge_ = {frame->pts_100ns, SteadyNowNs()};
@@ -192,6 +193,7 @@ void FrameBus::Close() {
     std::lock_guard lock(mutex_);
     closed_ = true;
     readers.swap(subscribers_);
+    history_.clear();
   }
   for (const auto& reader : readers) reader->Close();
 }

@@ -247,8 +247,11 @@ TEST_F(StubInstallerTest, WatchdogPutsTheStubBackAndPreservesAFreshResolver) {
   StubInstaller installer(Config());
   installer.Install();
   installer.StartWatchdog();
-  // VRChat downloads a fresh resolver over the stub.
-  MakeTaggedFile(live(), 8 << 20, 'F');
+  // VRChat puts a fresh resolver in the stub's place. Whole at once: written in place, the
+  // watchdog (every 50 ms) may meet it half written, which is the download-in-progress case below.
+  const fs::path downloaded = tools_ / "download.part";
+  MakeTaggedFile(downloaded, 8 << 20, 'F');
+  fs::rename(downloaded, live());
   const auto deadline = std::chrono::steady_clock::now() + 2s;
   while (installer.reapplied() == 0 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(10ms);

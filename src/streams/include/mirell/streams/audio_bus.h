@@ -59,9 +59,9 @@ class AudioBus {
   std::shared_ptr<Subscription> Subscribe(std::uint64_t max_queue, std::int64_t from_timestamp);
   void Unsubscribe(const std::shared_ptr<Subscription>& subscription);
   void SetHistory(std::uint64_t limit);
-  // Closes every subscriber and, unlike the video bus, clears the history.
+  // Final: closes every subscriber and clears the history (the video bus's rule too).
   void Close();
-  // Closes every present subscriber but stays open, history kept (as the video bus's).
+  // Closes every present subscriber but stays open, history kept (the video bus's rule too).
   void EndReaders();
   std::size_t SubscriberCount() const;
   // Frames held for priming; for statistics and tests.

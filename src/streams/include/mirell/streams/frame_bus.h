@@ -75,8 +75,8 @@ class FrameBus {
   FrameBus(const FrameBus&) = delete;
   FrameBus& operator=(const FrameBus&) = delete;
 
-  // Producer thread. Never waits for a reader. A null frame is ignored. After Close the frame
-  // still enters the history but reaches nobody.
+  // Producer thread. Never waits for a reader. A null frame is ignored; after Close nothing is
+  // stored or delivered.
   void Publish(const FramePtr& frame);
   // A new reader with `max_queue` capacity, primed with at least `prime_frames` frames from the
   // newest keyframe that allows it (0: no priming, start at the next keyframe). On a closed bus
@@ -86,7 +86,7 @@ class FrameBus {
   void Unsubscribe(const std::shared_ptr<Subscription>& subscription);
   // Keeps at most `limit` frames of history; 0 keeps none.
   void SetHistory(std::uint64_t limit);
-  // Closes every subscriber; the history stays and goes away with the bus.
+  // Final: closes every subscriber and clears the history (the audio bus's rule too).
   void Close();
   // Closes every present subscriber but stays open: later readers subscribe as usual. For a
   // stream that goes on under a new name while the readers of the old one must end.
